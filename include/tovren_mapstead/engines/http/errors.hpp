@@ -1,0 +1,75 @@
+// What an exchange or a retry loop can end in. The engine makes these texts free of the secrets it
+// was given before it throws, so whoever prints one later cannot leak them.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace tovren_mapstead::engines::http {
+
+/// The engine's errors have this base, so that a caller of the engine alone can catch them all.
+class Error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A failure that another attempt may mend: `retry` makes one if its policy has any left.
+class Retryable : public Error {
+ public:
+  /// `status` is the HTTP status behind the failure, if there was one.
+  explicit Retryable(const std::string& message, std::optional<int> status = std::nullopt)
+      : Error(message), _status(status) {}
+
+  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+
+ private:
+  std::optional<int> _status;
+};
+
+/// A failure that no repetition mends: a refusing status, a bad URL, a certificate, a request that
+/// cannot be written.
+class HttpFailure : public Error {
+ public:
+  /// The text is `what`, followed by ": " and `detail` unless that is empty.
+  /// `status` is absent when no usable reply came.
+  explicit HttpFailure(const std::string& what, std::optional<int> status = std::nullopt,
+                       const std::string& detail = {})
+      : Error(detail.empty() ? what : what + ": " + detail),
+        _status(status),
+        _detail_chars(detail.size()) {}
+
+  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+
+  /// The quoted start of the server's reply, or nothing. Lives as long as this error.
+  [[nodiscard]] std::string_view detail() const noexcept {
+    const std::string_view text = what();
+    return text.substr(text.size() - _detail_chars);
+  }
+
+ private:
+  std::optional<int> _status;
+  std::size_t _detail_chars;
+};
+
+/// The caller's stop test said stop.
+class Stopped : public Error {
+ public:
+  using Error::Error;
+};
+
+/// The caller's deadline passed, or the next attempt could only have begun after it.
+class DeadlineExceeded : public Error {
+ public:
+  using Error::Error;
+};
+
+/// Every attempt of a retry loop failed in a way that called for another.
+class Exhausted : public Error {
+ public:
+  using Error::Error;
+};
+
+}  // namespace tovren_mapstead::engines::http

@@ -1,0 +1,126 @@
+// JSON as the engine reads it: whole bodies and single events, from servers that are not trusted.
+// Every text that RFC 8259 allows is read: a surrogate escape without its other half (section 8.2)
+// and a number beyond any machine type (section 6) cost a value nothing but themselves.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "tovren_mapstead/engines/http/send.hpp"
+
+namespace tovren_mapstead::engines::http {
+
+/// A value inside a JSON text, or the absence of one. Cheap to copy, read-only; valid as long as
+/// the JsonReader or JsonDocument that it came from, and until that one parses again.
+class JsonValue {
+ public:
+  enum class Kind : std::uint8_t { absent, null, boolean, integer, real, string, array, object };
+
+  JsonValue() = default;
+
+  [[nodiscard]] Kind kind() const noexcept { return _kind; }
+
+  /// Absent, null, false, zero, or a string, array or object that holds nothing.
+  [[nodiscard]] bool empty() const;
+
+  /// The member of that name; of several the last, as is usual. Absent when there is none or this
+  /// is not an object.
+  [[nodiscard]] JsonValue operator[](std::string_view name) const;
+
+  /// The members of these names, found in one pass.
+  template <std::size_t N>
+  [[nodiscard]] std::array<JsonValue, N> members(
+      const std::array<std::string_view, N>& names) const {
+    std::array<JsonValue, N> found;
+    collect(names, found);
+    return found;
+  }
+
+  /// The first element; absent when there is none or this is not an array.
+  [[nodiscard]] JsonValue front() const;
+
+  /// Of a boolean, else false.
+  [[nodiscard]] bool boolean() const;
+
+  /// Of an integer that fits, else absent.
+  [[nodiscard]] std::optional<std::int64_t> integer() const;
+
+  /// Of a number, else 0.
+  [[nodiscard]] double real() const;
+
+  /// A string as it is, any other value as JSON, nothing when absent. Always valid UTF-8: half of a
+  /// surrogate pair becomes U+FFFD.
+  [[nodiscard]] std::string text() const;
+
+  /// `out` becomes `text()`, in the memory that it has.
+  void assign_text(std::string& out) const;
+
+  /// Appends `text()`, but keeps halves of surrogate pairs, so that the other half may come with
+  /// the next value; `join_halves` ends that.
+  void append_text(std::string& out) const;
+
+ private:
+  friend class JsonReader;
+
+  // The parser's own handle to an element, kept opaque here; no document: absent.
+  struct Place {
+    const void* document = nullptr;
+    std::size_t index = 0;
+  };
+
+  JsonValue(const Place& place, bool mended);
+
+  void collect(std::span<const std::string_view> names, std::span<JsonValue> found) const;
+
+  Place _place;
+  Kind _kind = Kind::absent;
+  bool _mended = false;  // the text was rewritten to be readable; its strings need undoing
+};
+
+/// Joins the halves of surrogate pairs that `append_text` left and puts U+FFFD in place of those
+/// that stay alone. What was valid UTF-8 stays as it is.
+void join_halves(std::string& text);
+
+[[nodiscard]] bool is_utf8(std::string_view text) noexcept;
+
+/// Parses one text after the other in memory that it keeps. One thread at a time.
+class JsonReader {
+ public:
+  JsonReader();
+  JsonReader(JsonReader&&) noexcept;
+  JsonReader& operator=(JsonReader&&) noexcept;
+  ~JsonReader();
+
+  /// The value of `text`, which is copied, or nothing when it is not JSON.
+  /// Ends the life of the values of the text before.
+  std::optional<JsonValue> parse(std::string_view text);
+
+ private:
+  struct Parser;
+  std::unique_ptr<Parser> _parser;
+};
+
+/// A whole JSON text and its root.
+class JsonDocument {
+ public:
+  [[nodiscard]] const JsonValue& root() const noexcept { return _root; }
+
+ private:
+  friend JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
+
+  JsonReader _reader;
+  JsonValue _root;
+};
+
+/// Reads the whole body of `reply`, at most `policy.max_body_bytes`, as JSON.
+/// Throws Retryable when the text breaks off before its end, HttpFailure, which quotes the start of
+/// the body, when it is not JSON, and what reading throws.
+JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
+
+}  // namespace tovren_mapstead::engines::http

@@ -1,0 +1,310 @@
+// The only file that names libcurl.
+#include "engines/http/connection.hpp"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <exception>
+#include <new>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include <curl/curl.h>
+
+#include "engines/http/text.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// A fast sender is held back once so much of a body waits to be taken.
+constexpr std::size_t PAUSE_BYTES = std::size_t{64} << 10U;
+
+// No honest head is larger.
+constexpr std::size_t MAX_HEAD_BYTES = std::size_t{256} << 10U;
+
+// To save a connection, so much is read past that follows what the caller wanted.
+constexpr std::size_t MAX_DRAIN_BYTES = std::size_t{64} << 10U;
+
+// How a transfer ended that libcurl could not finish, whether another may fare better, and what the
+// user can do. What is not listed is final: repeating what is not understood helps nobody.
+struct Outcome {
+  CURLcode code;
+  bool transient;
+  std::string_view text;
+  std::string_view advice;
+};
+
+constexpr std::string_view CHECK_NETWORK = "check the URL and the network";
+constexpr std::string_view CHECK_SERVER = "check the URL and that the server runs";
+constexpr std::string_view CHECK_URL = "check the URL";
+constexpr std::string_view TRY_LATER = "try again later";
+
+constexpr std::array<Outcome, 16> OUTCOMES{{
+    {CURLE_COULDNT_RESOLVE_HOST, true, "cannot resolve the name of", CHECK_NETWORK},
+    {CURLE_COULDNT_RESOLVE_PROXY, true, "cannot resolve the proxy to", "check the proxy variables"},
+    {CURLE_COULDNT_CONNECT, true, "cannot connect to", CHECK_SERVER},
+    {CURLE_OPERATION_TIMEDOUT, true, "timed out connecting to", CHECK_SERVER},
+    {CURLE_SEND_ERROR, true, "the connection broke while sending to", TRY_LATER},
+    {CURLE_RECV_ERROR, true, "the connection broke while reading from", TRY_LATER},
+    {CURLE_GOT_NOTHING, true, "empty reply from", CHECK_SERVER},
+    {CURLE_PARTIAL_FILE, true, "the reply breaks off from", TRY_LATER},
+    {CURLE_HTTP2, true, "the HTTP/2 connection failed with", TRY_LATER},
+    {CURLE_HTTP2_STREAM, true, "the HTTP/2 stream failed from", TRY_LATER},
+    {CURLE_PEER_FAILED_VERIFICATION, false, "cannot trust the TLS certificate of",
+     "check the host name; SSL_CERT_FILE may name a file of further authorities"},
+    {CURLE_SSL_CACERT_BADFILE, false, "cannot read the trusted certificates for",
+     "check SSL_CERT_FILE"},
+    {CURLE_SSL_CONNECT_ERROR, false, "cannot agree on TLS with", "check that it speaks https"},
+    {CURLE_URL_MALFORMAT, false, "malformed URL:", CHECK_URL},
+    {CURLE_UNSUPPORTED_PROTOCOL, false, "only http and https are spoken, unlike", CHECK_URL},
+    {CURLE_WEIRD_SERVER_REPLY, false, "no HTTP server answers at", CHECK_URL},
+}};
+
+[[noreturn]] void refuse(const char* reason) {
+  throw TransportError(std::string("libcurl cannot be set up: ") + reason, false);
+}
+
+void require(CURLcode code) {
+  if (code != CURLE_OK) refuse(curl_easy_strerror(code));
+}
+
+void require(CURLMcode code) {
+  if (code != CURLM_OK) refuse(curl_multi_strerror(code));
+}
+
+void initialise_libcurl() {
+  static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
+  require(ready);
+}
+
+}  // namespace
+
+std::string origin_of(std::string_view url) {
+  const std::size_t colon = url.find("://");
+  const std::size_t start = colon == std::string_view::npos ? 0 : colon + 3;
+  const std::size_t end = std::min(url.find_first_of("/?#\\", start), url.size());
+  std::string_view authority = url.substr(start, end - start);
+  const std::size_t at = authority.find_last_of('@');
+  if (at != std::string_view::npos) authority.remove_prefix(at + 1);
+  return lower_case(url.substr(0, start)).append(authority);
+}
+
+struct Connection::Handles {
+  Handles() : multi(curl_multi_init()), easy(curl_easy_init()) {
+    if (multi == nullptr || easy == nullptr) throw std::bad_alloc();
+  }
+
+  Handles(const Handles&) = delete;
+  Handles& operator=(const Handles&) = delete;
+
+  ~Handles() {
+    curl_easy_cleanup(easy);  // takes itself out of the multi handle
+    curl_multi_cleanup(multi);
+    curl_slist_free_all(headers);
+  }
+
+  template <class Value>
+  void set(CURLoption option, Value value) {
+    require(curl_easy_setopt(easy, option, value));
+  }
+
+  void set_headers(const Headers& map) {
+    curl_slist* list = nullptr;
+    const auto add = [&](const std::string& line) {
+      curl_slist* const longer = curl_slist_append(list, line.c_str());
+      if (longer == nullptr) {
+        curl_slist_free_all(list);
+        throw std::bad_alloc();
+      }
+      list = longer;
+    };
+    for (const auto& [name, value] : map) {
+      std::string line = name;
+      add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": no value
+    }
+    add("Expect:");  // to wait for leave to send costs a round trip, or a second where none comes
+    curl_slist_free_all(std::exchange(headers, list));
+    set(CURLOPT_HTTPHEADER, headers);
+  }
+
+  CURLM* multi;
+  CURL* easy;
+  curl_slist* headers = nullptr;
+  CURLcode result = CURLE_OK;
+  std::array<char, CURL_ERROR_SIZE> error{};
+};
+
+// Called from C code, which no exception may cross.
+struct Connection::Callbacks {
+  static std::size_t body(const char* bytes, std::size_t, std::size_t count, Connection* self) {
+    try {
+      return self->take_body({bytes, count});
+    } catch (...) {
+      self->_thrown = std::current_exception();
+      return 0;
+    }
+  }
+
+  static std::size_t head(const char* bytes, std::size_t, std::size_t count, Connection* self) {
+    try {
+      self->_head_bytes += count;
+      if (!self->_head_complete) self->take_head_line({bytes, count});  // else it is a trailer
+      return self->_head_bytes > MAX_HEAD_BYTES ? 0 : count;
+    } catch (...) {
+      self->_thrown = std::current_exception();
+      return 0;
+    }
+  }
+};
+
+Connection::Connection(const std::string& ca_file) {
+  initialise_libcurl();
+  _handles = std::make_unique<Handles>();
+  Handles& curl = *_handles;
+  // One connection a pair: more would only keep some that no request asks for again.
+  require(curl_multi_setopt(curl.multi, CURLMOPT_MAXCONNECTS, 1L));
+  // Threads forbid signals. No write raises SIGPIPE either: libcurl, TLS records included, sends
+  // with MSG_NOSIGNAL.
+  curl.set(CURLOPT_NOSIGNAL, 1L);
+  curl.set(CURLOPT_PROTOCOLS_STR, "http,https");
+  curl.set(CURLOPT_FOLLOWLOCATION, 0L);
+  curl.set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  curl.set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  // With a folder of certificates beside the file, libcurl reads the file for every connection
+  // instead of keeping it.
+  curl.set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  if (!ca_file.empty()) curl.set(CURLOPT_CAINFO, ca_file.c_str());
+  curl.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));  // the watch bounds it
+  curl.set(CURLOPT_QUICK_EXIT, 1L);  // a stopped call does not wait for a name server
+  curl.set(CURLOPT_TCP_KEEPALIVE, 1L);
+  curl.set(CURLOPT_ERRORBUFFER, curl.error.data());
+  curl.set(CURLOPT_WRITEFUNCTION, &Callbacks::body);
+  curl.set(CURLOPT_WRITEDATA, this);
+  curl.set(CURLOPT_HEADERFUNCTION, &Callbacks::head);
+  curl.set(CURLOPT_HEADERDATA, this);
+}
+
+Connection::~Connection() = default;
+
+void Connection::start(Request request, std::string origin) {
+  Handles& curl = *_handles;
+  curl.result = CURLE_OK;
+  curl.error.front() = '\0';
+  _origin = std::move(origin);
+  _body = std::move(request.body);
+  _head = {};
+  _head_bytes = _drained = 0;
+  _head_complete = _failed = _paused = _draining = false;
+  _room = PAUSE_BYTES;
+  _sink = nullptr;
+  _early.clear();
+  curl.set(CURLOPT_URL, request.url.c_str());
+  curl.set_headers(request.headers);
+  if (request.method == Method::get) {
+    curl.set(CURLOPT_HTTPGET, 1L);
+  } else {
+    curl.set(CURLOPT_POST, 1L);
+    curl.set(CURLOPT_POSTFIELDS, _body.data());
+    curl.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_body.size()));
+  }
+  require(curl_multi_add_handle(curl.multi, curl.easy));
+  _under_way = true;
+}
+
+void Connection::perform() {
+  Handles& curl = *_handles;
+  int running = 0;
+  require(curl_multi_perform(curl.multi, &running));
+  int queued = 0;
+  while (const CURLMsg* const message = curl_multi_info_read(curl.multi, &queued)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    curl.result = message->data.result;
+    _failed = curl.result != CURLE_OK;
+    _under_way = false;
+    curl_multi_remove_handle(curl.multi, curl.easy);  // and ends the life of the message
+    return;
+  }
+}
+
+bool Connection::poll(std::chrono::milliseconds longest) {
+  int ready = 0;
+  require(curl_multi_poll(_handles->multi, nullptr, 0, static_cast<int>(longest.count()), &ready));
+  return ready > 0;
+}
+
+void Connection::resume() {
+  if (!std::exchange(_paused, false)) return;
+  curl_easy_pause(_handles->easy, CURLPAUSE_CONT);  // hands over what it holds at once
+}
+
+void Connection::pour_into(std::string* sink) {
+  _sink = sink;
+  _room = PAUSE_BYTES;
+  if (sink == nullptr) return;
+  if (_early.empty()) return resume();
+  sink->append(_early);
+  _early.clear();
+}
+
+bool Connection::drain() {
+  _draining = true;
+  if (_under_way) resume();
+  if (_under_way) perform();
+  return in_good_order();
+}
+
+std::size_t Connection::take_body(std::string_view bytes) {
+  if (_draining) {
+    _drained += bytes.size();
+    return _drained > MAX_DRAIN_BYTES ? 0 : bytes.size();
+  }
+  if (_room == 0) {
+    _paused = true;
+    return CURL_WRITEFUNC_PAUSE;
+  }
+  (_sink != nullptr ? *_sink : _early).append(bytes);
+  _room -= std::min(_room, bytes.size());
+  return bytes.size();
+}
+
+void Connection::take_head_line(std::string_view line) {
+  const auto value_of = [&](std::string_view name) -> std::optional<std::string> {
+    if (lower_case(line.substr(0, name.size())) != name) return std::nullopt;
+    const std::size_t begin = line.find_first_not_of(" \t\r\n", name.size());
+    if (begin == std::string_view::npos) return "";
+    return std::string(line.substr(begin, line.find_last_not_of(" \t\r\n") + 1 - begin));
+  };
+  if (line.starts_with("HTTP/")) {
+    _head = {};  // whatever came before was an interim reply
+  } else if (line == "\r\n" || line == "\n") {
+    long status = 0;
+    require(curl_easy_getinfo(_handles->easy, CURLINFO_RESPONSE_CODE, &status));
+    _head.status = static_cast<int>(status);
+    _head_complete = status >= 200;
+  } else if (auto type = value_of("content-type:")) {
+    _head.content_type = std::move(*type);
+  } else if (auto location = value_of("location:")) {
+    _head.location = std::move(*location);
+  }
+}
+
+void Connection::check() const {
+  if (_thrown) std::rethrow_exception(_thrown);
+  if (!_failed) return;
+  if (_head_bytes > MAX_HEAD_BYTES) {
+    throw TransportError("the head of the reply is too large from " + _origin, false);
+  }
+  const Handles& curl = *_handles;
+  const std::string reason =
+      curl.error.front() == '\0' ? curl_easy_strerror(curl.result) : curl.error.data();
+  const auto* const known = std::ranges::find(OUTCOMES, curl.result, &Outcome::code);
+  if (known == OUTCOMES.end()) {
+    throw TransportError("the exchange failed with " + _origin + " (" + reason + ")", false);
+  }
+  std::string text(known->text);
+  text.append(" ").append(_origin).append(" (").append(reason).append("); ").append(known->advice);
+  throw TransportError(text, known->transient);
+}
+
+}  // namespace tovren_mapstead::engines::http

@@ -1,0 +1,160 @@
+#include "engines/http/json_mend.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+#include "tovren_mapstead/engines/http/json.hpp"
+
+#include "engines/http/text.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// A half becomes MARK and a private-use character that bears its number; a MARK of the text's own
+// is doubled. U+FFFF is no character, so texts that hold it are as rare as they come.
+constexpr std::string_view MARK = "\uFFFF";
+constexpr std::uint32_t MARK_CODE_POINT = 0xFFFF;
+constexpr std::uint32_t FIRST_HALF = 0xD800;
+constexpr std::uint32_t FIRST_PRIVATE = 0xE000;
+
+class Mender {
+ public:
+  explicit Mender(std::string_view text) : _rest(text) {}
+
+  std::string mend() {
+    while (!_rest.empty()) {
+      if (_rest.front() == '"') {
+        string();
+      } else if (const std::size_t width = number_width(); width > 0) {
+        number(width);
+      } else {
+        copy(1);
+      }
+    }
+    return std::move(_out);
+  }
+
+ private:
+  void copy(std::size_t count) {
+    _out.append(_rest.substr(0, count));
+    _rest.remove_prefix(std::min(count, _rest.size()));
+  }
+
+  void string() {
+    copy(1);
+    while (!_rest.empty() && _rest.front() != '"') {
+      if (const Character escape = read_escape(_rest); escape.width > 0) {
+        if (is_high_half(escape.code_point) || is_low_half(escape.code_point)) {
+          _out += MARK;
+          append_utf8(_out, escape.code_point - FIRST_HALF + FIRST_PRIVATE);
+          _rest.remove_prefix(escape.width);
+          continue;
+        }
+        if (escape.code_point == MARK_CODE_POINT) _out += MARK;
+        copy(escape.width);
+      } else {
+        if (_rest.starts_with(MARK)) _out += MARK;
+        copy(std::max(read_utf8(_rest).width, std::size_t{1}));
+      }
+    }
+    copy(1);
+  }
+
+  // Of the number at the front as RFC 8259 writes it, else 0.
+  [[nodiscard]] std::size_t number_width() const {
+    const auto at = [&](std::size_t i) { return i < _rest.size() ? _rest[i] : '\0'; };
+    const auto digits = [&](std::size_t i) {
+      while (at(i) >= '0' && at(i) <= '9') ++i;
+      return i;
+    };
+    const std::size_t first = at(0) == '-' ? 1 : 0;
+    std::size_t end = digits(first);
+    if (end == first || (at(first) == '0' && end > first + 1)) return 0;
+    if (at(end) == '.') {
+      const std::size_t fraction = digits(end + 1);
+      if (fraction == end + 1) return 0;
+      end = fraction;
+    }
+    if (at(end) == 'e' || at(end) == 'E') {
+      const std::size_t sign = at(end + 1) == '+' || at(end + 1) == '-' ? 1 : 0;
+      const std::size_t exponent = digits(end + 1 + sign);
+      if (exponent == end + 1 + sign) return 0;
+      end = exponent;
+    }
+    return end;
+  }
+
+  void number(std::size_t width) {
+    const bool fits = _rest.substr(0, width).find_first_of(".eE") == std::string_view::npos
+                          ? fits_as<std::int64_t>(width) || fits_as<std::uint64_t>(width)
+                          : fits_as<double>(width);
+    if (!fits) _out += '"';
+    copy(width);
+    if (!fits) _out += '"';
+  }
+
+  template <class Number>
+  [[nodiscard]] bool fits_as(std::size_t width) const {
+    Number number{};
+    return std::from_chars(_rest.data(), _rest.data() + width, number).ec == std::errc{};
+  }
+
+  std::string_view _rest;
+  std::string _out;
+};
+
+// The half of a surrogate pair that the three bytes at `at` spell, else 0.
+std::uint32_t half_at(std::string_view text, std::size_t at) {
+  if (text.size() - at < 3 || text[at] != '\xED') return 0;
+  const auto second = static_cast<unsigned char>(text[at + 1]);
+  const auto third = static_cast<unsigned char>(text[at + 2]);
+  return second < 0xA0 ? 0 : 0xD000U | (second & 0x3FU) << 6U | (third & 0x3FU);
+}
+
+}  // namespace
+
+std::string mend(std::string_view text) {
+  return Mender(text).mend();
+}
+
+void append_unmended(std::string& out, std::string_view text) {
+  for (std::size_t mark = text.find(MARK); mark != std::string_view::npos; mark = text.find(MARK)) {
+    out.append(text.substr(0, mark));
+    text.remove_prefix(mark + MARK.size());
+    if (text.starts_with(MARK)) {
+      out += MARK;
+      text.remove_prefix(MARK.size());
+    } else {
+      const Character half = read_utf8(text);
+      append_utf8(out, half.code_point - FIRST_PRIVATE + FIRST_HALF);
+      text.remove_prefix(half.width);
+    }
+  }
+  out.append(text);
+}
+
+void join_halves(std::string& text) {
+  constexpr std::size_t HALF_WIDTH = 3;
+  std::string joined;
+  std::size_t copied = 0;
+  for (std::size_t at = text.find('\xED'); at != std::string::npos; at = text.find('\xED', at)) {
+    const std::uint32_t half = half_at(text, at);
+    if (half == 0) {
+      ++at;
+      continue;
+    }
+    joined.append(text, copied, at - copied);
+    at += HALF_WIDTH;
+    const std::uint32_t next = is_high_half(half) && at < text.size() ? half_at(text, at) : 0;
+    if (is_low_half(next)) at += HALF_WIDTH;
+    append_utf8(joined, is_low_half(next) ? join_pair(half, next) : 0xFFFD);
+    copied = at;
+  }
+  if (copied > 0) text = joined.append(text, copied);
+}
+
+}  // namespace tovren_mapstead::engines::http

@@ -1,0 +1,199 @@
+#include <algorithm>
+#include <bit>
+
+#include <nlohmann/json.hpp>
+#include <simdjson.h>
+
+#include "tovren_mapstead/engines/http/json.hpp"
+
+#include "engines/http/json_mend.hpp"
+#include "engines/http/quote.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+using simdjson::dom::element;
+using simdjson::dom::element_type;
+
+JsonValue::Kind kind_of(element_type type) {
+  switch (type) {
+    case element_type::ARRAY:
+      return JsonValue::Kind::array;
+    case element_type::OBJECT:
+      return JsonValue::Kind::object;
+    case element_type::INT64:
+    case element_type::UINT64:
+      return JsonValue::Kind::integer;
+    case element_type::DOUBLE:
+      return JsonValue::Kind::real;
+    case element_type::STRING:
+      return JsonValue::Kind::string;
+    case element_type::BOOL:
+      return JsonValue::Kind::boolean;
+    case element_type::NULL_VALUE:
+      break;
+  }
+  return JsonValue::Kind::null;
+}
+
+// What `place` stands for, as what it is; else nothing of that type: false, 0, empty.
+template <class Type, class Place>
+Type taken(const Place& place) {
+  Type value{};
+  const bool found =
+      place.document != nullptr && std::bit_cast<element>(place).get(value) == simdjson::SUCCESS;
+  return found ? value : Type{};
+}
+
+}  // namespace
+
+bool is_utf8(std::string_view text) noexcept {
+  return simdjson::validate_utf8(text.data(), text.size());
+}
+
+JsonValue::JsonValue(const Place& place, bool mended)
+    : _place(place), _kind(kind_of(std::bit_cast<element>(place).type())), _mended(mended) {}
+
+bool JsonValue::empty() const {
+  switch (_kind) {
+    case Kind::absent:
+    case Kind::null:
+      return true;
+    case Kind::boolean:
+      return !boolean();
+    case Kind::integer:
+      return integer() == 0;
+    case Kind::real:
+      return real() == 0;
+    case Kind::string:
+      return taken<std::string_view>(_place).empty();
+    case Kind::array: {
+      const auto array = taken<simdjson::dom::array>(_place);
+      return array.begin() == array.end();
+    }
+    case Kind::object:
+      break;
+  }
+  const auto object = taken<simdjson::dom::object>(_place);
+  return object.begin() == object.end();
+}
+
+void JsonValue::collect(std::span<const std::string_view> names, std::span<JsonValue> found) const {
+  if (_kind != Kind::object) return;
+  const auto object = taken<simdjson::dom::object>(_place);
+  const auto end = object.end();
+  for (auto member = object.begin(); member != end; ++member) {
+    const std::string_view key = member.key();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      if (key == names[i]) found[i] = JsonValue(std::bit_cast<Place>(member.value()), _mended);
+    }
+  }
+}
+
+JsonValue JsonValue::operator[](std::string_view name) const {
+  return members<1>({name})[0];
+}
+
+JsonValue JsonValue::front() const {
+  if (_kind != Kind::array) return {};
+  const auto array = taken<simdjson::dom::array>(_place);
+  if (array.begin() == array.end()) return {};
+  return {std::bit_cast<Place>(*array.begin()), _mended};
+}
+
+bool JsonValue::boolean() const {
+  return taken<bool>(_place);
+}
+
+std::optional<std::int64_t> JsonValue::integer() const {
+  if (_kind != Kind::integer || !std::bit_cast<element>(_place).is<std::int64_t>()) return {};
+  return taken<std::int64_t>(_place);
+}
+
+double JsonValue::real() const {
+  return taken<double>(_place);
+}
+
+void JsonValue::append_text(std::string& out) const {
+  const auto add = [&](std::string_view text) {
+    if (_mended) {
+      append_unmended(out, text);
+    } else {
+      out += text;
+    }
+  };
+  if (_kind == Kind::absent) return;
+  if (_kind != Kind::string) {
+    add(simdjson::minify(std::bit_cast<element>(_place)));
+  } else {
+    add(taken<std::string_view>(_place));
+  }
+}
+
+void JsonValue::assign_text(std::string& out) const {
+  out.clear();
+  append_text(out);
+  if (_mended) join_halves(out);
+}
+
+std::string JsonValue::text() const {
+  std::string out;
+  assign_text(out);
+  return out;
+}
+
+struct JsonReader::Parser {
+  std::optional<JsonValue> parse(std::string_view text, bool mended) {
+    padded.assign(text).append(simdjson::SIMDJSON_PADDING, '\0');
+    if (text.size() > parser.capacity()) {
+      // In powers of two, or a stream of slowly growing events would allocate for each.
+      error = parser.allocate(std::max(std::bit_ceil(text.size()), std::size_t{1024}));
+      if (error != simdjson::SUCCESS) return std::nullopt;
+    }
+    element root;
+    error = parser.parse(padded.data(), text.size(), false).get(root);
+    if (error != simdjson::SUCCESS) return std::nullopt;
+    return JsonValue(std::bit_cast<JsonValue::Place>(root), mended);
+  }
+
+  simdjson::dom::parser parser;
+  std::string padded;
+  simdjson::error_code error = simdjson::SUCCESS;
+};
+
+JsonReader::JsonReader() : _parser(std::make_unique<Parser>()) {}
+
+JsonReader::JsonReader(JsonReader&&) noexcept = default;
+JsonReader& JsonReader::operator=(JsonReader&&) noexcept = default;
+JsonReader::~JsonReader() = default;
+
+std::optional<JsonValue> JsonReader::parse(std::string_view text) {
+  const auto value = _parser->parse(text, false);
+  const simdjson::error_code error = _parser->error;
+  if (error != simdjson::STRING_ERROR && error != simdjson::NUMBER_ERROR) return value;
+  return _parser->parse(mend(text), true);
+}
+
+JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
+  constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
+  const std::string body = reply.read_rest(policy.max_body_bytes);
+  std::string_view text = body;
+  if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
+  JsonDocument document;
+  if (const auto root = document._reader.parse(text)) {
+    document._root = *root;
+    return document;
+  }
+  const std::string mended = mend(text);
+  // A second reader, which says where it stopped: at the end, the text is cut, not wrong.
+  try {
+    const auto keep_nothing = [](auto&&...) { return false; };
+    [[maybe_unused]] const auto nothing = nlohmann::json::parse(mended, keep_nothing);
+  } catch (const nlohmann::json::parse_error& error) {
+    if (error.byte > mended.size()) throw Retryable("reply breaks off in the middle of its JSON");
+  }
+  throw HttpFailure("request failed: the reply is not JSON; check that the URL is that of an API",
+                    reply.head().status, quote(text, secrets, detail_limit(policy)));
+}
+
+}  // namespace tovren_mapstead::engines::http

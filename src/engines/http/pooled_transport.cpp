@@ -1,0 +1,104 @@
+// The engine's own transport: libcurl connections out of a pool, driven on the caller's thread.
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "tovren_mapstead/engines/http/transport.hpp"
+
+#include "engines/http/connection.hpp"
+#include "engines/http/pool.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+class PooledExchange final : public Exchange {
+ public:
+  PooledExchange(std::shared_ptr<Pool> pool, Request request, Watch& watch)
+      : _pool(std::move(pool)) {
+    const std::string origin = origin_of(request.url);
+    _connection = _pool->take(origin);
+    _connection->start(std::move(request), origin);
+    await(watch, "waiting for the reply of", [&] { return _connection->head_complete(); });
+  }
+
+  PooledExchange(const PooledExchange&) = delete;
+  PooledExchange& operator=(const PooledExchange&) = delete;
+
+  ~PooledExchange() override {
+    if (_connection && _connection->in_good_order()) _pool->put(std::move(_connection));
+  }
+
+  [[nodiscard]] const Head& head() const noexcept override { return _connection->head(); }
+
+  bool read(std::string& into, Watch& watch) override {
+    struct Pouring {
+      Connection& connection;
+
+      ~Pouring() { connection.pour_into(nullptr); }
+    };
+
+    const Pouring pouring{*_connection};
+    const std::size_t before = into.size();
+    _connection->pour_into(&into);
+    return await(watch, "reading the reply of", [&] { return into.size() > before; });
+  }
+
+  void finish() noexcept override {
+    try {
+      // One look that does not wait catches the common case. A connection whose reply still has no
+      // end is put away like that and looked at again when it is next wanted.
+      if (_connection->drain() || _connection->under_way()) _pool->put(std::move(_connection));
+    } catch (const std::exception&) {  // the connection is closed instead
+    }
+  }
+
+ private:
+  // Drives the transfer until `arrived`; false if it ended before that, in good order.
+  template <class Arrived>
+  bool await(Watch& watch, std::string_view doing, Arrived arrived) {
+    Connection& connection = *_connection;
+    while (!arrived()) {
+      connection.check();
+      if (!connection.under_way()) return false;
+      watch.check(doing, connection.origin());
+      connection.perform();
+      if (arrived() || !connection.under_way()) continue;
+      if (connection.poll(watch.patience())) watch.moved();
+    }
+    watch.moved();
+    return true;
+  }
+
+  std::shared_ptr<Pool> _pool;
+  std::unique_ptr<Connection> _connection;
+};
+
+class PooledTransport final : public Transport {
+ public:
+  explicit PooledTransport(std::string ca_file)
+      : _pool(std::make_shared<Pool>(std::move(ca_file))) {}
+
+  std::unique_ptr<Exchange> open(Request request, Watch& watch) override {
+    return std::make_unique<PooledExchange>(_pool, std::move(request), watch);
+  }
+
+ private:
+  std::shared_ptr<Pool> _pool;  // shared with the exchanges, which may outlive the transport
+};
+
+}  // namespace
+
+std::shared_ptr<Transport> make_transport(const TransportOptions& options) {
+  if (!options.ca_file.empty()) return std::make_shared<PooledTransport>(options.ca_file);
+  const char* const variable = std::getenv("SSL_CERT_FILE");  // NOLINT(concurrency-mt-unsafe)
+  return std::make_shared<PooledTransport>(variable == nullptr ? "" : variable);
+}
+
+Transport& default_transport() {
+  static const std::shared_ptr<Transport> transport = make_transport();
+  return *transport;
+}
+
+}  // namespace tovren_mapstead::engines::http

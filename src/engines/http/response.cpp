@@ -1,0 +1,193 @@
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "tovren_mapstead/engines/http/send.hpp"
+
+#include "engines/http/quote.hpp"
+#include "engines/http/text.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// Enough of a failed reply to quote from, and how long it may take to come: its status is known
+// already, so it is not worth the patience that an answer is.
+constexpr std::size_t QUOTED_BYTES = std::size_t{64} << 10U;
+constexpr double QUOTE_PATIENCE_S = 5.0;
+
+std::string mebibytes(std::size_t bytes) {
+  constexpr std::size_t MIB = std::size_t{1} << 20U;
+  return bytes % MIB == 0 ? std::to_string(bytes / MIB) + " MiB" : std::to_string(bytes) + " bytes";
+}
+
+// Where the next `character` stands in a growing buffer. Looks at each byte once, however short the
+// lines are and however rare the character.
+class Finder {
+ public:
+  explicit Finder(char character) : _character(character) {}
+
+  // The first place at or after `start`, or the size of the buffer.
+  std::size_t next(std::string_view buffer, std::size_t start) {
+    if (_found ? _at < start : _at < buffer.size()) {
+      _at = std::min(buffer.find(_character, std::max(_at, start)), buffer.size());
+      _found = _at < buffer.size();
+    }
+    return _at;
+  }
+
+  // The buffer has lost its first `count` bytes.
+  void shift(std::size_t count) {
+    _found = _found && _at >= count;
+    _at -= std::min(_at, count);
+  }
+
+ private:
+  char _character;
+  std::size_t _at = 0;  // the place found, else how far there is none
+  bool _found = false;
+};
+
+}  // namespace
+
+struct Response::Impl {
+  Impl(Transport& transport, Request request, double timeout_s, const RetryPolicy& policy_in,
+       const Secrets& secrets_in)
+      : policy(policy_in),
+        secrets(secrets_in),
+        watch(timeout_s, policy.should_stop, policy.deadline),
+        exchange(open(transport, std::move(request))) {}
+
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  ~Impl() {
+    // While an exception passes, the reply was given up: the server should not go on with it.
+    if (!failed && std::uncaught_exceptions() == exceptions_before) exchange->finish();
+  }
+
+  std::unique_ptr<Exchange> open(Transport& transport, Request request) {
+    return guarded([&] { return transport.open(std::move(request), watch); });
+  }
+
+  // The one place where what went wrong on the way becomes an error of the engine.
+  template <class Step>
+  std::invoke_result_t<Step> guarded(Step step) {
+    try {
+      return step();
+    } catch (const TransportError& error) {
+      failed = true;
+      const std::string text = quote(error.what(), secrets, QUOTED_BYTES);
+      if (error.transient()) throw Retryable(text);
+      throw HttpFailure("request failed: " + text);
+    } catch (...) {
+      failed = true;
+      throw;
+    }
+  }
+
+  bool pull(std::string& into) {
+    return guarded([&] { return exchange->read(into, watch); });
+  }
+
+  // Gets more of the body into the buffer; false at the end of the body.
+  bool fill() {
+    if (start > 0) {
+      buffer.erase(0, start);
+      line_feed.shift(start);
+      carriage_return.shift(start);
+      start = 0;
+    }
+    if (buffer.size() > policy.max_line_bytes) {
+      failed = true;
+      throw HttpFailure("request failed: a line of the reply is longer than " +
+                        mebibytes(policy.max_line_bytes));
+    }
+    return pull(buffer);
+  }
+
+  // Cuts the line that ends at `end` off the buffer, with `width` bytes of line end.
+  std::string_view take_line(std::size_t end, std::size_t width) {
+    constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
+    std::string_view line(buffer.data() + start, end - start);
+    start = end + width;
+    if (std::exchange(at_body_start, false) && line.starts_with(BYTE_ORDER_MARK)) {
+      line.remove_prefix(BYTE_ORDER_MARK.size());
+    }
+    return line;
+  }
+
+  const int exceptions_before = std::uncaught_exceptions();
+  const RetryPolicy& policy;
+  const Secrets& secrets;
+  bool failed = false;
+  Watch watch;
+  std::unique_ptr<Exchange> exchange;
+  std::string buffer;
+  std::size_t start = 0;  // of what has not been handed out
+  Finder line_feed{'\n'};
+  Finder carriage_return{'\r'};
+  bool at_body_start = true;
+  bool after_carriage_return = false;
+};
+
+Response::Response(Transport& transport, Request request, double timeout_s,
+                   const RetryPolicy& policy, const Secrets& secrets)
+    : _impl(std::make_unique<Impl>(transport, std::move(request), timeout_s, policy, secrets)) {}
+
+Response::Response(Response&&) noexcept = default;
+
+Response::~Response() = default;
+
+const Head& Response::head() const noexcept {
+  return _impl->exchange->head();
+}
+
+std::optional<std::string_view> Response::next_line() {
+  Impl& self = *_impl;
+  for (;;) {
+    // The CR has ended its line already, so that a sender that stops there is not waited for.
+    if (self.after_carriage_return && self.start < self.buffer.size()) {
+      self.after_carriage_return = false;
+      if (self.buffer[self.start] == '\n') ++self.start;
+    }
+    const std::size_t end = std::min(self.line_feed.next(self.buffer, self.start),
+                                     self.carriage_return.next(self.buffer, self.start));
+    if (end < self.buffer.size()) {
+      self.after_carriage_return = self.buffer[end] == '\r';
+      return self.take_line(end, 1);
+    }
+    if (self.fill()) continue;
+    if (self.start == self.buffer.size()) return std::nullopt;
+    return self.take_line(self.buffer.size(), 0);
+  }
+}
+
+std::string Response::read_rest(std::size_t max_bytes) {
+  Impl& self = *_impl;
+  std::string body = std::exchange(self.buffer, {}).substr(std::exchange(self.start, 0));
+  while (self.pull(body)) {
+    if (body.size() <= max_bytes) continue;
+    self.failed = true;
+    throw HttpFailure("request failed: the reply is larger than " + mebibytes(max_bytes));
+  }
+  return body;
+}
+
+std::string Response::quote_rest() {
+  Impl& self = *_impl;
+  std::string body = std::exchange(self.buffer, {}).substr(std::exchange(self.start, 0));
+  self.watch.shorten(QUOTE_PATIENCE_S);
+  try {
+    while (body.size() < QUOTED_BYTES && self.pull(body)) {
+    }
+  } catch (const Retryable&) {  // what has come is enough
+  } catch (const HttpFailure&) {
+  }
+  return quote(body, self.secrets, detail_limit(self.policy));
+}
+
+std::string content_type(const Response& reply) {
+  return lower_case(reply.head().content_type);
+}
+
+}  // namespace tovren_mapstead::engines::http

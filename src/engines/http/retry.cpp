@@ -1,0 +1,88 @@
+#include "tovren_mapstead/engines/http/retry.hpp"
+
+#include <algorithm>
+#include <thread>
+
+#include "engines/http/quote.hpp"
+#include "engines/http/time.hpp"
+
+namespace tovren_mapstead::engines::http {
+
+void wait_unless_stopped(double period_s, const StopTest& should_stop,
+                         std::optional<Deadline> deadline) {
+  const auto end = after(Clock::now(), period_s);
+  for (;;) {
+    if (should_stop && should_stop()) throw Stopped("stopped by the caller during a wait");
+    const auto now = Clock::now();
+    if (deadline && now >= *deadline) throw DeadlineExceeded("the deadline passed during a wait");
+    if (end && now >= *end) return;
+    auto next = now + (should_stop ? STOP_POLL : LONGEST_NAP);
+    if (end) next = std::min(next, *end);
+    if (deadline) next = std::min(next, *deadline);
+    std::this_thread::sleep_until(next);
+  }
+}
+
+RetryPolicy RetryPolicy::with(const Call& call) const {
+  return {.attempts = attempts,
+          .backoff_s = backoff_s,
+          .timeout_s = timeout_s,
+          .retry_statuses = retry_statuses,
+          .detail_chars = detail_chars,
+          .wait = wait,
+          .should_stop = call.should_stop,
+          .deadline = call.deadline,
+          .max_body_bytes = max_body_bytes,
+          .max_line_bytes = max_line_bytes};
+}
+
+namespace detail {
+
+// "LLM call OUTCOME; last failure: ...". The failure was cut to `detail_chars` where it quotes a
+// reply; the room beyond that is for the words around the quotation.
+std::string RetryLoop::text(std::string_view outcome) const {
+  constexpr std::size_t ROOM_FOR_WORDS = 200;
+  std::string text = _options.label;
+  text.append(" ").append(outcome);
+  if (!_last_failure.empty()) text.append("; last failure: ").append(_last_failure);
+  return quote(text, _options.secrets, detail_limit(_policy) + ROOM_FOR_WORDS);
+}
+
+double RetryLoop::begin() {
+  if (_policy.should_stop && _policy.should_stop())
+    throw Stopped(text("was stopped by its caller"));
+  const double timeout_s = _policy.timeout_s;
+  if (_policy.deadline) {
+    const std::chrono::duration<double> left = *_policy.deadline - Clock::now();
+    if (left.count() <= 0)
+      throw DeadlineExceeded(text("ran out of time: its deadline has passed; allow more time"));
+    // 0 stands for any silence, which the deadline cuts as well.
+    if (timeout_s == 0 || !(timeout_s < left.count())) return left.count();
+  }
+  return timeout_s;
+}
+
+void RetryLoop::failed(const Retryable& failure) {
+  ++_made;
+  _last_failure = failure.what();
+  const bool last = _made >= _policy.attempts;
+  if (_policy.deadline) {
+    const auto next = last ? Clock::now() : after(Clock::now(), std::max(_backoff_s, 0.0));
+    if (!next || *next >= *_policy.deadline) {
+      throw DeadlineExceeded(text(last ? "ran out of time: its deadline has passed; allow more time"
+                                       : "ran out of time: no try could begin before its deadline; "
+                                         "allow more time"));
+    }
+  }
+  if (!last) return;
+  throw Exhausted(text("failed " + (_made == 1 ? std::string("at the only try")
+                                               : "after " + std::to_string(_made) + " tries")));
+}
+
+void RetryLoop::wait() {
+  _policy.wait(_backoff_s, _policy.should_stop, _policy.deadline);
+  _backoff_s *= 2;
+}
+
+}  // namespace detail
+}  // namespace tovren_mapstead::engines::http

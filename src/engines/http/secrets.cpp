@@ -1,0 +1,199 @@
+#include "tovren_mapstead/engines/http/secrets.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstddef>
+#include <iterator>
+#include <utility>
+
+#include "engines/http/redaction.hpp"
+#include "engines/http/text.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// A server that quotes JSON inside JSON escapes twice, rarely three times. The bound keeps a
+// hostile text from asking for a level per character.
+constexpr int ESCAPE_LEVELS = 4;
+
+// One is free of the secrets in practice; a secret that is part of them all is cut out.
+constexpr std::array<std::string_view, 3> MASKS{"***", "[redacted]", "#"};
+
+// A text with one level of JSON escapes undone, and where its characters came from.
+class Unescaped {
+ public:
+  explicit Unescaped(std::string_view source);
+
+  [[nodiscard]] const std::string& text() const noexcept { return _text; }
+
+  [[nodiscard]] bool changed() const noexcept { return !_jumps.empty(); }
+
+  // The piece of the source behind a piece of the text, escapes taken whole.
+  [[nodiscard]] Span source_of(Span span) const {
+    return {.begin = map(span.begin, false), .end = map(span.end - 1, true)};
+  }
+
+ private:
+  // An escape: `width` bytes from `from` on in the source became those from `to` to `end`.
+  struct Jump {
+    std::size_t to;
+    std::size_t end;
+    std::size_t from;
+    std::size_t width;
+  };
+
+  [[nodiscard]] std::size_t map(std::size_t at, bool past) const;
+
+  std::string _text;
+  std::vector<Jump> _jumps;
+};
+
+Unescaped::Unescaped(std::string_view source) {
+  std::size_t copied = 0;
+  for (std::size_t at = source.find('\\'); at != std::string_view::npos;
+       at = source.find('\\', at)) {
+    const Character escape = read_escape(source.substr(at));
+    if (escape.width == 0) {
+      ++at;
+      continue;
+    }
+    _text.append(source, copied, at - copied);
+    const std::size_t to = _text.size();
+    append_utf8(_text, escape.code_point);
+    _jumps.push_back({.to = to, .end = _text.size(), .from = at, .width = escape.width});
+    at += escape.width;
+    copied = at;
+  }
+  _text.append(source.substr(copied));
+}
+
+std::size_t Unescaped::map(std::size_t at, bool past) const {
+  const auto after = std::ranges::upper_bound(_jumps, at, {}, &Jump::to);
+  if (after == _jumps.begin()) return at + (past ? 1 : 0);
+  const Jump& jump = *std::prev(after);
+  if (at < jump.end) return jump.from + (past ? jump.width : 0);
+  return jump.from + jump.width + (at - jump.end) + (past ? 1 : 0);
+}
+
+void find_all(std::string_view text, const Secrets& secrets, Tail tail, std::vector<Span>& found) {
+  for (const std::string& secret : secrets) {
+    if (secret.empty()) continue;
+    // From the next character on, not from the end of the match: occurrences overlap.
+    for (std::size_t at = text.find(secret); at != std::string_view::npos;
+         at = text.find(secret, at + 1)) {
+      found.push_back({.begin = at, .end = at + secret.size()});
+    }
+    if (tail == Tail::whole) continue;
+    const std::string_view start = secret;
+    for (std::size_t n = std::min(start.size() - 1, text.size()); n > SHOWN_START; --n) {
+      if (!text.ends_with(start.substr(0, n))) continue;
+      found.push_back({.begin = text.size() - n, .end = text.size()});
+      break;
+    }
+  }
+}
+
+// Every piece of `text` that spells a secret, in order, those that touch joined.
+std::vector<Span> occurrences(std::string_view text, const Secrets& secrets, Tail tail) {
+  std::vector<Span> found;
+  find_all(text, secrets, tail, found);
+  std::vector<Unescaped> levels;
+  for (int level = 0; level < ESCAPE_LEVELS; ++level) {
+    Unescaped next(levels.empty() ? text : std::string_view(levels.back().text()));
+    if (!next.changed()) break;
+    levels.push_back(std::move(next));
+    std::vector<Span> deeper;
+    find_all(levels.back().text(), secrets, tail, deeper);
+    for (Span span : deeper) {
+      for (std::size_t i = levels.size(); i > 0; --i) span = levels[i - 1].source_of(span);
+      found.push_back(span);
+    }
+  }
+  std::ranges::sort(found, {}, &Span::begin);
+  std::vector<Span> joined;
+  for (const Span& span : found) {
+    if (!joined.empty() && span.begin <= joined.back().end) {
+      joined.back().end = std::max(joined.back().end, span.end);
+    } else {
+      joined.push_back(span);
+    }
+  }
+  return joined;
+}
+
+std::string masked(std::string_view text, const std::vector<Span>& spans, std::string_view mask) {
+  std::string out;
+  std::size_t copied = 0;
+  for (const Span& span : spans) {
+    out.append(text, copied, span.begin - copied).append(mask);
+    copied = span.end;
+  }
+  return out.append(text.substr(copied));
+}
+
+bool is_credential(std::string_view name) {
+  constexpr std::array<std::string_view, 4> ENDINGS{"api-key", "subscription-key", "-token",
+                                                    "-secret"};
+  return std::ranges::any_of(ENDINGS, [&](auto ending) { return name.ends_with(ending); });
+}
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t begin = text.find_first_not_of(" \t");
+  if (begin == std::string_view::npos) return {};
+  return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+}
+
+void add(Secrets& secrets, std::string_view value) {
+  value = trimmed(value);
+  if (!value.empty()) secrets.emplace_back(value);
+}
+
+void add_cookies(Secrets& secrets, std::string_view cookies) {
+  while (!cookies.empty()) {
+    const std::string_view cookie = cookies.substr(0, cookies.find(';'));
+    cookies.remove_prefix(std::min(cookies.size(), cookie.size() + 1));
+    add(secrets, cookie.substr(cookie.find('=') + 1));
+  }
+}
+
+}  // namespace
+
+std::string redact(std::string_view text, const Secrets& secrets, Tail tail) {
+  const std::vector<Span> spans = occurrences(text, secrets, tail);
+  if (spans.empty()) return std::string(text);
+  std::string out;
+  for (const std::string_view mask : MASKS) {
+    out = masked(text, spans, mask);
+    if (occurrences(out, secrets, tail).empty()) return out;
+  }
+  // What was apart may spell a secret once it meets, so cut until nothing is left to cut.
+  out = text;
+  for (std::vector<Span> rest = spans; !rest.empty(); rest = occurrences(out, secrets, tail)) {
+    out = masked(out, rest, "");
+  }
+  return out;
+}
+
+std::string redact(std::string_view text, const Secrets& secrets) {
+  return redact(text, secrets, Tail::whole);
+}
+
+Secrets secrets_of(const Headers& headers) {
+  Secrets secrets;
+  for (const auto& [name, value] : headers) {
+    const std::string lower = lower_case(name);
+    if (lower == "authorization" || lower == "proxy-authorization") {
+      const std::string_view credential = trimmed(value);
+      const std::size_t blank = credential.find_first_of(" \t");
+      add(secrets, blank == std::string_view::npos ? credential : credential.substr(blank));
+    } else if (lower == "cookie") {
+      add_cookies(secrets, value);
+    } else if (is_credential(lower)) {
+      add(secrets, value);
+    }
+  }
+  return secrets;
+}
+
+}  // namespace tovren_mapstead::engines::http

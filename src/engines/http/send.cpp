@@ -1,0 +1,105 @@
+#include "tovren_mapstead/engines/http/send.hpp"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "engines/http/json_text.hpp"
+#include "engines/http/quote.hpp"
+#include "engines/http/text.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+constexpr std::string_view USER_AGENT = "tovren-mapstead/" TOVREN_MAPSTEAD_VERSION;
+
+// What the user can do about a status.
+struct Advice {
+  int status;
+  std::string_view text;
+};
+
+constexpr std::array<Advice, 10> ADVICE{{
+    {.status = 400, .text = "the server does not accept the request as it is"},
+    {.status = 401, .text = "check the API key"},
+    {.status = 402, .text = "check the account's credit"},
+    {.status = 403, .text = "the credential does not permit this; check it and the account"},
+    {.status = 404, .text = "check the URL and the model name"},
+    {.status = 405, .text = "check the URL"},
+    {.status = 413, .text = "the request is too large; send less"},
+    {.status = 422, .text = "the server does not accept the request as it is"},
+    {.status = 429, .text = "the server limits the rate or the account; ask less often, or later"},
+    {.status = 501, .text = "the server does not offer this"},
+}};
+
+// "HTTP 401 (check the API key)"
+std::string in_words(int status) {
+  const std::string text = "HTTP " + std::to_string(status);
+  const auto* const advice = std::ranges::find(ADVICE, status, &Advice::status);
+  if (advice != ADVICE.end()) return text + " (" + std::string(advice->text) + ")";
+  return status / 100 == 5 ? text + " (the server is in trouble; try again later)" : text;
+}
+
+// The engine writes header lines as they are given, so a value that ends one could add another.
+void refuse_unsafe(const std::string& url, const Headers& headers) {
+  constexpr std::string_view BREAKS{"\r\n\0", 3};
+  constexpr std::string_view NAME_BREAKS{"\r\n\0 \t:", 6};
+  if (url.find_first_of(BREAKS) != std::string::npos) {
+    throw HttpFailure("request cannot be sent: the URL holds a line break or NUL");
+  }
+  for (const auto& [name, value] : headers) {
+    if (name.empty() || name.find_first_of(NAME_BREAKS) != std::string::npos) {
+      throw HttpFailure("request cannot be sent: a header has a name that is not one");
+    }
+    if (value.find_first_of(BREAKS) != std::string::npos) {
+      throw HttpFailure("request cannot be sent: the value of the header " + name +
+                        " holds a line break or NUL; was a key pasted with its newline?");
+    }
+  }
+}
+
+void add_unless_given(Headers& headers, const std::string& name, std::string_view value) {
+  const bool given = std::ranges::any_of(headers, [lower = lower_case(name)](const auto& header) {
+    return lower_case(header.first) == lower;
+  });
+  if (!given) headers.emplace(name, value);
+}
+
+std::string refusal(const Head& head, const Secrets& secrets) {
+  constexpr std::size_t LOCATION_CHARS = 200;
+  if (head.status / 100 != 3) return "request failed with " + in_words(head.status);
+  const std::string to = quote(head.location, secrets, LOCATION_CHARS);
+  return "request failed with HTTP " + std::to_string(head.status) + " (a redirect" +
+         (to.empty() ? "" : " to " + to) + ", which is not followed; use the final URL)";
+}
+
+}  // namespace
+
+namespace detail {
+
+Response post(const std::string& url, const SendOptions& options) {
+  refuse_unsafe(url, options.headers);
+  Headers headers = options.headers;
+  add_unless_given(headers, "Content-Type", "application/json");
+  add_unless_given(headers, "User-Agent", USER_AGENT);
+  Transport& transport = options.transport != nullptr ? *options.transport : default_transport();
+  Response reply(transport,
+                 {.method = Method::post,
+                  .url = url,
+                  .headers = std::move(headers),
+                  .body = write_json(options.body)},
+                 options.timeout_s, options.policy, options.secrets);
+  const int status = reply.head().status;
+  if (status / 100 == 2) return reply;
+  if (options.policy.retry_statuses.contains(status)) {
+    const std::string detail = reply.quote_rest();
+    throw Retryable(
+        "the server answered " + in_words(status) + (detail.empty() ? "" : ": " + detail), status);
+  }
+  throw HttpFailure(refusal(reply.head(), options.secrets), status, reply.quote_rest());
+}
+
+}  // namespace detail
+}  // namespace tovren_mapstead::engines::http

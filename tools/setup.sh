@@ -1,0 +1,38 @@
+# Shared by the commands of this repository: installs what a Debian 12 machine lacks. To be sourced.
+# shellcheck shell=bash
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev nlohmann-json3-dev
+  libsimdjson-dev libre2-dev libspdlog-dev libssl-dev libgtest-dev libbenchmark-dev ca-certificates)
+
+# need PACKAGE...: installs those that are missing; all its output goes to stderr.
+need() {
+  local missing=() package
+  for package in "$@"; do
+    [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] ||
+      missing+=("$package")
+  done
+  ((${#missing[@]})) || return 0
+  local as_root=()
+  [[ $(id -u) == 0 ]] || as_root=(sudo)
+  echo "installing ${missing[*]}" >&2
+  export DEBIAN_FRONTEND=noninteractive
+  "${as_root[@]}" apt-get update -q >&2
+  "${as_root[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}" >&2
+}
+
+# build PRESET [TARGET...]: configures and builds; prints to stderr, and what went well only briefly.
+build() {
+  local preset=$1 log
+  shift
+  log=$(mktemp)
+  if ! { cmake --preset "$preset" && cmake --build --preset "$preset" ${*:+--target "$@"}; } \
+    >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    return 1
+  fi
+  grep -E 'warning:' "$log" >&2 || true
+  rm -f "$log"
+}
