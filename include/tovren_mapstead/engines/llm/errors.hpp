@@ -1,0 +1,27 @@
+// How a chat call fails.
+#pragma once
+
+#include <stdexcept>
+
+namespace tovren_mapstead::engines::llm {
+
+/// Raised when an LLM chat completion fails (after retries). Its text says what to do and holds no
+/// secret. Where one failure caused another, it is nested (`std::rethrow_if_nested`).
+class LLMError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Raised when the call was asked to stop (`should_stop`) before it had an answer.
+class LLMStopped : public LLMError {
+ public:
+  using LLMError::LLMError;
+};
+
+/// Raised when the call ran out of its `deadline`.
+class LLMTimeout : public LLMError {
+ public:
+  using LLMError::LLMError;
+};
+
+}  // namespace tovren_mapstead::engines::llm

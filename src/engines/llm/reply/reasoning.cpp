@@ -1,0 +1,84 @@
+#include "engines/llm/reply/reasoning.hpp"
+
+#include <algorithm>
+
+#include <re2/re2.h>
+
+#include "engines/llm/reply/white_space.hpp"
+
+namespace tovren_mapstead::engines::llm {
+namespace {
+
+re2::RE2::Options byte_wise() {
+  // An answer may hold anything; in UTF-8 mode spans beside bad bytes would be missed. All that the
+  // pattern names is ASCII, so offsets in bytes are as good as offsets in characters.
+  re2::RE2::Options options(re2::RE2::Latin1);
+  options.set_dot_nl(true);
+  options.set_log_errors(false);
+  return options;
+}
+
+const re2::RE2 CODE_SPAN_RE("```.*?```|~~~.*?~~~|`[^`\\n]*`", byte_wise());
+
+// The code spans of a text from left to right, found as far as they are asked for.
+class CodeSpans {
+ public:
+  explicit CodeSpans(std::string_view text) : _text(text.data(), text.size()) { next(); }
+
+  // To be asked in ascending order.
+  bool cover(std::size_t at) {
+    while (!_none && _end <= at) next();
+    return !_none && _begin <= at;
+  }
+
+ private:
+  void next() {
+    re2::StringPiece span;
+    _none = !CODE_SPAN_RE.Match(_text, _end, _text.size(), re2::RE2::UNANCHORED, &span, 1);
+    if (_none) return;
+    _begin = static_cast<std::size_t>(span.data() - _text.data());
+    _end = _begin + span.size();
+  }
+
+  re2::StringPiece _text;
+  std::size_t _begin = 0;
+  std::size_t _end = 0;
+  bool _none = false;
+};
+
+constexpr char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+}  // namespace
+
+std::vector<std::size_t> _tag_positions(std::string_view content, std::string_view tag) {
+  std::vector<std::size_t> found;
+  // Both tags begin with a character that has no letter case and stands nowhere else in them.
+  for (std::size_t at = content.find(tag.front()); at != std::string_view::npos;
+       at = content.find(tag.front(), at + 1)) {
+    const std::string_view here = content.substr(at, tag.size());
+    if (std::ranges::equal(here, tag, {}, lower)) found.push_back(at);
+  }
+  if (found.empty()) return found;
+  CodeSpans spans(content);
+  std::erase_if(found, [&](std::size_t at) { return spans.cover(at); });
+  return found;
+}
+
+std::string _strip_reasoning(std::string content) {
+  std::string_view answer = content;
+  if (const auto closes = _tag_positions(content, THINK_CLOSE); !closes.empty()) {
+    answer.remove_prefix(closes.back() + THINK_CLOSE.size());
+  } else if (const auto opens = _tag_positions(content, THINK_OPEN); !opens.empty()) {
+    answer = answer.substr(0, opens.front());
+  }
+  answer = trim(answer);
+  // In place, so that a long answer is not held twice.
+  const auto begin = static_cast<std::size_t>(answer.data() - content.data());
+  content.resize(begin + answer.size());
+  content.erase(0, begin);
+  return content;
+}
+
+}  // namespace tovren_mapstead::engines::llm

@@ -1,0 +1,29 @@
+// What both stream decoders share: in-band errors and the ending of a stream.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/llm/result.hpp"
+
+namespace tovren_mapstead::engines::llm {
+
+/// The text of the error that an event reports, if it reports one.
+[[nodiscard]] std::optional<std::string> _stream_error_message(const http::JsonValue& chunk);
+
+/// The same for an event whose `error` member has been looked up already.
+[[nodiscard]] std::optional<std::string> stream_error_text(const http::JsonValue& error);
+
+/// What a stream that has ended comes to. `parts` holds the content deltas joined in order, halves
+/// of surrogate pairs included.
+/// Throws http::Retryable for a stream without a finish reason that reported an error or gave no
+/// text: it broke off, and another attempt may give the answer.
+[[nodiscard]] LLMResult _build_stream_result(std::string parts, std::string model,
+                                             std::optional<std::string> finish_reason,
+                                             std::int64_t prompt_tokens,
+                                             std::int64_t completion_tokens,
+                                             const std::optional<std::string>& error_msg);
+
+}  // namespace tovren_mapstead::engines::llm

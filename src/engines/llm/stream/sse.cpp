@@ -1,0 +1,102 @@
+#include "engines/llm/stream/sse.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "tovren_mapstead/engines/http/errors.hpp"
+#include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/llm/errors.hpp"
+
+#include "engines/llm/reply/completion.hpp"
+#include "engines/llm/reply/white_space.hpp"
+#include "engines/llm/stream/result.hpp"
+
+namespace tovren_mapstead::engines::llm {
+namespace {
+
+using http::JsonValue;
+
+// A stream has no end that could be known beforehand; what it may fill is bounded like a body.
+constexpr std::size_t MAX_ANSWER_BYTES = std::size_t{64} << 20U;
+
+void require_utf8(std::string_view line) {
+  if (!line.empty() && !http::is_utf8(line))
+    throw LLMError("LLM stream is not valid UTF-8; the answer is lost");
+}
+
+// What has come of a stream so far.
+class Accumulator {
+ public:
+  Accumulator(std::string model, const http::Secrets& secrets)
+      : _model(std::move(model)), _secrets(secrets) {}
+
+  void add(const JsonValue& chunk) {
+    const auto [error, model, choices, usage] =
+        chunk.members<4>({"error", "model", "choices", "usage"});
+    if (const auto message = stream_error_text(error)) {
+      _error_msg = http::redact(*message, _secrets);
+      return;
+    }
+    if (!model.empty()) model.assign_text(_model);
+    const auto [delta, finish_reason] =
+        choices.front().members<2>({"delta", "finish_reason"});  // absent unless an object
+    if (const JsonValue piece = delta["content"]; !piece.empty()) {
+      piece.append_text(_parts);
+      if (_parts.size() > MAX_ANSWER_BYTES) throw LLMError("LLM answer is longer than 64 MiB");
+    }
+    if (!finish_reason.empty()) _finish_reason = finish_reason.text();
+    const auto [prompt, completion] = usage.members<2>({"prompt_tokens", "completion_tokens"});
+    _prompt_tokens = _as_int(prompt, _prompt_tokens);
+    _completion_tokens = _as_int(completion, _completion_tokens);
+  }
+
+  LLMResult finish() && {
+    return _build_stream_result(std::move(_parts), std::move(_model), std::move(_finish_reason),
+                                _prompt_tokens, _completion_tokens, _error_msg);
+  }
+
+ private:
+  std::string _parts;
+  std::optional<std::string> _finish_reason;
+  std::optional<std::string> _error_msg;
+  std::string _model;
+  std::int64_t _prompt_tokens = 0;
+  std::int64_t _completion_tokens = 0;
+  const http::Secrets& _secrets;
+};
+
+}  // namespace
+
+LLMResult _parse_sse_stream(http::Response& response, const std::string& fallback_model,
+                            const StreamOptions& options) {
+  constexpr std::string_view PREFIX = "data:";
+  const bool limited = options.timeout_s != 0;
+  const auto start = limited ? options.clock() : http::Clock::time_point{};
+  Accumulator stream(fallback_model, options.secrets);
+  http::JsonReader reader;
+  for (const std::string_view raw : response) {
+    if (limited &&
+        std::chrono::duration<double>(options.clock() - start).count() > options.timeout_s) {
+      throw http::Retryable("stream exceeded timeout before completing");
+    }
+    const std::string_view line = trim(raw);
+    if (!line.starts_with(PREFIX)) {
+      require_utf8(raw);
+      continue;
+    }
+    const std::string_view payload = trim(line.substr(PREFIX.size()));
+    if (payload == "[DONE]") break;
+    if (const auto chunk = reader.parse(payload)) {
+      if (chunk->kind() == JsonValue::Kind::object) stream.add(*chunk);
+    } else {
+      require_utf8(raw);  // what is no JSON is passed over
+    }
+  }
+  return std::move(stream).finish();
+}
+
+}  // namespace tovren_mapstead::engines::llm

@@ -1,0 +1,91 @@
+// One attempt of a chat call over HTTP: one POST, and another without what the provider rejects.
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "tovren_mapstead/engines/http/errors.hpp"
+#include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/http/send.hpp"
+
+#include "engines/llm/client/prompt.hpp"
+#include "engines/llm/reply/completion.hpp"
+#include "engines/llm/stream/sse.hpp"
+#include "engines/llm/transports/endpoint.hpp"
+#include "engines/llm/transports/fallback.hpp"
+
+namespace tovren_mapstead::engines::llm {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json to_json(const Messages& messages) {
+  Json list = Json::array();
+  for (const Message& message : messages) {
+    Json object = Json::object();
+    for (const auto& [name, value] : message) object[name] = value;
+    list.push_back(std::move(object));
+  }
+  return list;
+}
+
+}  // namespace
+
+LLMResult LLMClient::_chat_via_urllib(const Prompt& prompt, double timeout_s,
+                                      const http::RetryPolicy& policy) const {
+  const http::Headers headers{{"Authorization", "Bearer " + _config.api_key.value_or("")}};
+  return _chat_http(chat_url(_config.base_url), headers, prompt, timeout_s, policy);
+}
+
+LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& headers,
+                                const Prompt& prompt, double timeout_s,
+                                const http::RetryPolicy& policy,
+                                std::optional<bool> stream_choice) const {
+  const bool stream = stream_choice.value_or(_config.stream);
+  Json body = Json::object();
+  body["model"] = _config.model;
+  body["messages"] = to_json(prompt.messages);
+  body["temperature"] = prompt.temperature;
+  body["max_tokens"] = prompt.max_tokens;
+  http::Headers req_headers = headers;
+  if (stream) {
+    body["stream"] = true;
+    body["stream_options"] = {{"include_usage", true}};
+    req_headers["Accept"] = "text/event-stream";
+  }
+  if (prompt.response_json) body["response_format"] = {{"type", "json_object"}};
+
+  http::Secrets secrets = _secrets;
+  const http::Secrets carried = http::secrets_of(headers);
+  secrets.insert(secrets.end(), carried.begin(), carried.end());
+
+  const auto read = [&](http::Response& reply) {
+    if (stream && http::content_type(reply).find("event-stream") != std::string::npos) {
+      return _parse_sse_stream(reply, _config.model, {.timeout_s = timeout_s, .secrets = secrets});
+    }
+    const http::JsonDocument payload = http::read_json(reply, policy, secrets);
+    return _parse_completion(payload.root(), _config.model, secrets);
+  };
+  try {
+    return http::send(url,
+                      {.policy = policy,
+                       .timeout_s = timeout_s,
+                       .body = body,
+                       .headers = req_headers,
+                       .secrets = secrets,
+                       .transport = _transport.get()},
+                      read);
+  } catch (const http::HttpFailure& failure) {
+    switch (choose_fallback(failure.status(), failure.detail(), prompt.response_json, stream)) {
+      case Fallback::without_json_mode:
+        return _chat_http(url, headers, prompt.without_json_mode(), timeout_s, policy, stream);
+      case Fallback::without_streaming:
+        return _chat_http(url, headers, prompt, timeout_s, policy, false);
+      case Fallback::none:
+        throw LLMError(std::string("LLM ") + failure.what());
+    }
+    throw;
+  }
+}
+
+}  // namespace tovren_mapstead::engines::llm
