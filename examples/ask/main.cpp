@@ -1,0 +1,167 @@
+// Asks a language model about a source tree.
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ask/demo.hpp"
+#include "ask/options.hpp"
+#include "ask/sources.hpp"
+#include "tovren_mapstead/engines/llm.hpp"
+
+namespace {
+
+namespace llm = tovren_mapstead::engines::llm;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t SOURCE_BUDGET = std::size_t{256} << 10U;
+
+enum Exit : int { ANSWERED = 0, FAILED = 1, MISUSED = 2, LATE = 3, INTERRUPTED = 130 };
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void interrupt(int) { interrupted = 1; }
+
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Text from elsewhere, fit for a line of a terminal.
+std::string one_line(std::string_view text) {
+  std::string line(text);
+  for (char& c : line) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
+  }
+  return line;
+}
+
+// A line that shows on a terminal that the call goes on, and is gone when it ends.
+class Progress {
+ public:
+  Progress() = default;
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  ~Progress() {
+    if (_drawn) std::fputs("\r\x1b[K", stderr);
+  }
+
+  void show() {
+    const auto now = Clock::now();
+    if (!_terminal || now - _last < std::chrono::milliseconds(100)) return;
+    _last = now;
+    _drawn = true;
+    std::fprintf(stderr, "\rwaiting for the answer: %.1f s", seconds_since(_start));
+    std::fflush(stderr);
+  }
+
+ private:
+  const bool _terminal = isatty(STDERR_FILENO) == 1;
+  const Clock::time_point _start = Clock::now();
+  Clock::time_point _last;
+  bool _drawn = false;
+};
+
+std::string key_from_environment() {
+  const char* const key = std::getenv("TOVREN_LLM_API_KEY");
+  return key == nullptr ? "" : key;
+}
+
+llm::LLMConfig configure(const ask::Options& options, const ask::Demo* demo) {
+  const llm::LLMConfig defaults;
+  return {.provider = options.provider,
+          .base_url = demo == nullptr ? options.base_url : demo->base_url(),
+          .model = options.model.empty() && demo != nullptr ? "demo" : options.model,
+          .api_key = demo == nullptr ? key_from_environment() : "demo",
+          .timeout_s = options.timeout_s.value_or(defaults.timeout_s),
+          .max_retries = options.retries.value_or(defaults.max_retries),
+          .temperature = options.temperature.value_or(defaults.temperature),
+          .max_tokens = options.max_tokens.value_or(defaults.max_tokens),
+          .stream = options.stream};
+}
+
+llm::Messages messages_for(const ask::Options& options) {
+  if (options.prompt) return {{{"role", "user"}, {"content", *options.prompt}}};
+  const auto files = ask::gather(options.directory, SOURCE_BUDGET);
+  return {{{"role", "system"},
+           {"content", "You answer questions about source trees from the files that you are given, "
+                       "briefly and exactly."}},
+          {{"role", "user"}, {"content", ask::to_prompt(files, options.question)}}};
+}
+
+int run(const ask::Options& options) {
+  std::unique_ptr<ask::Demo> demo;
+  if (options.base_url.empty() && options.provider != "copilot") {
+    demo = std::make_unique<ask::Demo>();
+    std::cerr << "no --base-url: asking the built-in demo endpoint at " << demo->base_url() << "\n";
+  }
+  const llm::LLMClient client(configure(options, demo.get()));
+  const llm::Messages messages = messages_for(options);
+  const auto start = Clock::now();
+  std::optional<Clock::time_point> deadline;
+  if (options.deadline_s) {
+    const std::chrono::duration<double> most = std::chrono::hours(24 * 365);
+    const auto period = std::min(std::chrono::duration<double>(*options.deadline_s), most);
+    deadline = start + std::chrono::duration_cast<Clock::duration>(period);
+  }
+  std::optional<Progress> progress(std::in_place);
+  const auto should_stop = [&progress] {
+    progress->show();
+    return interrupted != 0;
+  };
+  try {
+    const llm::LLMResult result = client.chat(
+        messages,
+        {.response_json = options.json, .should_stop = should_stop, .deadline = deadline});
+    progress.reset();
+    std::cout << result.content << std::endl;
+    std::fprintf(stderr,
+                 "model=%s prompt_tokens=%lld completion_tokens=%lld finish_reason=%s "
+                 "elapsed_s=%.2f\n",
+                 one_line(result.model).c_str(), static_cast<long long>(result.prompt_tokens),
+                 static_cast<long long>(result.completion_tokens),
+                 one_line(result.finish_reason.value_or("-")).c_str(), seconds_since(start));
+    return std::cout ? ANSWERED : FAILED;
+  } catch (const llm::LLMError& error) {
+    progress.reset();
+    std::cerr << "ask: " << one_line(error.what()) << "\n";
+    if (dynamic_cast<const llm::LLMStopped*>(&error) != nullptr) return INTERRUPTED;
+    return dynamic_cast<const llm::LLMTimeout*>(&error) != nullptr ? LATE : FAILED;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  struct sigaction action {};
+  action.sa_handler = interrupt;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second Ctrl-C ends it the hard way
+  sigaction(SIGINT, &action, nullptr);
+  try {
+    const ask::Options options = ask::parse({argv + 1, argv + argc});
+    if (options.help) {
+      std::cout << ask::HELP;
+      return ANSWERED;
+    }
+    return run(options);
+  } catch (const ask::UsageError& error) {
+    std::cerr << "ask: " << error.what() << "; see --help\n";
+    return MISUSED;
+  } catch (const std::invalid_argument& error) {
+    std::cerr << "ask: " << one_line(error.what()) << "\n";
+    return MISUSED;
+  } catch (const std::exception& error) {
+    std::cerr << "ask: " << one_line(error.what()) << "\n";
+    return FAILED;
+  }
+}
