@@ -1,0 +1,86 @@
+// Feeds replies of a hostile server to everything that reads them. The first byte cuts the body
+// into pieces and picks its media type. What must hold: no crash, no foreign exception, only valid
+// UTF-8 in results and error texts, and no secret in any of them.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/llm.hpp"
+
+#include "engines/llm/reply/reasoning.hpp"
+
+namespace http = tovren_mapstead::engines::http;
+namespace llm = tovren_mapstead::engines::llm;
+
+namespace {
+
+const std::string SECRET = "sk-\"1/";
+
+class Hostile final : public http::Transport {
+ public:
+  Hostile(std::uint8_t shape, std::string_view body) : _shape(shape), _body(body) {}
+
+  std::unique_ptr<http::Exchange> open(http::Request, http::Watch&) override {
+    return std::make_unique<Reply>(_shape, _body);
+  }
+
+ private:
+  class Reply final : public http::Exchange {
+   public:
+    Reply(std::uint8_t shape, std::string_view body) : _piece(shape % 64 + 1), _rest(body) {
+      _head.status = shape % 8 == 7 ? 400 : 200;
+      _head.content_type = shape % 2 == 0 ? "text/event-stream" : "application/json";
+    }
+
+    [[nodiscard]] const http::Head& head() const noexcept override { return _head; }
+
+    bool read(std::string& into, http::Watch&) override {
+      if (_rest.empty()) return false;
+      into += _rest.substr(0, _piece);
+      _rest.remove_prefix(std::min(_piece, _rest.size()));
+      return true;
+    }
+
+   private:
+    http::Head _head;
+    std::size_t _piece;
+    std::string_view _rest;
+  };
+
+  std::uint8_t _shape;
+  std::string_view _body;
+};
+
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const llm::LLMClient client(
+      {.base_url = "http://h", .model = "m", .api_key = SECRET, .max_retries = 0},
+      {.transport = std::make_shared<Hostile>(data[0], body)});
+  try {
+    const llm::LLMResult result = client.chat({});
+    require(http::is_utf8(result.content) && http::is_utf8(result.model));
+    require(http::is_utf8(result.finish_reason.value_or("")));
+  } catch (const llm::LLMError& error) {
+    const std::string_view text = error.what();
+    require(http::is_utf8(text) && text.find(SECRET) == std::string_view::npos);
+  }
+  require(llm::_strip_reasoning(body).size() <= body.size());
+  require(http::redact(body, {SECRET, "*", "\\"}).find(SECRET) == std::string::npos);
+  // What a stricter reader takes for JSON is JSON here, too; but that one passes over a byte order
+  // mark and ends at a NUL.
+  const bool plain = body.find('\0') == std::string::npos && !body.starts_with("\xEF\xBB\xBF");
+  http::JsonReader reader;
+  if (plain && nlohmann::json::accept(body)) require(reader.parse(body).has_value());
+  return 0;
+}

@@ -1,0 +1,132 @@
+#include "tovren_mapstead/engines/http/json.hpp"
+
+#include <cmath>
+#include <limits>
+
+#include "engines/http/json_text.hpp"
+#include "support.hpp"
+
+namespace {
+
+using namespace support;
+using http::JsonReader;
+using http::JsonValue;
+
+TEST(JsonReader, ReadsWhateverIsJson) {
+  struct Case {
+    const char* text;
+    const char* member_a;  // its text; null: the whole is not JSON
+  };
+
+  const Case cases[] = {
+      {R"({"a":"x"})", "x"},
+      {R"({"a":1,"b":2,"a":3})", "3"},
+      {R"({"\u0061":"escaped name"})", "escaped name"},
+      {R"({"a":"\ud83d\ude00"})", "\U0001F600"},
+      {R"({"a":"\ud83d"})", "\uFFFD"},
+      {R"({"a":"\ude00\ud83d!"})", "\uFFFD\uFFFD!"},
+      {R"({"a":"\ud83d\n\uffff\\ud83d"})", "\uFFFD\n\uFFFF\\ud83d"},
+      {"{\"a\":\"\\ud83d\uFFFF\uE03D\"}", "\uFFFD\uFFFF\uE03D"},
+      {R"({"z":"\ud83d","a":[1,"\ude00"]})", "[1,\"\uFFFD\"]"},
+      {R"({"a":1e999})", "1e999"},
+      {R"({"a":-123456789012345678901234567890})", "-123456789012345678901234567890"},
+      {R"({"z":1e999,"a":[-0.5,18446744073709551615]})", "[-0.5,18446744073709551615]"},
+      {R"({"z":"say \"1e999","a":12e2})", "1200.0"},
+      {R"({"a":01})", nullptr},
+      {R"({"a":1e999,"b":-})", nullptr},
+      {R"({"a":"\ud83d",})", nullptr},
+      {"{\"a\":\"\xff\"}", nullptr},
+      {R"({"a":"\ud83)", nullptr},
+      {"", nullptr},
+  };
+  JsonReader reader;  // one for all: what is left of one text must not show in the next
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const auto value = reader.parse(c.text);
+    ASSERT_EQ(value.has_value(), c.member_a != nullptr);
+    if (value) {
+      EXPECT_EQ((*value)["a"].text(), c.member_a);
+    }
+  }
+}
+
+TEST(JsonReader, TellsWhatIsEmpty) {
+  JsonReader reader;
+  for (const char* const text : {"null", "false", "0", "-0.0", "\"\"", "[]", "{}"}) {
+    EXPECT_TRUE(reader.parse(text)->empty()) << text;
+  }
+  for (const char* const text :
+       {"true", "1", "1e-3", "\" \"", "[null]", "{\"\":null}", "18446744073709551615", "1e999"}) {
+    EXPECT_FALSE(reader.parse(text)->empty()) << text;
+  }
+  EXPECT_TRUE(JsonValue().empty());
+  EXPECT_TRUE(reader.parse("[[7]]")->front().front()["x"].empty());
+}
+
+TEST(JsonReader, JoinsHalvesThatMeet) {
+  JsonReader reader;
+  std::string text = "\u00ED\uD7FF";  // the bytes of a half begin like those of Hangul
+  for (const char* const piece : {R"("a\ud83d")", R"("\ude00b")", R"("\ud83d")", R"("c\ude00")",
+                                  R"("\ud83d\ud83d")", R"("\ude00")"}) {
+    reader.parse(piece)->append_text(text);
+  }
+  http::join_halves(text);
+  EXPECT_EQ(text, "\u00ED\uD7FFa\U0001F600b\uFFFDc\uFFFD\uFFFD\U0001F600");
+}
+
+TEST(ReadJson, TellsACutBodyFromAWrongOne) {
+  const auto read = [](http::Response& reply) {
+    return http::read_json(reply, POLICY, {"KEY-1"}).root()["a"].text();
+  };
+  EXPECT_EQ(play({.pieces = {"\xEF\xBB\xBF{\"a\"", ":\"b\"} \n"}}, read), "b");
+  for (const char* const cut : {"", "{\"a", "{\"a\":tr", "{\"a\":[1,", "{\"a\":\"\\ud83d\",\"b"}) {
+    SCOPED_TRACE(cut);
+    EXPECT_THROW(play({.pieces = {cut}}, read), http::Retryable);
+  }
+  for (const std::string wrong : {"<html>KEY-1</html>", "{\"a\":1} KEY-1", "{KEY-1", "[1,}KEY-1"}) {
+    SCOPED_TRACE(wrong);
+    const std::string text = text_of<http::HttpFailure>([&] { play({.pieces = {wrong}}, read); });
+    EXPECT_TRUE(contains(text, wrong.substr(0, 1)) && contains(text, "***")) << text;
+    EXPECT_FALSE(contains(text, "KEY-1")) << text;
+  }
+  const http::RetryPolicy small{.max_body_bytes = 8};
+  const auto bounded = [&](http::Response& reply) { http::read_json(reply, small, {}); };
+  EXPECT_NO_THROW(play({.pieces = {"\"123456\""}}, bounded));
+  EXPECT_THROW(play({.pieces = {"\"1234567\""}}, bounded), http::HttpFailure);
+}
+
+TEST(WriteJson, IsReadBackAsItWas) {
+  std::string every_byte;
+  for (char c = 1; c > 0; ++c) every_byte += c;
+  const Json body{{"z", every_byte + "\u2028\U0001F600" + std::string(1, '\0')},
+                  {"a", {1, -2, 0.2, 1e300, 5e-324, true, nullptr, Json::object(), Json::array()}},
+                  {"n", std::numeric_limits<std::uint64_t>::max()}};
+  const std::string text = http::write_json(body);
+  EXPECT_EQ(Json::parse(text), body);
+  EXPECT_EQ(http::write_json(Json::parse(R"({"b":0.0,"a":-0.0,"c":0.2,"d":1e22})")),
+            R"({"b":0.0,"a":-0.0,"c":0.2,"d":1e+22})");
+}
+
+TEST(WriteJson, RefusesWhatNoServerCouldRead) {
+  struct Case {
+    Json body;
+    const char* told;
+  };
+
+  Json deep = 1;
+  for (int i = 0; i < 5000; ++i) deep = Json::array({std::move(deep)});
+  const Case cases[] = {
+      {{{"m", {{{"content", "SECRET\xff"}}}}}, "UTF-8 at /m/0/content"},
+      {{{"t", std::nan("")}}, "not finite at /t"},
+      {{{"t", -std::numeric_limits<double>::infinity()}}, "not finite"},
+      {{{"b", Json::binary({1})}}, "no form"},
+      {deep, "too deeply"},
+  };
+  for (const Case& c : cases) {
+    const auto text = text_of<http::HttpFailure>([&] { std::ignore = http::write_json(c.body); });
+    EXPECT_TRUE(contains(text, c.told)) << text;
+    EXPECT_FALSE(contains(text, "SECRET")) << text;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,133 @@
+#include "tovren_mapstead/engines/http/retry.hpp"
+
+#include <climits>
+#include <limits>
+
+#include "support.hpp"
+
+namespace {
+
+using namespace support;
+
+static_assert(http::StatusSet{408, 599}.contains(599) && http::StatusSet{408}.size() == 1);
+static_assert(!http::StatusSet{599}.contains(600) && !http::StatusSet{100}.contains(-1));
+
+constexpr double FOREVER = std::numeric_limits<double>::infinity();
+
+TEST(Retry, WaitsLongerEachTimeAndGivesUp) {
+  struct Case {
+    const char* what;
+    int attempts;
+    double backoff_s;
+    int failures;
+    std::vector<double> waits;
+    bool answered;
+  };
+
+  const Case cases[] = {
+      {"the first answers", 3, 1.0, 0, {}, true},
+      {"the last answers", 4, 1.0, 3, {1, 2, 4}, true},
+      {"none answers", 3, 0.5, 9, {0.5, 1}, false},
+      {"one try", 1, 1.0, 9, {}, false},
+      {"no try counts as one", 0, 1.0, 9, {}, false},
+      {"fewer than none", INT_MIN, 1.0, 9, {}, false},
+      {"the most tries", INT_MAX, 1e308, 3, {1e308, FOREVER, FOREVER}, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<double> waits;
+    const http::RetryPolicy policy{
+        .attempts = c.attempts,
+        .backoff_s = c.backoff_s,
+        .timeout_s = 7,
+        .wait = [&](double period_s, const auto&, auto) { waits.push_back(period_s); }};
+    int tries = 0;
+    const auto attempt = [&](double timeout_s) {
+      EXPECT_EQ(timeout_s, 7);
+      if (tries++ < c.failures) throw http::Retryable("busy, says KEY-1");
+      return 42;
+    };
+    const http::RetryOptions options{.label = "LLM call", .secrets = {"KEY-1"}};
+    if (c.answered) {
+      EXPECT_EQ(http::retry(policy, attempt, options), 42);
+    } else {
+      const auto text = text_of<http::Exhausted>([&] { http::retry(policy, attempt, options); });
+      EXPECT_TRUE(text.starts_with("LLM call") && contains(text, "busy, says ***")) << text;
+    }
+    EXPECT_EQ(waits, c.waits);
+  }
+}
+
+TEST(Retry, AsksBeforeEveryAttempt) {
+  int asked = 0;
+  int tries = 0;
+  const http::RetryPolicy policy{.attempts = 9,
+                                 .wait = [](double, const auto&, auto) {},
+                                 .should_stop = [&] { return ++asked == 3; },
+                                 .deadline = http::Clock::now() - 1s};
+  const auto attempt = [&](double) {
+    ++tries;
+    throw http::Retryable("busy");
+  };
+  EXPECT_THROW(http::retry(policy, attempt), http::DeadlineExceeded);
+  EXPECT_EQ(tries, 0);
+  EXPECT_THROW(http::retry(policy.with({.should_stop = policy.should_stop}), attempt),
+               http::Stopped);
+  EXPECT_EQ(tries, 1);
+}
+
+TEST(Retry, CutsTheTimeLimitToTheDeadline) {
+  const auto granted = [](double timeout_s, std::chrono::milliseconds left) {
+    const http::RetryPolicy policy{.timeout_s = timeout_s, .deadline = http::Clock::now() + left};
+    return http::retry(policy, [](double limit_s) { return limit_s; });
+  };
+  EXPECT_EQ(granted(2, 10s), 2);
+  for (const double timeout_s : {60.0, 0.0, FOREVER}) {
+    EXPECT_NEAR(granted(timeout_s, 10s), 10, 1);
+  }
+}
+
+TEST(Retry, BeginsNoWaitThatTheDeadlineWouldCut) {
+  const auto start = http::Clock::now();
+  for (const double backoff_s : {5.0, FOREVER}) {
+    const http::RetryPolicy policy{
+        .attempts = 2, .backoff_s = backoff_s, .deadline = http::Clock::now() + 4s};
+    EXPECT_THROW(http::retry(policy, [](double) { throw http::Retryable("busy"); }),
+                 http::DeadlineExceeded);
+  }
+  // A last try that used the deadline up has run out of time, whatever ended it.
+  const http::RetryPolicy late{.deadline = http::Clock::now() + 20ms};
+  const auto attempt = [](double) {
+    std::this_thread::sleep_for(30ms);
+    throw http::Retryable("busy");
+  };
+  EXPECT_THROW(http::retry(late, attempt), http::DeadlineExceeded);
+  EXPECT_LT(seconds_since(start), 2);
+}
+
+TEST(Retry, LetsEveryOtherErrorPass) {
+  const http::RetryPolicy policy{.attempts = 3, .should_stop = [] { return false; }};
+  const auto failing = [&](auto error) { return [error](double) -> int { throw error; }; };
+  EXPECT_THROW(http::retry(policy, failing(http::HttpFailure("no"))), http::HttpFailure);
+  EXPECT_THROW(http::retry(policy, failing(http::Stopped("no"))), http::Stopped);
+  EXPECT_THROW(http::retry(policy, failing(7)), int);
+  const http::RetryPolicy throwing{.should_stop = []() -> bool { throw 8L; }};
+  EXPECT_THROW(http::retry(throwing, failing(7)), long);
+}
+
+TEST(Wait, IsOverAtOnceWhenThereIsNothingToWaitFor) {
+  const auto start = http::Clock::now();
+  for (const double period_s : {0.0, -1.0, std::nan(""), -FOREVER}) {
+    http::wait_unless_stopped(period_s, {}, std::nullopt);
+  }
+  EXPECT_LT(seconds_since(start), 0.02);
+  EXPECT_THROW(http::wait_unless_stopped(FOREVER, {}, http::Clock::now() + 10ms),
+               http::DeadlineExceeded);
+  int asked = 0;
+  EXPECT_THROW(http::wait_unless_stopped(
+                   1e300, [&] { return ++asked > 2; }, std::nullopt),
+               http::Stopped);
+  EXPECT_LT(seconds_since(start), 0.5);
+}
+
+}  // namespace

@@ -1,0 +1,18 @@
+// Looking up a name that ends in ".slow.test" takes two seconds, as where name servers are ill.
+#include <chrono>
+#include <string_view>
+#include <thread>
+
+#include <dlfcn.h>
+#include <netdb.h>
+
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result) {
+  if (node != nullptr && std::string_view(node).ends_with(".slow.test")) {
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    return EAI_AGAIN;
+  }
+  static const auto real =
+      reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  return real(node, service, hints, result);
+}
