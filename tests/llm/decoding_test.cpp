@@ -4,6 +4,7 @@
 #include "tovren_mapstead/engines/llm.hpp"
 
 #include "engines/llm/reply/completion.hpp"
+#include "engines/llm/reply/token_count.hpp"
 #include "engines/llm/reply/reasoning.hpp"
 #include "engines/llm/stream/result.hpp"
 #include "engines/llm/stream/sse.hpp"
@@ -88,7 +89,7 @@ TEST(AsInt, ConvertsWhatIsANumber) {
   for (const auto& [text, number] : cases) {
     EXPECT_EQ(llm::_as_int(*reader.parse(text), 77), number) << text;
   }
-  EXPECT_EQ(llm::_as_int({}), 0);
+  EXPECT_EQ(llm::_as_int(http::JsonValue()), 0);
 }
 
 TEST(Completion, IsReadFromAWholeBody) {

@@ -94,6 +94,14 @@ JsonValue JsonValue::operator[](std::string_view name) const {
   return members<1>({name})[0];
 }
 
+std::vector<JsonValue> JsonValue::elements() const {
+  std::vector<JsonValue> elements;
+  if (_kind != Kind::array) return elements;
+  const auto array = taken<simdjson::dom::array>(_place);
+  for (const element each : array) elements.push_back({std::bit_cast<Place>(each), _mended});
+  return elements;
+}
+
 JsonValue JsonValue::front() const {
   if (_kind != Kind::array) return {};
   const auto array = taken<simdjson::dom::array>(_place);

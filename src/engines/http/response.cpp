@@ -74,6 +74,9 @@ struct Response::Impl {
   std::invoke_result_t<Step> guarded(Step step) {
     try {
       return step();
+    } catch (const TransportTimeout& error) {
+      failed = true;
+      throw TimedOut(quote(error.what(), secrets, QUOTED_BYTES));
     } catch (const TransportError& error) {
       failed = true;
       const std::string text = quote(error.what(), secrets, QUOTED_BYTES);

@@ -75,30 +75,40 @@ std::string refusal(const Head& head, const Secrets& secrets) {
          (to.empty() ? "" : " to " + to) + ", which is not followed; use the final URL)";
 }
 
+// The one exchange routine: every request goes out and every status is judged here.
+Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
+                  const Secrets& secrets, Transport* transport) {
+  refuse_unsafe(request.url, request.headers);
+  add_unless_given(request.headers, "User-Agent", USER_AGENT);
+  Response reply(transport != nullptr ? *transport : default_transport(), std::move(request),
+                 timeout_s, policy, secrets);
+  const int status = reply.head().status;
+  if (status / 100 == 2) return reply;
+  if (policy.retry_statuses.contains(status)) {
+    const std::string detail = reply.quote_rest();
+    throw Retryable(
+        "the server answered " + in_words(status) + (detail.empty() ? "" : ": " + detail), status);
+  }
+  throw HttpFailure(refusal(reply.head(), secrets), status, reply.quote_rest());
+}
+
 }  // namespace
 
 namespace detail {
 
 Response post(const std::string& url, const SendOptions& options) {
-  refuse_unsafe(url, options.headers);
-  Headers headers = options.headers;
-  add_unless_given(headers, "Content-Type", "application/json");
-  add_unless_given(headers, "User-Agent", USER_AGENT);
-  Transport& transport = options.transport != nullptr ? *options.transport : default_transport();
-  Response reply(transport,
-                 {.method = Method::post,
+  Request request{.method = Method::post,
                   .url = url,
-                  .headers = std::move(headers),
-                  .body = write_json(options.body)},
-                 options.timeout_s, options.policy, options.secrets);
-  const int status = reply.head().status;
-  if (status / 100 == 2) return reply;
-  if (options.policy.retry_statuses.contains(status)) {
-    const std::string detail = reply.quote_rest();
-    throw Retryable(
-        "the server answered " + in_words(status) + (detail.empty() ? "" : ": " + detail), status);
-  }
-  throw HttpFailure(refusal(reply.head(), options.secrets), status, reply.quote_rest());
+                  .headers = options.headers,
+                  .body = write_json(options.body)};
+  add_unless_given(request.headers, "Content-Type", "application/json");
+  return exchange(std::move(request), options.timeout_s, options.policy, options.secrets,
+                  options.transport);
+}
+
+Response get(const std::string& url, const GetOptions& options) {
+  return exchange({.method = Method::get, .url = url, .headers = options.headers, .body = {}},
+                  options.timeout_s, options.policy, options.secrets, options.transport);
 }
 
 }  // namespace detail

@@ -50,7 +50,7 @@ void Watch::check(std::string_view doing, std::string_view whom) const {
   if (_deadline && now >= *_deadline)
     throw DeadlineExceeded(text("the deadline passed") + "; allow more time");
   if (silence_counts() && now >= *_silent_until) {
-    throw TransportError(text("nothing moved for " + seconds(_timeout_s)), true);
+    throw TransportTimeout(text("nothing moved for " + seconds(_timeout_s)));
   }
 }
 

@@ -29,6 +29,12 @@ class Retryable : public Error {
   std::optional<int> _status;
 };
 
+/// The peer was silent for longer than the time limit.
+class TimedOut : public Retryable {
+ public:
+  using Retryable::Retryable;
+};
+
 /// A failure that no repetition mends: a refusing status, a bad URL, a certificate, a request that
 /// cannot be written.
 class HttpFailure : public Error {

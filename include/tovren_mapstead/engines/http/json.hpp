@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tovren_mapstead/engines/http/send.hpp"
 
@@ -41,6 +42,9 @@ class JsonValue {
     collect(names, found);
     return found;
   }
+
+  /// All elements; none when this is not an array.
+  [[nodiscard]] std::vector<JsonValue> elements() const;
 
   /// The first element; absent when there is none or this is not an array.
   [[nodiscard]] JsonValue front() const;

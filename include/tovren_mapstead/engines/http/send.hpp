@@ -91,7 +91,7 @@ class Response {
 /// The media type of the reply with its parameters, in lower case; empty when it names none.
 [[nodiscard]] std::string content_type(const Response& reply);
 
-/// What one exchange needs. Everything is borrowed for the time of the exchange.
+/// What a POST needs. Everything is borrowed for the time of the exchange.
 struct SendOptions {
   const RetryPolicy& policy;             ///< Bounds and limits; its attempts are not this level's.
   const double timeout_s = 60.0;         ///< Longest silence, in seconds; 0: any.
@@ -101,10 +101,20 @@ struct SendOptions {
   Transport* const transport = nullptr;  ///< Absent: `default_transport`.
 };
 
+/// What a GET needs: the same without a body.
+struct GetOptions {
+  const RetryPolicy& policy;
+  const double timeout_s = 60.0;
+  const Headers& headers;
+  const Secrets& secrets;
+  Transport* const transport = nullptr;
+};
+
 namespace detail {
 
-/// Sends a POST and returns its reply if the status is a success; throws like `send`.
+/// Send a request and return its reply if the status is a success; throw like `send`.
 Response post(const std::string& url, const SendOptions& options);
+Response get(const std::string& url, const GetOptions& options);
 
 }  // namespace detail
 
@@ -118,6 +128,14 @@ template <class Read>
 std::invoke_result_t<Read&, Response&> send(const std::string& url, const SendOptions& options,
                                             Read&& read) {
   Response reply = detail::post(url, options);
+  return std::invoke(read, reply);
+}
+
+/// GETs `url`, once; in everything else like `send`.
+template <class Read>
+std::invoke_result_t<Read&, Response&> get(const std::string& url, const GetOptions& options,
+                                           Read&& read) {
+  Response reply = detail::get(url, options);
   return std::invoke(read, reply);
 }
 

@@ -45,6 +45,12 @@ class TransportError : public std::runtime_error {
   bool _transient;
 };
 
+/// Nothing moved for longer than the time limit; the engine makes a TimedOut of it.
+class TransportTimeout : public TransportError {
+ public:
+  explicit TransportTimeout(const std::string& message) : TransportError(message, true) {}
+};
+
 /// The bounds of every wait in one exchange. A transport that waits does so for at most `patience`
 /// at a time and calls `check` in between, `moved` when bytes have come or gone.
 /// Used on the thread of the call only.
@@ -60,7 +66,7 @@ class Watch {
   /// Lets no later silence last longer than `timeout_s` seconds.
   void shorten(double timeout_s) noexcept;
 
-  /// Throws Stopped, DeadlineExceeded or, after too long a silence, a transient TransportError;
+  /// Throws Stopped, DeadlineExceeded or, after too long a silence, TransportTimeout;
   /// `doing` and `whom` name in their texts what is under way: "waiting for the reply of", and the
   /// host. What the stop test throws passes through.
   void check(std::string_view doing, std::string_view whom) const;

@@ -15,6 +15,10 @@
 #include "tovren_mapstead/engines/llm/errors.hpp"
 #include "tovren_mapstead/engines/llm/result.hpp"
 
+namespace tovren_mapstead::engines::copilot {
+class CopilotAuth;
+}
+
 namespace tovren_mapstead::engines::llm {
 
 /// One message: its members, usually `role` and `content`, in the order in which they are sent.
@@ -68,6 +72,8 @@ class LLMClient {
                              const http::RetryPolicy& policy) const;
   LLMResult _chat_via_copilot(const Prompt& prompt, double timeout_s,
                               const http::RetryPolicy& policy) const;
+  LLMResult _chat_via_sdk(const Prompt& prompt, double timeout_s,
+                          std::optional<bool> stream = std::nullopt) const;
   LLMResult _chat_http(const std::string& url, const http::Headers& headers, const Prompt& prompt,
                        double timeout_s, const http::RetryPolicy& policy,
                        std::optional<bool> stream = std::nullopt) const;
@@ -76,6 +82,7 @@ class LLMClient {
   const std::shared_ptr<http::Transport> _transport;
   const http::Secrets _secrets;
   const http::RetryPolicy _policy;
+  const std::shared_ptr<copilot::CopilotAuth> _copilot_auth;  // Copilot clients have one
 };
 
 /// Whether the OpenAI client library (`openai`) can be loaded, in which case plain providers are

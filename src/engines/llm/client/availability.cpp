@@ -1,11 +1,12 @@
 // Whether plain providers are reached through the OpenAI client library.
 #include "tovren_mapstead/engines/llm/client.hpp"
 
+#include "openai/loader.hpp"
+
 namespace tovren_mapstead::engines::llm {
 
-// There is no such library to look for yet.
 bool _openai_available() {
-  return false;
+  return openai::find_library().has_value();
 }
 
 }  // namespace tovren_mapstead::engines::llm

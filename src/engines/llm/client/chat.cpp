@@ -22,6 +22,7 @@ LLMResult LLMClient::chat(const Messages& messages, const ChatOptions& options) 
                     .deadline = options.deadline});
   const auto attempt = [&](double timeout_s) {
     if (_config.provider == "copilot") return _chat_via_copilot(prompt, timeout_s, policy);
+    if (_openai_available()) return _chat_via_sdk(prompt, timeout_s);
     return _chat_via_urllib(prompt, timeout_s, policy);
   };
   // The engine's errors become the client's here and nowhere else.

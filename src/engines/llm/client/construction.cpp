@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "tovren_mapstead/engines/copilot.hpp"
 #include "tovren_mapstead/engines/llm/client.hpp"
 
 #include "engines/llm/client/quoted.hpp"
@@ -14,6 +15,7 @@ namespace tovren_mapstead::engines::llm {
 namespace {
 
 constexpr std::string_view COPILOT = "copilot";
+constexpr const char* DEFAULT_COPILOT_MODEL = "claude-opus-4.8";
 constexpr const char* API_KEY_VARIABLE = "TOVREN_LLM_API_KEY";
 
 http::Secrets secrets_in(const LLMConfig& config) {
@@ -46,22 +48,32 @@ LLMClient::LLMClient(LLMConfig config, const ClientOptions& options)
               .timeout_s = _config.timeout_s,
               .retry_statuses = RETRYABLE_STATUS,
               .detail_chars = DETAIL_CHARS,
-              .wait = options.wait} {}
+              .wait = options.wait},
+      _copilot_auth(_config.provider == COPILOT
+                        ? std::make_shared<copilot::CopilotAuth>(
+                              copilot::AuthOptions{.transport = options.transport})
+                        : nullptr) {}
 
 bool LLMClient::is_configured() const {
-  if (_config.provider == COPILOT) return false;
+  if (_config.provider == COPILOT) {
+    return !_config.model.empty() && _copilot_auth && _copilot_auth->is_available();
+  }
   return !_config.base_url.empty() && !_config.model.empty() && _config.api_key &&
          !_config.api_key->empty();
 }
 
 LLMClient build_llm_client_from_config(const Config& config) {
   const GenerationConfig& gen = config.generation;
-  const char* const variable = std::getenv(API_KEY_VARIABLE);  // NOLINT(concurrency-mt-unsafe)
-  const std::string_view key = variable == nullptr ? "" : variable;
+  const bool for_copilot = gen.provider == COPILOT;
+  std::optional<std::string> key;
+  if (!for_copilot) {
+    const char* const value = std::getenv(API_KEY_VARIABLE);  // NOLINT(concurrency-mt-unsafe)
+    if (value != nullptr && *value != '\0') key = value;
+  }
   return LLMClient({.provider = gen.provider,
-                    .base_url = gen.base_url,
-                    .model = gen.model,
-                    .api_key = key.empty() ? std::nullopt : std::optional<std::string>(key),
+                    .base_url = for_copilot ? copilot::COPILOT_BASE : gen.base_url,
+                    .model = for_copilot && gen.model.empty() ? DEFAULT_COPILOT_MODEL : gen.model,
+                    .api_key = key,
                     .timeout_s = gen.timeout_s,
                     .max_retries = gen.max_retries,
                     .temperature = gen.temperature,

@@ -1,8 +1,10 @@
 #include "engines/llm/stream/result.hpp"
 
+#include <cstddef>
 #include <utility>
 
 #include "tovren_mapstead/engines/http/errors.hpp"
+#include "tovren_mapstead/engines/llm/errors.hpp"
 
 #include "engines/llm/reply/reasoning.hpp"
 
@@ -16,6 +18,11 @@ std::optional<std::string> stream_error_text(const http::JsonValue& error) {
 
 std::optional<std::string> _stream_error_message(const http::JsonValue& chunk) {
   return stream_error_text(chunk["error"]);
+}
+
+void check_length(const std::string& parts) {
+  constexpr std::size_t MOST = std::size_t{64} << 20U;
+  if (parts.size() > MOST) throw LLMError("LLM answer is longer than 64 MiB");
 }
 
 LLMResult _build_stream_result(std::string parts, std::string model,

@@ -16,6 +16,10 @@ namespace tovren_mapstead::engines::llm {
 /// The same for an event whose `error` member has been looked up already.
 [[nodiscard]] std::optional<std::string> stream_error_text(const http::JsonValue& error);
 
+/// Throws LLMError for content longer than any answer. A stream has no end that could be known
+/// beforehand, so what it may fill is bounded like a whole body.
+void check_length(const std::string& parts);
+
 /// What a stream that has ended comes to. `parts` holds the content deltas joined in order, halves
 /// of surrogate pairs included.
 /// Throws http::Retryable for a stream without a finish reason that reported an error or gave no

@@ -1,27 +1,22 @@
 #include "engines/llm/stream/sse.hpp"
 
-#include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
 #include <utility>
 
-#include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/llm/errors.hpp"
 
-#include "engines/llm/reply/completion.hpp"
+#include "engines/llm/reply/token_count.hpp"
 #include "engines/llm/reply/white_space.hpp"
 #include "engines/llm/stream/result.hpp"
+#include "engines/llm/stream/time_limit.hpp"
 
 namespace tovren_mapstead::engines::llm {
 namespace {
 
 using http::JsonValue;
-
-// A stream has no end that could be known beforehand; what it may fill is bounded like a body.
-constexpr std::size_t MAX_ANSWER_BYTES = std::size_t{64} << 20U;
 
 void require_utf8(std::string_view line) {
   if (!line.empty() && !http::is_utf8(line))
@@ -46,7 +41,7 @@ class Accumulator {
         choices.front().members<2>({"delta", "finish_reason"});  // absent unless an object
     if (const JsonValue piece = delta["content"]; !piece.empty()) {
       piece.append_text(_parts);
-      if (_parts.size() > MAX_ANSWER_BYTES) throw LLMError("LLM answer is longer than 64 MiB");
+      check_length(_parts);
     }
     if (!finish_reason.empty()) _finish_reason = finish_reason.text();
     const auto [prompt, completion] = usage.members<2>({"prompt_tokens", "completion_tokens"});
@@ -74,15 +69,11 @@ class Accumulator {
 LLMResult _parse_sse_stream(http::Response& response, const std::string& fallback_model,
                             const StreamOptions& options) {
   constexpr std::string_view PREFIX = "data:";
-  const bool limited = options.timeout_s != 0;
-  const auto start = limited ? options.clock() : http::Clock::time_point{};
+  const TimeLimit limit(options.timeout_s, options.clock);
   Accumulator stream(fallback_model, options.secrets);
   http::JsonReader reader;
   for (const std::string_view raw : response) {
-    if (limited &&
-        std::chrono::duration<double>(options.clock() - start).count() > options.timeout_s) {
-      throw http::Retryable("stream exceeded timeout before completing");
-    }
+    limit.check();
     const std::string_view line = trim(raw);
     if (!line.starts_with(PREFIX)) {
       require_utf8(raw);

@@ -1,9 +1,12 @@
 // One attempt of a chat call over HTTP: one POST, and another without what the provider rejects.
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
 
+#include "tovren_mapstead/engines/copilot.hpp"
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
@@ -56,8 +59,8 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
   if (prompt.response_json) body["response_format"] = {{"type", "json_object"}};
 
   http::Secrets secrets = _secrets;
-  const http::Secrets carried = http::secrets_of(headers);
-  secrets.insert(secrets.end(), carried.begin(), carried.end());
+  std::ranges::copy(http::secrets_of(headers), std::back_inserter(secrets));
+  if (_copilot_auth) std::ranges::copy(_copilot_auth->secrets(), std::back_inserter(secrets));
 
   const auto read = [&](http::Response& reply) {
     if (stream && http::content_type(reply).find("event-stream") != std::string::npos) {
@@ -76,6 +79,7 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
                        .transport = _transport.get()},
                       read);
   } catch (const http::HttpFailure& failure) {
+    if (_copilot_auth && failure.status() == 401) _copilot_auth->drop_token(headers);
     switch (choose_fallback(failure.status(), failure.detail(), prompt.response_json, stream)) {
       case Fallback::without_json_mode:
         return _chat_http(url, headers, prompt.without_json_mode(), timeout_s, policy, stream);

@@ -1,0 +1,161 @@
+// The face of the optional OpenAI client library. Whoever has a client library for
+// OpenAI-compatible endpoints can bind it to this: implement `OpenAI` and `ChunkStream`, define the
+// entry point, and build a shared object named libtovren_openai.so for the dynamic loader to find.
+// Needs the standard library only, and the same one as the program that loads it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace tovren_mapstead::openai {
+
+/// Grows with every change to what follows. An object of another version is not used.
+inline constexpr std::uint32_t INTERFACE_VERSION = 1;
+
+/// The name of the shared object, and of its entry point.
+inline constexpr const char* LIBRARY_NAME = "libtovren_openai.so";
+inline constexpr const char* ENTRY_POINT = "tovren_openai_library";
+
+/// A member of a reply as it came; the first alternative: absent or null.
+/// Strings are UTF-8, but one of a chunk may begin or end with half of a surrogate pair, in the
+/// three bytes of its number, where a server cut a character in two.
+using Scalar = std::variant<std::monostate, bool, std::int64_t, double, std::string>;
+
+struct Usage {
+  Scalar prompt_tokens;
+  Scalar completion_tokens;
+};
+
+struct Message {
+  Scalar content;
+};
+
+struct Choice {
+  std::optional<Message> message;
+  Scalar finish_reason;
+};
+
+/// A whole reply.
+struct Completion {
+  Scalar model;
+  std::optional<std::vector<Choice>> choices;
+  std::optional<Usage> usage;
+  std::string text;  ///< A readable rendering of all of it, for error texts.
+};
+
+struct ChunkChoice {
+  std::optional<Message> delta;
+  Scalar finish_reason;
+};
+
+/// A piece of a streamed reply.
+struct Chunk {
+  Scalar model;
+  std::optional<std::vector<ChunkChoice>> choices;
+  std::optional<Usage> usage;
+  std::string text;  ///< As for `Completion`; may be empty.
+};
+
+/// A streamed reply, read once from start to end.
+class ChunkStream {
+ public:
+  ChunkStream() = default;
+  ChunkStream(const ChunkStream&) = delete;
+  ChunkStream& operator=(const ChunkStream&) = delete;
+  virtual ~ChunkStream() = default;
+
+  /// The next chunk, or nothing at the end. Blocks, for no longer than the client's timeout between
+  /// two pieces of the reply. Throws an OpenAIError.
+  virtual std::optional<Chunk> next() = 0;
+};
+
+/// The arguments of one request, in the order in which they are sent. Those that are absent are not
+/// sent at all.
+struct CreateArguments {
+  struct StreamOptions {
+    bool include_usage = true;
+  };
+
+  struct ResponseFormat {
+    std::string type;
+  };
+
+  std::string model;
+  std::vector<std::vector<std::pair<std::string, std::string>>> messages;  ///< Members in order.
+  double temperature = 0;
+  int max_tokens = 0;
+  std::optional<bool> stream{};
+  std::optional<StreamOptions> stream_options{};
+  std::optional<ResponseFormat> response_format{};
+};
+
+/// What a client is made with.
+struct ClientArguments {
+  std::string base_url;
+  std::string api_key;
+  double timeout = 0;   ///< Seconds; bounds every wait of a request. 0: none.
+  int max_retries = 0;  ///< 0: exactly one try a request.
+};
+
+/// A client of one endpoint. Its destructor closes it and what it holds. Used by one thread.
+class OpenAI {
+ public:
+  OpenAI() = default;
+  OpenAI(const OpenAI&) = delete;
+  OpenAI& operator=(const OpenAI&) = delete;
+  virtual ~OpenAI() = default;
+
+  /// `chat.completions.create`: the whole reply, or its stream when `arguments.stream` is true.
+  /// The stream is destroyed before the client. Throws an OpenAIError.
+  virtual std::variant<Completion, std::unique_ptr<ChunkStream>> create_chat_completion(
+      const CreateArguments& arguments) = 0;
+};
+
+/// Any failure of a request. The text quotes what the provider says.
+class [[gnu::visibility("default")]] OpenAIError : public std::runtime_error {
+ public:
+  explicit OpenAIError(const std::string& message, std::optional<int> status = std::nullopt)
+      : std::runtime_error(message), _status(status) {}
+
+  /// The HTTP status of the reply, if there was one.
+  [[nodiscard]] std::optional<int> status() const noexcept {
+    return _status;
+  }
+
+ private:
+  std::optional<int> _status;
+};
+
+/// The provider answered with a status that is no success.
+class [[gnu::visibility("default")]] APIStatusError : public OpenAIError{
+  public : APIStatusError(const std::string& message, int status) : OpenAIError(message, status){}
+};
+
+/// The provider could not be reached, or the connection or the stream broke off.
+class [[gnu::visibility("default")]] APIConnectionError : public OpenAIError{
+  public : explicit APIConnectionError(const std::string& message) : OpenAIError(message){}
+};
+
+/// The provider was silent for longer than the timeout.
+class [[gnu::visibility("default")]] APITimeoutError : public APIConnectionError {
+ public:
+  using APIConnectionError::APIConnectionError;
+};
+
+/// What the entry point returns: who made the object, and how to make a client.
+struct Library {
+  std::uint32_t interface_version;  ///< INTERFACE_VERSION of the header it was built with.
+  std::unique_ptr<OpenAI> (*open)(const ClientArguments& arguments);
+};
+
+/// The type of the entry point, which is declared in the object as
+/// `extern "C" const tovren_mapstead::openai::Library* tovren_openai_library();`
+using EntryPoint = const Library* (*)();
+
+}  // namespace tovren_mapstead::openai

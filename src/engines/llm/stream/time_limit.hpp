@@ -1,0 +1,37 @@
+// The wall-clock limit of a stream: a slow but steady one would otherwise run without end.
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+#include "tovren_mapstead/engines/http/errors.hpp"
+#include "tovren_mapstead/engines/http/retry.hpp"
+
+namespace tovren_mapstead::engines::llm {
+
+/// Borrows `clock`, and reads it only if there is a limit: `timeout_s` seconds from now, 0 for
+/// none.
+class TimeLimit {
+ public:
+  using ClockReading = std::function<http::Clock::time_point()>;
+
+  TimeLimit(double timeout_s, const ClockReading& clock)
+      : _timeout_s(timeout_s), _clock(clock), _start(timeout_s == 0 ? Moment{} : clock()) {}
+
+  /// Throws http::Retryable once the limit has passed. To be asked for each piece that comes.
+  void check() const {
+    if (_timeout_s == 0) return;
+    if (std::chrono::duration<double>(_clock() - _start).count() > _timeout_s) {
+      throw http::Retryable("stream exceeded timeout before completing");
+    }
+  }
+
+ private:
+  using Moment = http::Clock::time_point;
+
+  const double _timeout_s;
+  const ClockReading& _clock;
+  const Moment _start;
+};
+
+}  // namespace tovren_mapstead::engines::llm

@@ -1,0 +1,117 @@
+#include "openai/loader.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include <dlfcn.h>
+#include <glob.h>
+#include <link.h>
+#include <sys/stat.h>
+
+namespace tovren_mapstead::openai {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string loader_text() {
+  const char* const text = dlerror();  // NOLINT(concurrency-mt-unsafe): it is per thread
+  return text == nullptr ? "unknown error of the dynamic loader" : text;
+}
+
+// LD_LIBRARY_PATH, the run path of the program and the system's folders, as the loader has them.
+std::vector<fs::path> loader_folders() {
+  void* const program = dlopen(nullptr, RTLD_LAZY);
+  Dl_serinfo size{};
+  if (program == nullptr || dlinfo(program, RTLD_DI_SERINFOSIZE, &size) != 0) return {};
+  // The entries follow the head in memory of the size that the loader asks for.
+  std::vector<std::max_align_t> memory(size.dls_size / sizeof(std::max_align_t) + 1);
+  auto* const info = reinterpret_cast<Dl_serinfo*>(memory.data());
+  std::vector<fs::path> folders;
+  if (dlinfo(program, RTLD_DI_SERINFOSIZE, info) == 0 &&
+      dlinfo(program, RTLD_DI_SERINFO, info) == 0) {
+    for (unsigned i = 0; i < info->dls_cnt; ++i)
+      folders.emplace_back(info->dls_serpath[i].dls_name);
+  }
+  dlclose(program);
+  return folders;
+}
+
+// The folders that ldconfig has put into the loader's cache, which the loader does not tell of.
+void add_configured_folders(const fs::path& file, std::vector<fs::path>& folders, int depth = 0) {
+  constexpr int MAX_DEPTH = 4;
+  constexpr std::string_view INCLUDE = "include ";
+  std::ifstream lines(file);
+  for (std::string line; depth < MAX_DEPTH && std::getline(lines, line);) {
+    line.erase(std::min(line.find('#'), line.size()));
+    line.erase(line.find_last_not_of(" \t") + 1);
+    if (line.starts_with('/')) folders.emplace_back(line);
+    if (!line.starts_with(INCLUDE)) continue;
+    glob_t matches{};
+    const std::string pattern = file.parent_path() / line.substr(INCLUDE.size());
+    if (glob(pattern.c_str(), 0, nullptr, &matches) == 0) {
+      for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
+        add_configured_folders(matches.gl_pathv[i], folders, depth + 1);
+      }
+    }
+    globfree(&matches);
+  }
+}
+
+// A name without a folder, or one that anybody can write to, could be anybody's library.
+bool trusted(const fs::path& folder) {
+  struct stat status {};
+
+  return folder.is_absolute() && stat(folder.c_str(), &status) == 0 &&
+         (status.st_mode & S_IWOTH) == 0;
+}
+
+std::optional<fs::path> search() {
+  std::vector<fs::path> folders = loader_folders();
+  add_configured_folders("/etc/ld.so.conf", folders);
+  for (const fs::path& folder : folders) {
+    std::error_code error;
+    if (trusted(folder) && fs::is_regular_file(folder / LIBRARY_NAME, error)) {
+      return folder / LIBRARY_NAME;
+    }
+  }
+  return std::nullopt;
+}
+
+const Library& load() {
+  const auto& path = find_library();
+  if (!path) throw LoadError(std::string("there is no ") + LIBRARY_NAME);
+  void* const object = dlopen(path->c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  if (object == nullptr) throw LoadError(loader_text());
+  void* const symbol = dlsym(object, ENTRY_POINT);
+  if (symbol == nullptr) throw LoadError(loader_text());
+  const Library* const library = reinterpret_cast<EntryPoint>(symbol)();
+  if (library == nullptr || library->open == nullptr) {
+    throw LoadError(path->string() + ": the entry point returns no library");
+  }
+  if (library->interface_version != INTERFACE_VERSION) {
+    throw LoadError(path->string() + ": made for version " +
+                    std::to_string(library->interface_version) + " of the interface, not " +
+                    std::to_string(INTERFACE_VERSION));
+  }
+  return *library;
+}
+
+}  // namespace
+
+const std::optional<fs::path>& find_library() {
+  static const std::optional<fs::path> path = search();
+  return path;
+}
+
+const Library& load_library() {
+  static const Library& library = load();  // after a failure, the next call tries again
+  return library;
+}
+
+}  // namespace tovren_mapstead::openai
