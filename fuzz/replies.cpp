@@ -3,6 +3,7 @@
 // UTF-8 in results and error texts, and no secret in any of them.
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,7 @@
 #include "tovren_mapstead/engines/llm.hpp"
 
 #include "engines/llm/reply/reasoning.hpp"
+#include "playback/playback.hpp"
 
 namespace http = tovren_mapstead::engines::http;
 namespace llm = tovren_mapstead::engines::llm;
@@ -20,40 +22,16 @@ namespace {
 
 const std::string SECRET = "sk-\"1/";
 
-class Hostile final : public http::Transport {
- public:
-  Hostile(std::uint8_t shape, std::string_view body) : _shape(shape), _body(body) {}
-
-  std::unique_ptr<http::Exchange> open(http::Request, http::Watch&) override {
-    return std::make_unique<Reply>(_shape, _body);
+// The first byte picks the status and the media type and cuts the body into pieces.
+playback::Reply to_reply(std::uint8_t shape, std::string_view body) {
+  playback::Reply reply{.status = shape % 8 == 7 ? 400 : 200,
+                        .content_type = shape % 2 == 0 ? "text/event-stream" : "application/json"};
+  for (const std::size_t piece = shape % 64 + 1; !body.empty();) {
+    reply.pieces.emplace_back(body.substr(0, piece));
+    body.remove_prefix(reply.pieces.back().size());
   }
-
- private:
-  class Reply final : public http::Exchange {
-   public:
-    Reply(std::uint8_t shape, std::string_view body) : _piece(shape % 64 + 1), _rest(body) {
-      _head.status = shape % 8 == 7 ? 400 : 200;
-      _head.content_type = shape % 2 == 0 ? "text/event-stream" : "application/json";
-    }
-
-    [[nodiscard]] const http::Head& head() const noexcept override { return _head; }
-
-    bool read(std::string& into, http::Watch&) override {
-      if (_rest.empty()) return false;
-      into += _rest.substr(0, _piece);
-      _rest.remove_prefix(std::min(_piece, _rest.size()));
-      return true;
-    }
-
-   private:
-    http::Head _head;
-    std::size_t _piece;
-    std::string_view _rest;
-  };
-
-  std::uint8_t _shape;
-  std::string_view _body;
-};
+  return reply;
+}
 
 void require(bool holds) {
   if (!holds) std::abort();
@@ -66,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);
   const llm::LLMClient client(
       {.base_url = "http://h", .model = "m", .api_key = SECRET, .max_retries = 0},
-      {.transport = std::make_shared<Hostile>(data[0], body)});
+      {.transport = std::make_shared<playback::Playback>(std::deque{to_reply(data[0], body)})});
   try {
     const llm::LLMResult result = client.chat({});
     require(http::is_utf8(result.content) && http::is_utf8(result.model));

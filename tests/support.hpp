@@ -1,93 +1,46 @@
-// What several tests need: a transport that plays back replies from memory, and short ways to call.
+// What several tests need: short ways to call and to look at what came out.
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <deque>
-#include <memory>
-#include <optional>
+#include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tovren_mapstead/engines/copilot.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
+#include "tovren_mapstead/engines/llm.hpp"
+
+#include "loopback/server.hpp"
+#include "playback/playback.hpp"
 
 namespace support {
 
+namespace copilot = tovren_mapstead::engines::copilot;
 namespace http = tovren_mapstead::engines::http;
+namespace llm = tovren_mapstead::engines::llm;
 using Json = nlohmann::ordered_json;
+using llm::LLMClient;
+using llm::LLMResult;
+using loopback::Exchange;
+using loopback::Server;
+using playback::Playback;
+using playback::Reply;
 using namespace std::chrono_literals;
-
-/// A reply from memory: the pieces of its body arrive one read at a time, then `failure`, if any.
-struct Reply {
-  int status = 200;
-  std::vector<std::string> pieces{};
-  std::string content_type = "application/json";
-  std::optional<http::TransportError> failure{};
-};
-
-class Playback final : public http::Transport {
- public:
-  explicit Playback(std::deque<Reply> replies) : _replies(std::move(replies)) {}
-
-  std::unique_ptr<http::Exchange> open(http::Request request, http::Watch& watch) override {
-    watch.check("playing", "back");
-    requests.push_back(std::move(request));
-    Reply reply = _replies.front();
-    if (_replies.size() > 1) _replies.pop_front();  // the last one is played for ever
-    if (reply.failure && reply.pieces.empty()) throw http::TransportError(*reply.failure);
-    return std::make_unique<Played>(std::move(reply), finished);
-  }
-
-  std::vector<http::Request> requests;
-  int finished = 0;  // exchanges whose connection could serve again
-
- private:
-  class Played final : public http::Exchange {
-   public:
-    Played(Reply reply, int& finished)
-        : _head{reply.status, reply.content_type, "https://elsewhere.example/?key=KEY-12345678"},
-          _reply(std::move(reply)),
-          _finished(finished) {}
-
-    [[nodiscard]] const http::Head& head() const noexcept override { return _head; }
-
-    bool read(std::string& into, http::Watch&) override {
-      if (_next < _reply.pieces.size()) {
-        into += _reply.pieces[_next++];
-        return true;
-      }
-      if (_reply.failure) throw http::TransportError(*_reply.failure);
-      return false;
-    }
-
-    void finish() noexcept override { ++_finished; }
-
-   private:
-    http::Head _head;
-    Reply _reply;
-    std::size_t _next = 0;
-    int& _finished;
-  };
-
-  std::deque<Reply> _replies;
-};
 
 inline const http::RetryPolicy POLICY{.retry_statuses = {429, 503}};
 
 /// Plays `reply` to one POST and returns what `read` makes of it.
 template <class Read>
-auto play(Reply reply, Read read, const http::RetryPolicy& policy = POLICY,
-          const http::Secrets& secrets = {}) {
+auto play(Reply reply, Read read, const http::RetryPolicy& policy = POLICY, const http::Secrets& secrets = {}) {
   Playback transport({std::move(reply)});
   return http::send("http://host.example/chat/completions",
-                    {.policy = policy,
-                     .body = Json::object(),
-                     .headers = {},
-                     .secrets = secrets,
-                     .transport = &transport},
+                    {.policy = policy, .body = Json::object(), .headers = {}, .secrets = secrets, .transport = &transport},
                     read);
 }
 
@@ -96,14 +49,20 @@ template <class Error, class Act>
 std::string text_of(Act act) {
   try {
     act();
+    ADD_FAILURE() << "no error";
   } catch (const Error& error) {
     return error.what();
   } catch (const std::exception& error) {
     ADD_FAILURE() << "another error: " << error.what();
-    return "";
   }
-  ADD_FAILURE() << "no error";
   return "";
+}
+
+/// Runs `act` on so many threads at once and waits for them.
+template <class Act>
+void in_threads(int count, Act act) {
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < count; ++i) threads.emplace_back(act);
 }
 
 inline bool contains(std::string_view text, std::string_view piece) {

@@ -7,11 +7,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "ask/sources.hpp"
 
@@ -21,12 +22,12 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 const std::map<std::string, std::string> LANGUAGES{
-    {".c", "C"},           {".cc", "C++"},     {".cpp", "C++"},       {".h", "C/C++ header"},
-    {".hpp", "C++"},       {".py", "Python"},  {".js", "JavaScript"}, {".ts", "TypeScript"},
-    {".go", "Go"},         {".rs", "Rust"},    {".java", "Java"},     {".rb", "Ruby"},
-    {".sh", "Shell"},      {".cmake", "CMake"}, {".md", "Markdown"},  {".json", "JSON"},
-    {".toml", "TOML"},     {".yml", "YAML"},   {".yaml", "YAML"},     {".html", "HTML"},
-    {".css", "CSS"},       {".sql", "SQL"},    {".xml", "XML"},       {".txt", "Text"}};
+    {".c", "C"},       {".cc", "C++"},      {".cpp", "C++"},       {".h", "C/C++ header"},
+    {".hpp", "C++"},   {".py", "Python"},   {".js", "JavaScript"}, {".ts", "TypeScript"},
+    {".go", "Go"},     {".rs", "Rust"},     {".java", "Java"},     {".rb", "Ruby"},
+    {".sh", "Shell"},  {".cmake", "CMake"}, {".md", "Markdown"},   {".json", "JSON"},
+    {".toml", "TOML"}, {".yml", "YAML"},    {".yaml", "YAML"},     {".html", "HTML"},
+    {".css", "CSS"},   {".sql", "SQL"},     {".xml", "XML"},       {".txt", "Text"}};
 
 std::string language_of(const SourceFile& file) {
   const std::filesystem::path path(file.path);
@@ -43,9 +44,9 @@ struct Share {
 };
 
 struct Survey {
-  std::vector<Share> shares;                             // the largest first
-  std::vector<const SourceFile*> largest;                // three at most
-  std::vector<std::pair<std::string, int>> mentions;     // word of the question, files with it
+  std::vector<Share> shares;                          // the largest first
+  std::vector<const SourceFile*> largest;             // three at most
+  std::vector<std::pair<std::string, int>> mentions;  // word of the question, files with it
   std::size_t bytes = 0;
 };
 
@@ -92,15 +93,16 @@ Survey survey(const Prompt& prompt) {
 
 std::string percent(std::size_t part, std::size_t whole) {
   std::array<char, 16> text{};
-  std::snprintf(text.data(), text.size(), "%.1f %%",
-                100.0 * static_cast<double>(part) / static_cast<double>(std::max<std::size_t>(whole, 1)));
+  std::snprintf(
+      text.data(), text.size(), "%.1f %%",
+      100.0 * static_cast<double>(part) / static_cast<double>(std::max<std::size_t>(whole, 1)));
   return text.data();
 }
 
 std::string in_words(const Prompt& prompt, const Survey& survey) {
   if (prompt.files.empty()) {
-    return "You sent " + std::to_string(prompt.question.size()) +
-           " bytes and no files: \"" + prompt.question + "\". This demo can only count files.";
+    return "You sent " + std::to_string(prompt.question.size()) + " bytes and no files: \"" +
+           prompt.question + "\". This demo can only count files.";
   }
   std::string text = "You asked: \"" + prompt.question + "\"\n\nThe tree holds " +
                      std::to_string(prompt.files.size()) + " text files, " +
@@ -148,14 +150,15 @@ void answer(loopback::Exchange& exchange) {
   constexpr std::size_t BYTES_PER_TOKEN = 4;
   const Json request = Json::parse(exchange.request().body);
   std::string sent;
-  for (const Json& message : request.at("messages")) sent = message.at("content").get<std::string>();
+  for (const Json& message : request.at("messages"))
+    sent = message.at("content").get<std::string>();
   const Prompt prompt = from_prompt(sent);
   const Survey found = survey(prompt);
   const std::string reasoning = "<think>\nCounting " + std::to_string(prompt.files.size()) +
                                 " files by language and size.\n</think>\n\n";
   const std::string text =
-      reasoning + (request.contains("response_format") ? as_json(prompt, found)
-                                                       : in_words(prompt, found));
+      reasoning +
+      (request.contains("response_format") ? as_json(prompt, found) : in_words(prompt, found));
   const Json model = request.at("model");
   const Json usage{{"prompt_tokens", exchange.request().body.size() / BYTES_PER_TOKEN},
                    {"completion_tokens", text.size() / BYTES_PER_TOKEN}};

@@ -1,10 +1,7 @@
 // Asks a language model about a source tree.
-#include <unistd.h>
-
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -14,23 +11,31 @@
 #include <string_view>
 #include <vector>
 
+#include <unistd.h>
+
+#include "tovren_mapstead/engines/copilot.hpp"
+#include "tovren_mapstead/engines/llm.hpp"
+
 #include "ask/demo.hpp"
 #include "ask/options.hpp"
 #include "ask/sources.hpp"
-#include "tovren_mapstead/engines/llm.hpp"
 
 namespace {
 
+namespace copilot = tovren_mapstead::engines::copilot;
 namespace llm = tovren_mapstead::engines::llm;
 using Clock = std::chrono::steady_clock;
 
+constexpr const char* COPILOT = "copilot";
 constexpr std::size_t SOURCE_BUDGET = std::size_t{256} << 10U;
 
 enum Exit : int { ANSWERED = 0, FAILED = 1, MISUSED = 2, LATE = 3, INTERRUPTED = 130 };
 
 volatile std::sig_atomic_t interrupted = 0;
 
-void interrupt(int) { interrupted = 1; }
+void interrupt(int) {
+  interrupted = 1;
+}
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -72,40 +77,56 @@ class Progress {
   bool _drawn = false;
 };
 
-std::string key_from_environment() {
-  const char* const key = std::getenv("TOVREN_LLM_API_KEY");
-  return key == nullptr ? "" : key;
+llm::LLMClient build_client(const ask::Options& options, const ask::Demo* demo) {
+  tovren_mapstead::Config config;
+  auto& gen = config.generation;
+  gen.provider = options.provider;
+  gen.base_url = options.base_url;
+  gen.model = options.model;
+  gen.timeout_s = options.timeout_s.value_or(gen.timeout_s);
+  gen.max_retries = options.retries.value_or(gen.max_retries);
+  gen.temperature = options.temperature.value_or(gen.temperature);
+  gen.max_output_tokens = options.max_tokens.value_or(gen.max_output_tokens);
+  gen.stream = options.stream;
+  if (demo == nullptr) return llm::build_llm_client_from_config(config);
+  // The key in the environment is none of the demo's business.
+  return llm::LLMClient({.base_url = demo->base_url(),
+                         .model = gen.model.empty() ? "demo" : gen.model,
+                         .api_key = "demo-key",
+                         .timeout_s = gen.timeout_s,
+                         .max_retries = gen.max_retries,
+                         .temperature = gen.temperature,
+                         .max_tokens = gen.max_output_tokens,
+                         .stream = gen.stream});
 }
 
-llm::LLMConfig configure(const ask::Options& options, const ask::Demo* demo) {
-  const llm::LLMConfig defaults;
-  return {.provider = options.provider,
-          .base_url = demo == nullptr ? options.base_url : demo->base_url(),
-          .model = options.model.empty() && demo != nullptr ? "demo" : options.model,
-          .api_key = demo == nullptr ? key_from_environment() : "demo",
-          .timeout_s = options.timeout_s.value_or(defaults.timeout_s),
-          .max_retries = options.retries.value_or(defaults.max_retries),
-          .temperature = options.temperature.value_or(defaults.temperature),
-          .max_tokens = options.max_tokens.value_or(defaults.max_tokens),
-          .stream = options.stream};
+const char* road(const ask::Options& options) {
+  if (options.provider == COPILOT) return "as GitHub Copilot";
+  return llm::_openai_available() ? "through the OpenAI client library" : "over plain HTTP";
 }
 
 llm::Messages messages_for(const ask::Options& options) {
   if (options.prompt) return {{{"role", "user"}, {"content", *options.prompt}}};
   const auto files = ask::gather(options.directory, SOURCE_BUDGET);
   return {{{"role", "system"},
-           {"content", "You answer questions about source trees from the files that you are given, "
-                       "briefly and exactly."}},
+           {"content",
+            "You answer questions about source trees from the files that you are given, "
+            "briefly and exactly."}},
           {{"role", "user"}, {"content", ask::to_prompt(files, options.question)}}};
 }
 
 int run(const ask::Options& options) {
   std::unique_ptr<ask::Demo> demo;
-  if (options.base_url.empty() && options.provider != "copilot") {
+  if (options.base_url.empty() && options.provider != COPILOT) {
     demo = std::make_unique<ask::Demo>();
-    std::cerr << "no --base-url: asking the built-in demo endpoint at " << demo->base_url() << "\n";
+    std::cerr << "no --base-url: starting a demo endpoint at " << demo->base_url() << "\n";
   }
-  const llm::LLMClient client(configure(options, demo.get()));
+  const llm::LLMClient client = build_client(options, demo.get());
+  if (options.provider == COPILOT && !client.is_configured()) {
+    std::cerr << "ask: " << copilot::NO_CREDENTIAL << "\n";
+    return FAILED;
+  }
+  std::cerr << "asking " << one_line(client.model()) << " " << road(options) << "\n";
   const llm::Messages messages = messages_for(options);
   const auto start = Clock::now();
   std::optional<Clock::time_point> deadline;
@@ -144,6 +165,7 @@ int run(const ask::Options& options) {
 
 int main(int argc, char** argv) {
   struct sigaction action {};
+
   action.sa_handler = interrupt;
   action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second Ctrl-C ends it the hard way
   sigaction(SIGINT, &action, nullptr);

@@ -30,7 +30,8 @@ small demo endpoint inside the process answers from the files themselves.
   --temperature X     sampling temperature (0.2)
   --help              print this
 
-The API key comes from the environment variable TOVREN_LLM_API_KEY.
+The API key comes from the environment variable TOVREN_LLM_API_KEY, Copilot's
+credential from a sign-in in an editor or from COPILOT_GITHUB_TOKEN.
 stdout gets the answer alone, stderr a last line of figures or the error.
 Exit status: 0 an answer, 1 the call failed, 2 bad usage, 3 the deadline passed,
 130 stopped by Ctrl-C.

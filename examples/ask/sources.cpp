@@ -30,8 +30,8 @@ std::optional<std::string> read_text(const fs::path& path) {
   std::ostringstream bytes;
   bytes << file.rdbuf();
   std::string text = std::move(bytes).str();
-  const bool binary = text.find('\0') != std::string::npos ||
-                      !tovren_mapstead::engines::http::is_utf8(text);
+  const bool binary =
+      text.find('\0') != std::string::npos || !tovren_mapstead::engines::http::is_utf8(text);
   if (!file || binary) return std::nullopt;
   return text;
 }

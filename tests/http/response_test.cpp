@@ -1,5 +1,3 @@
-#include <numeric>
-
 #include "support.hpp"
 
 namespace {
@@ -16,28 +14,20 @@ Lines lines_of(std::vector<std::string> pieces) {
 }
 
 TEST(Lines, EndAtLfCrlfAndCr) {
-  struct Case {
-    std::string body;
-    Lines lines;
-  };
-
-  const Case cases[] = {
+  const std::pair<std::string, Lines> cases[] = {
       {"", {}},
       {"a", {"a"}},
       {"a\nb\n", {"a", "b"}},
       {"a\r\nb\rc\n\nd", {"a", "b", "c", "", "d"}},
       {"\r\r\n\n\r", {"", "", "", ""}},
       {"\xEF\xBB\xBFx\n\xEF\xBB\xBFy", {"x", "\xEF\xBB\xBFy"}},
-      {"caf\xC3\xA9\u2028still\n", {"caf\xC3\xA9\u2028still"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.body);
-    EXPECT_EQ(lines_of({c.body}), c.lines);
+      {"caf\xC3\xA9\u2028still\n", {"caf\xC3\xA9\u2028still"}}};
+  for (const auto& [body, lines] : cases) {
     Lines bytes;
-    for (const char byte : c.body) bytes.emplace_back(1, byte);
-    EXPECT_EQ(lines_of(bytes), c.lines);
-    for (std::size_t cut = 0; cut < c.body.size(); ++cut) {
-      EXPECT_EQ(lines_of({c.body.substr(0, cut), c.body.substr(cut)}), c.lines) << cut;
+    for (const char byte : body) bytes.emplace_back(1, byte);
+    EXPECT_EQ(lines_of(bytes), lines) << body;
+    for (std::size_t cut = 0; cut <= body.size(); ++cut) {
+      EXPECT_EQ(lines_of({body.substr(0, cut), body.substr(cut)}), lines) << body << cut;
     }
   }
 }
@@ -52,57 +42,56 @@ TEST(Lines, MayBeLongAndManyInLinearTime) {
     for (int i = 0; i < (1 << 20); ++i) body += std::string("ab") + end;
     EXPECT_EQ(lines_of({body}).size(), 1U << 20U);
   }
-  EXPECT_TRUE(contains(text_of<http::HttpFailure>([&] { lines_of(Lines(64, megabyte)); }),
-                       "longer than 16 MiB"));
+  const auto too_long = [&] { lines_of(Lines(64, megabyte)); };
+  EXPECT_TRUE(contains(text_of<http::HttpFailure>(too_long), "longer than 16 MiB"));
 }
 
 TEST(Send, TurnsEveryOutcomeIntoOneOfItsOwn) {
+  const http::TransportError cut("cut by KEY-12345678", true);
+  const http::TransportError untrusted("untrusted", false);
+
+  struct Case {
+    Reply reply;
+    bool transient;
+    std::optional<int> status;
+    const char* told;
+  };
+
+  const Case cases[] = {
+      {{.status = 503, .pieces = {"be\nback"}}, true, 503, "be back"},
+      {{.status = 429, .pieces = {"slow"}, .failure = cut}, true, 429, "slow"},  // its status was told before
+      {{.pieces = {"a"}, .failure = cut}, true, std::nullopt, "cut by ***"},
+      {{.failure = cut}, true, std::nullopt, "cut by ***"},
+      {{.failure = untrusted}, false, std::nullopt, "untrusted"},
+      {{.status = 400, .pieces = {"bad KEY-12345678"}}, false, 400, "bad ***"},
+      {{.status = 404}, false, 404, "check the URL"},
+      {{.status = 302, .location = "https://x/KEY-12345678"}, false, 302, "https://x/***"},
+      {{.pieces = {std::string(101, 'x')}}, false, std::nullopt, "larger than 100 bytes"}};
   const auto read = [](http::Response& reply) { return reply.read_rest(100); };
   EXPECT_EQ(play({.status = 204, .pieces = {"a", "b"}}, read), "ab");
-
-  const auto retryable = [&](Reply reply) {
-    return text_of<http::Retryable>(
-        [&] { play(std::move(reply), read, POLICY, {"KEY-12345678"}); });
-  };
-  EXPECT_TRUE(contains(retryable({.status = 503, .pieces = {"be\nback"}}), "503"));
-  EXPECT_TRUE(contains(retryable({.status = 503, .pieces = {"be\nback"}}), "be back"));
-  EXPECT_EQ(retryable({.failure = http::TransportError("no KEY-12345678", true)}), "no ***");
-  EXPECT_EQ(retryable({.pieces = {"a"}, .failure = http::TransportError("cut", true)}), "cut");
-  // A reply that breaks off has told its status all the same.
-  EXPECT_TRUE(contains(
-      retryable({.status = 429, .pieces = {"slow"}, .failure = http::TransportError("cut", true)}),
-      "slow"));
-
-  const auto failure = [&](Reply reply) -> http::HttpFailure {
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.told);
     try {
-      play(std::move(reply), read, POLICY, {"KEY-12345678"});
+      play(c.reply, read, POLICY, {"KEY-12345678"});
+      ADD_FAILURE() << "no error";
+    } catch (const http::Retryable& error) {
+      EXPECT_TRUE(c.transient && error.status() == c.status && contains(error.what(), c.told)) << error.what();
     } catch (const http::HttpFailure& error) {
-      EXPECT_FALSE(contains(error.what(), "KEY-1234")) << error.what();
-      return error;
+      EXPECT_TRUE(!c.transient && error.status() == c.status && contains(error.what(), c.told)) << error.what();
+      EXPECT_TRUE(error.detail().empty() == c.reply.pieces.empty() || !c.status) << error.detail();
     }
-    throw std::logic_error("no failure");
-  };
-  const auto refused = failure({.status = 400, .pieces = {"bad KEY-12345678"}});
-  EXPECT_EQ(refused.status(), 400);
-  EXPECT_EQ(refused.detail(), "bad ***");
-  EXPECT_EQ(failure({.status = 404}).detail(), "");
-  EXPECT_TRUE(contains(failure({.status = 302}).what(), "elsewhere.example"));
-  EXPECT_EQ(failure({.failure = http::TransportError("tls", false)}).status(), std::nullopt);
-  EXPECT_FALSE(failure({.pieces = {std::string(101, 'x')}}).status().has_value());
+  }
+}
+
+template <class Read>
+void post(Playback& transport, const std::string& url, const http::Headers& headers, const Json& body, Read read) {
+  http::send(url, {.policy = POLICY, .body = body, .headers = headers, .secrets = {}, .transport = &transport}, read);
 }
 
 TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
   const auto refused = [](const std::string& url, const http::Headers& headers, const Json& body) {
     Playback transport({Reply{}});
-    const auto text = text_of<http::HttpFailure>([&] {
-      http::send(url,
-                 {.policy = POLICY,
-                  .body = body,
-                  .headers = headers,
-                  .secrets = {},
-                  .transport = &transport},
-                 [](http::Response&) {});
-    });
+    const auto text = text_of<http::HttpFailure>([&] { post(transport, url, headers, body, [](http::Response&) {}); });
     EXPECT_TRUE(transport.requests.empty());
     EXPECT_FALSE(contains(text, "sk-1")) << text;
     return text;
@@ -118,18 +107,9 @@ TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
 
 TEST(Send, GivesBackOnlyConnectionsThatAreInGoodOrder) {
   Playback transport({Reply{.pieces = {"a\n", "b"}}});
-  const auto call = [&](auto read) {
-    http::send("http://h",
-               {.policy = POLICY,
-                .body = {},
-                .headers = {{"content-type", "text/x"}},
-                .secrets = {},
-                .transport = &transport},
-               read);
-  };
-  call([](http::Response& reply) { reply.next_line(); });
+  post(transport, "http://h", {{"content-type", "text/x"}}, {}, [](http::Response& reply) { reply.next_line(); });
   EXPECT_EQ(transport.finished, 1);
-  EXPECT_THROW(call([](http::Response&) { throw 7; }), int);
+  EXPECT_THROW(post(transport, "http://h", {}, {}, [](http::Response&) { throw 7; }), int);
   EXPECT_EQ(transport.finished, 1);
   EXPECT_EQ(transport.requests[0].headers.count("Content-Type"), 0U);
   EXPECT_EQ(transport.requests[0].headers.count("User-Agent"), 1U);

@@ -1,5 +1,3 @@
-#include "tovren_mapstead/engines/http/retry.hpp"
-
 #include <climits>
 #include <limits>
 
@@ -31,27 +29,21 @@ TEST(Retry, WaitsLongerEachTimeAndGivesUp) {
       {"one try", 1, 1.0, 9, {}, false},
       {"no try counts as one", 0, 1.0, 9, {}, false},
       {"fewer than none", INT_MIN, 1.0, 9, {}, false},
-      {"the most tries", INT_MAX, 1e308, 3, {1e308, FOREVER, FOREVER}, true},
-  };
+      {"the most tries", INT_MAX, 1e308, 3, {1e308, FOREVER, FOREVER}, true}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     std::vector<double> waits;
-    const http::RetryPolicy policy{
-        .attempts = c.attempts,
-        .backoff_s = c.backoff_s,
-        .timeout_s = 7,
-        .wait = [&](double period_s, const auto&, auto) { waits.push_back(period_s); }};
-    int tries = 0;
-    const auto attempt = [&](double timeout_s) {
+    const http::RetryPolicy policy{.attempts = c.attempts, .backoff_s = c.backoff_s, .timeout_s = 7, .wait = [&](double s, auto&, auto) { waits.push_back(s); }};
+    auto attempt = [&, tries = 0](double timeout_s) mutable {
       EXPECT_EQ(timeout_s, 7);
       if (tries++ < c.failures) throw http::Retryable("busy, says KEY-1");
       return 42;
     };
-    const http::RetryOptions options{.label = "LLM call", .secrets = {"KEY-1"}};
+    const auto act = [&] { return http::retry(policy, attempt, {.label = "LLM call", .secrets = {"KEY-1"}}); };
     if (c.answered) {
-      EXPECT_EQ(http::retry(policy, attempt, options), 42);
+      EXPECT_EQ(act(), 42);
     } else {
-      const auto text = text_of<http::Exhausted>([&] { http::retry(policy, attempt, options); });
+      const auto text = text_of<http::Exhausted>(act);
       EXPECT_TRUE(text.starts_with("LLM call") && contains(text, "busy, says ***")) << text;
     }
     EXPECT_EQ(waits, c.waits);

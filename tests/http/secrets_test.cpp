@@ -1,5 +1,3 @@
-#include "tovren_mapstead/engines/http/secrets.hpp"
-
 #include <random>
 
 #include "engines/http/quote.hpp"
@@ -29,7 +27,7 @@ TEST(Redact, MasksEverySpelling) {
       {"part of two masks", "a*b", {"*", "e"}, "a#b"},
       {"part of every mask", "a*#eb", {"*", "e", "#"}, "ab"},
       {"joined around the mask", "aKEYb", {"KEY", "a***b"}, "a[redacted]b"},
-      {"joined by removal", "*#esk-sk-11e", {"*", "#", "e", "sk-1"}, "sk-1"},
+      {"joined by removal", "*sk-#sk-11", {"*", "#", "e", "sk-1"}, ""},
       {"escaped slash", R"({"m":"a\/b"})", {"a/b"}, R"({"m":"***"})"},
       {"escaped letters", R"(\u0073k\u002d1)", {"sk-1"}, "***"},
       {"escaped quote", R"(q\"q)", {"q\"q"}, "***"},
@@ -37,15 +35,7 @@ TEST(Redact, MasksEverySpelling) {
       {"escaped pair", R"(\ud83d\ude00)", {"\U0001F600"}, "***"},
       {"no escape", R"(\x \u12 k1 \)", {"k1"}, R"(\x \u12 *** \)"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    std::string result = redact(c.text, c.secrets);
-    if (std::string(c.what) == "joined by removal") {
-      for (const auto& secret : c.secrets) EXPECT_FALSE(contains(result, secret)) << result;
-      continue;
-    }
-    EXPECT_EQ(result, c.result);
-  }
+  for (const Case& c : cases) EXPECT_EQ(redact(c.text, c.secrets), c.result) << c.what;
 }
 
 // Small alphabets make every kind of overlap, nesting and joining likely.
@@ -74,53 +64,42 @@ TEST(Quote, IsOneCleanLineOfSoManyCharacters) {
 }
 
 TEST(SecretsOf, KnowsWhereCredentialsStand) {
-  const http::Secrets secrets = http::secrets_of({{"AUTHORIZATION", "bEaReR  tok-1 "},
-                                                  {"Proxy-Authorization", "Basic dXNlcg=="},
-                                                  {"X-Api-Key", "key-1"},
-                                                  {"api-key", "key-2"},
-                                                  {"Cookie", "a=crumb-1; b=crumb=2;"},
-                                                  {"X-Auth-Token", "tok-2"},
-                                                  {"Accept", "text/html"}});
+  const http::Secrets secrets = http::secrets_of(
+      {{"AUTHORIZATION", "bEaReR  tok-1 "}, {"Proxy-Authorization", "Basic dXNlcg=="}, {"X-Api-Key", "key-1"}, {"api-key", "key-2"}, {"Cookie", "a=crumb-1; b=crumb=2;"}, {"X-Auth-Token", "tok-2"}, {"Accept", "text/html"}});
   EXPECT_EQ(std::set(secrets.begin(), secrets.end()),
-            (std::set<std::string>{"tok-1", "dXNlcg==", "key-1", "key-2", "crumb-1", "crumb=2",
-                                   "tok-2"}));
+            (std::set<std::string>{"tok-1", "dXNlcg==", "key-1", "key-2", "crumb-1", "crumb=2", "tok-2"}));
   EXPECT_EQ(http::secrets_of({{"authorization", "raw-token"}}), http::Secrets{"raw-token"});
   EXPECT_EQ(http::secrets_of({{"authorization", "token abc"}}), http::Secrets{"abc"});
 }
 
-// Servers echo keys into error bodies; the place where the quotation is cut moves over the key
-// here.
+// Servers echo keys into error bodies; the place where the quotation is cut moves over the key here.
 TEST(ErrorTexts, HoldNoKeyAndNoStartOfOne) {
   const std::string key = "sk-proj/abcDEF-0123456789_xyz";
   std::mt19937 random(11);
-  const auto escaped = [&](std::string text) {
+  const auto escaped = [&](const std::string& text) {
     std::string out;
     for (const char c : text) {
       char code[8];
       std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(c));
-      out += random() % 2 == 0 ? std::string(1, c) : c == '/' ? "\\/" : code;
+      out += random() % 2 == 0 ? std::string(1, c) : c == '/' ? "\\/"
+                                                              : code;
     }
     return out;
   };
   for (int round = 0; round < 1000; ++round) {
-    SCOPED_TRACE(round);
     std::string body(440 + random() % 80, round % 3 == 0 ? '\xe4' : 'x');
     for (auto echoes = random() % 4 + 1; echoes > 0; --echoes) {
       body += (random() % 2 == 0 ? key : escaped(key)) + (random() % 2 == 0 ? "" : " and ");
     }
     // Some replies break off in the middle of the key, or are cut there when they grow too long.
-    if (round % 5 == 1) body.insert(0, std::string(1 << 16, ' ').substr(random() % 400));
+    if (round % 5 == 1) body.insert(0, std::string((1 << 16) - random() % 400, ' '));
     if (round % 5 == 2) body.resize(body.size() - random() % 40);
     const int status = round % 2 == 0 ? 401 : 503;
-    std::string text;
     try {
       play({.status = status, .pieces = {body}}, [](http::Response&) {}, POLICY, {key});
+      ADD_FAILURE() << "no error";
     } catch (const http::Error& error) {
-      text = error.what();
-    }
-    EXPECT_FALSE(text.empty());
-    for (std::size_t at = text.find(key.substr(0, 5)); at != std::string::npos;) {
-      FAIL() << text.substr(at);
+      ASSERT_FALSE(contains(error.what(), key.substr(0, 5))) << error.what();
     }
   }
 }

@@ -1,25 +1,103 @@
+// Records, and how a client is built from them.
 #include <climits>
 #include <cstdlib>
+#include <type_traits>
+#include <unordered_set>
 
-#include "tovren_mapstead/engines/llm.hpp"
-
+#include "engines/llm/tunables.hpp"
 #include "support.hpp"
 
 namespace {
 
 using namespace support;
-namespace llm = tovren_mapstead::engines::llm;
-using llm::LLMClient;
+using llm::build_llm_client_from_config;
 using llm::LLMConfig;
 using tovren_mapstead::Config;
 
-TEST(Client, RefusesABaseUrlThatIsNotHttp) {
-  struct Case {
-    std::string url;
-    const char* shown;
-  };
+template <class Record>
+concept CanLackModel = requires {
+  Record{.content = "c"};
+};
 
-  const Case cases[] = {
+template <class Record>
+concept CanLackContent = requires {
+  Record{.model = "m"};
+};
+
+template <class Record>
+concept CanHaveBoth = requires {
+  Record{.content = "c", .model = "m"};
+};
+
+static_assert(CanHaveBoth<LLMResult> && !CanLackModel<LLMResult> && !CanLackContent<LLMResult>);
+
+template <class Record>
+concept Assignable = requires(Record a, const Record& b) {
+  a = b;
+}
+
+|| requires(Record a) {
+  a.model = "x";
+}
+
+||
+    requires(Record a) {
+  a.temperature = 1;
+}
+
+|| requires(Record a) {
+  a.prompt_tokens = 1;
+}
+
+||
+    requires(Record a) {
+  a.model += "x";
+};
+
+static_assert(!Assignable<LLMConfig> && !Assignable<LLMResult>);
+static_assert(std::is_copy_constructible_v<LLMConfig> && std::is_copy_constructible_v<LLMResult>);
+
+static_assert(std::is_base_of_v<std::runtime_error, llm::LLMError> &&
+              std::is_base_of_v<llm::LLMError, llm::LLMStopped> && std::is_base_of_v<llm::LLMError, llm::LLMTimeout>);
+
+static_assert(llm::SDK_RETRYABLE_STATUS.size() == 103 && llm::RETRYABLE_STATUS.size() == 7);
+static_assert(llm::SDK_RETRYABLE_STATUS.contains(501) && !llm::RETRYABLE_STATUS.contains(501));
+static_assert(llm::RETRYABLE_STATUS.contains(409) && !llm::SDK_RETRYABLE_STATUS.contains(400));
+
+TEST(Records, HaveTheirDefaults) {
+  EXPECT_EQ(LLMConfig(), (LLMConfig{"openai", "", "", std::nullopt, 60.0, 2, 0.2, 1500, true}));
+  EXPECT_EQ((LLMResult{.content = "", .model = "m"}), (LLMResult{"", "m", 0, 0, std::nullopt}));
+}
+
+TEST(Records, AreEqualAndHashAlikeWhenAllFieldsAre) {
+  const LLMConfig configs[] = {
+      {}, {.provider = "x"}, {.base_url = "x"}, {.model = "x"}, {.api_key = ""}, {.api_key = "x"}, {.timeout_s = 1}, {.max_retries = 1}, {.temperature = 1}, {.max_tokens = 1}, {.stream = false}};
+  const LLMResult results[] = {{"c", "m"}, {"x", "m"}, {"c", "x"}, {"c", "m", 1}, {"c", "m", 0, 1}, {"c", "m", 0, 0, ""}, {"c", "m", 0, 0, "stop"}};
+  const auto check = [](const auto& records) {
+    using Record = std::remove_cvref_t<decltype(records[0])>;
+    std::unordered_set<Record> set;
+    for (const Record& record : records) {
+      const Record copy = record;
+      EXPECT_EQ(std::hash<Record>{}(copy), std::hash<Record>{}(record));
+      set.insert(record);
+      set.insert(copy);
+    }
+    EXPECT_EQ(set.size(), std::size(records));
+  };
+  check(configs);
+  check(results);
+  EXPECT_EQ(std::hash<LLMConfig>{}({.temperature = 0.0}), std::hash<LLMConfig>{}({.temperature = -0.0}));
+}
+
+TEST(Records, AddTheirTokensWithoutOverflow) {
+  EXPECT_EQ((LLMResult{"", "m", 3, 4}.total_tokens()), 7);
+  EXPECT_EQ((LLMResult{"", "m", INT64_MAX, 1}.total_tokens()), INT64_MAX);
+  EXPECT_EQ((LLMResult{"", "m", INT64_MIN, -1}.total_tokens()), INT64_MIN);
+  EXPECT_EQ((LLMResult{"", "m", INT64_MIN, INT64_MAX}.total_tokens()), -1);
+}
+
+TEST(Client, RefusesABaseUrlThatIsNotHttp) {
+  const std::pair<std::string, const char*> cases[] = {
       {"ftp://h/", "'ftp://h/'"},
       {"HTTPS://h/", "'HTTPS://h/'"},
       {" http://h/", "' http://h/'"},
@@ -27,12 +105,11 @@ TEST(Client, RefusesABaseUrlThatIsNotHttp) {
       {"\"it's\"", "'\"it\\'s\"'"},
       {"a\\b\n\x01\x7f\xff", "'a\\\\b\\n\\x01\\x7f\\xff'"},
       {"\xEF\xBB\xBFhttp://h\u200B\u00A0\U000E0001é", "'\\ufeffhttp://h\\u200b\\xa0\\U000e0001é'"},
-      {"sk-KEY", "'***'"},
-  };
-  for (const Case& c : cases) {
-    const auto text = text_of<std::invalid_argument>(
-        [&] { const LLMClient client({.base_url = c.url, .api_key = "sk-KEY"}); });
-    EXPECT_EQ(text, std::string("base_url must start with http:// or https://, got: ") + c.shown);
+      {"sk-KEY", "'***'"}};
+  for (const auto& [url, shown] : cases) {
+    const LLMConfig config{.base_url = url, .api_key = "sk-KEY"};
+    EXPECT_EQ(text_of<std::invalid_argument>([&] { const LLMClient client(config); }),
+              std::string("base_url must start with http:// or https://, got: ") + shown);
   }
   for (const char* const url : {"", "http://127.0.0.1:8080/v1", "https://h"}) {
     EXPECT_EQ(LLMClient({.base_url = url, .model = "m"}).config().base_url, url);
@@ -40,63 +117,51 @@ TEST(Client, RefusesABaseUrlThatIsNotHttp) {
 }
 
 TEST(Client, IsConfiguredWhenItHasUrlModelAndKey) {
-  const auto configured = [](LLMConfig config) {
-    return LLMClient(std::move(config)).is_configured();
-  };
-  EXPECT_TRUE(
-      configured({.provider = "Copilot", .base_url = "http://h", .model = "m", .api_key = "k"}));
+  const auto configured = [](const LLMConfig& config) { return LLMClient(config).is_configured(); };
+  EXPECT_TRUE(configured({.provider = "Copilot", .base_url = "http://h", .model = "m", .api_key = "k"}));
   EXPECT_FALSE(configured({.model = "m", .api_key = "k"}));
   EXPECT_FALSE(configured({.base_url = "http://h", .api_key = "k"}));
   EXPECT_FALSE(configured({.base_url = "http://h", .model = "m"}));
   EXPECT_FALSE(configured({.base_url = "http://h", .model = "m", .api_key = ""}));
+  setenv("COPILOT_GITHUB_TOKEN", "gho_1", 1);
+  EXPECT_TRUE(configured({.provider = "copilot", .model = "m"}));
+  EXPECT_FALSE(configured({.provider = "copilot"}));
 }
 
-// The number of tries shows in the number of requests.
 TEST(Client, MakesOneAttemptMoreThanRetries) {
-  for (const auto& [retries, tries] : {std::pair{2, 3}, {0, 1}, {-5, 1}, {INT_MIN, 1}}) {
-    auto transport = std::make_shared<Playback>(std::deque{Reply{.status = 503}});
-    const LLMClient client(
-        {.base_url = "http://h", .model = "m", .api_key = "k", .max_retries = retries},
-        {.transport = transport, .wait = [](double, const auto&, auto) {}});
-    EXPECT_THROW(std::ignore = client.chat({}), llm::LLMError);
-    EXPECT_EQ(transport->requests.size(), static_cast<std::size_t>(tries));
+  const auto tries_of = [](int max_retries) {
+    const auto transport = std::make_shared<Playback>(std::deque{Reply{.status = 503}});
+    const LLMClient client({.base_url = "http://h", .model = "m", .api_key = "k", .max_retries = max_retries},
+                           {.transport = transport, .wait = [waits = 0](double, auto&, auto) mutable {
+                              if (++waits == 5) throw 7;
+                            }});
+    EXPECT_ANY_THROW(std::ignore = client.chat({}));
+    return transport->requests.size();
+  };
+  for (const auto& [retries, tries] : {std::pair{2, 3}, {0, 1}, {-5, 1}, {INT_MIN, 1}, {INT_MAX, 5}}) {
+    EXPECT_EQ(tries_of(retries), static_cast<std::size_t>(tries)) << retries;
   }
-  int waits = 0;
-  const LLMClient tireless(
-      {.base_url = "http://h", .model = "m", .api_key = "k", .max_retries = INT_MAX},
-      {.transport = std::make_shared<Playback>(std::deque{Reply{.status = 503}}),
-       .wait = [&](double, const auto&, auto) {
-         if (++waits == 5) throw 7;
-       }});
-  EXPECT_THROW(std::ignore = tireless.chat({}), int);
 }
 
 TEST(Factory, TakesEverythingFromTheConfigurationButTheKey) {
-  Config config{.generation = {.provider = "minimax",
-                               .base_url = "https://h/v1",
-                               .model = "m",
-                               .timeout_s = 7,
-                               .max_retries = 1,
-                               .temperature = 0.5,
-                               .max_output_tokens = 99,
-                               .stream = false}};
+  Config config{.generation = {"minimax", "https://h/v1", "m", 7, 1, 0.5, 99, false}};
   setenv("TOVREN_LLM_API_KEY", "k", 1);
-  EXPECT_EQ(llm::build_llm_client_from_config(config).config(),
-            (LLMConfig{.provider = "minimax",
-                       .base_url = "https://h/v1",
-                       .model = "m",
-                       .api_key = "k",
-                       .timeout_s = 7,
-                       .max_retries = 1,
-                       .temperature = 0.5,
-                       .max_tokens = 99,
-                       .stream = false}));
+  EXPECT_EQ(build_llm_client_from_config(config).config(),
+            (LLMConfig{"minimax", "https://h/v1", "m", "k", 7, 1, 0.5, 99, false}));
+  config.generation.provider = "copilot";
+  config.generation.base_url = "ignored";
+  config.generation.model = "";
+  EXPECT_EQ(build_llm_client_from_config(config).config(),
+            (LLMConfig{"copilot", "https://api.githubcopilot.com", "claude-opus-4.8", {}, 7, 1, 0.5, 99, false}));
+  config.generation.model = "m";
+  EXPECT_EQ(build_llm_client_from_config(config).model(), "m");
+  config.generation.provider = "openai";
+  EXPECT_THROW(std::ignore = build_llm_client_from_config(config), std::invalid_argument);
+  config.generation.base_url = "http://h";
   setenv("TOVREN_LLM_API_KEY", "", 1);
-  EXPECT_EQ(llm::build_llm_client_from_config(config).config().api_key, std::nullopt);
+  EXPECT_EQ(build_llm_client_from_config(config).config().api_key, std::nullopt);
   unsetenv("TOVREN_LLM_API_KEY");
-  EXPECT_FALSE(llm::build_llm_client_from_config(config).is_configured());
-  config.generation.base_url = "gopher://h";
-  EXPECT_THROW(std::ignore = llm::build_llm_client_from_config(config), std::invalid_argument);
+  EXPECT_FALSE(build_llm_client_from_config(config).is_configured());
 }
 
 }  // namespace

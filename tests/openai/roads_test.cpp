@@ -1,20 +1,15 @@
 // The same calls over plain HTTP and through the client library, from one table, with the
 // differences that there are. Which road is taken, the search path of the process says.
-#include <atomic>
 #include <cstdlib>
-#include <deque>
 
-#include "loopback/server.hpp"
 #include "support.hpp"
-#include "tovren_mapstead/engines/llm.hpp"
 
 namespace {
 
 using namespace support;
-namespace llm = tovren_mapstead::engines::llm;
-using loopback::Exchange;
 
-const bool THROUGH_LIBRARY = std::string_view(std::getenv("EXPECTED_ROAD")) == "library";
+const bool LIBRARY = std::string_view(std::getenv("EXPECTED_ROAD")) == "library";
+const std::string KEY = "sk-KEY-12345";
 
 struct Script {
   int status;  // 0: the connection breaks
@@ -22,106 +17,112 @@ struct Script {
   const char* type = "application/json";
 };
 
-Script stream(const std::string& body) { return {200, body, "text/event-stream"}; }
+Script stream(const std::string& body) {
+  return {200, body, "text/event-stream"};
+}
 
 std::string delta(const std::string& content, const std::string& rest = "") {
   return R"(data: {"model":"x","choices":[{"delta":{"content":")" + content + "\"}" + rest + "}]}\n\n";
 }
 
-std::string whole(const std::string& content) {
-  return R"({"model":"x","choices":[{"message":{"content":")" + content +
-         R"("},"finish_reason":"stop"}],"usage":{"prompt_tokens":1,"completion_tokens":"2"}})";
+Script whole(const std::string& content) {
+  return {200, R"({"model":"x","choices":[{"message":{"content":")" + content +
+                   R"("},"finish_reason":"stop"}],"usage":{"prompt_tokens":1,"completion_tokens":"2"}})"};
 }
 
-const std::string STREAMED = delta("<think>a</think> h") + delta("i", R"(,"finish_reason":"stop")") +
-                             R"(data: {"choices":[],"usage":{"prompt_tokens":1,"completion_tokens":2.0}})" "\n\n"
-                             "data: [DONE]\n\n";
-const llm::LLMResult HI{"hi", "x", 1, 2, "stop"};
-
-struct Case {
-  const char* what;
-  std::deque<Script> replies;
-  bool stream = true, json = false;
-  int asked = 1;
-  llm::LLMResult answer = HI;
-  const char* error = nullptr;          // how the text begins, over HTTP
-  const char* library_error = nullptr;  // the same through the library; null: no difference
-};
+const std::string EVENTS = delta("<think>a</think> h") + delta("i", R"(,"finish_reason":"stop")") +
+                           R"(data: {"choices":[],"usage":{"prompt_tokens":1,"completion_tokens":2.0}})"
+                           "\n\n";
+const Script STREAMED = stream(EVENTS + "data: [DONE]\n\n");
 
 TEST(Roads, LeadToTheSameAnswers) {
-  ASSERT_EQ(llm::_openai_available(), THROUGH_LIBRARY);
-  const std::string key = "sk-KEY-12345";
-  const Case cases[] = {
-      {"streamed", {stream(STREAMED)}},
-      {"whole", {{200, whole("hi")}}, false},
-      // The library's whole replies are passed on as they are.
-      {"whole, with reasoning", {{200, whole("<think>a</think> hi ")}}, false, false, 1,
-       {THROUGH_LIBRARY ? "<think>a</think> hi " : "hi", "x", 1, 2, "stop"}},
-      {"whole where a stream was asked for", {{200, whole("hi")}}},
-      {"half a character a delta", {stream(delta(R"(\ud83d)") + delta(R"(\ude00\ud83d)"))}, true, false, 1,
-       {"\U0001F600\uFFFD", "x"}},
-      {"half a character", {{200, whole(R"(\ud83dx)")}}, false, false, 1, {"\uFFFDx", "x", 1, 2, "stop"}},
-      {"no JSON mode", {{400, "response_format?"}, stream(STREAMED)}, true, true, 2},
-      {"no stream", {{400, "no Streams"}, {200, whole("hi")}}, true, false, 2},
-      {"neither", {{400, "response_format, stream"}}, true, true, 3, HI, "LLM request failed with HTTP 400",
-       "LLM SDK call failed: request failed with HTTP 400"},
-      {"busy twice", {{503, ""}, {429, ""}, stream(STREAMED)}, true, false, 3},
-      {"broken off", {{0, ""}, stream(delta("h")), stream(STREAMED)}, true, false, 2, {"h", "x"}},
-      // Any 5xx of the library's is transient.
-      {"501", {{501, "no"}, stream(STREAMED)}, true, false, THROUGH_LIBRARY ? 2 : 1, HI,
-       THROUGH_LIBRARY ? nullptr : "LLM request failed with HTTP 501"},
-      {"always busy", {{503, key}}, true, false, 3, HI, "LLM call failed after 3 tries; last failure: the server answered HTTP 503",
-       "LLM call failed after 3 tries; last failure: request failed with HTTP 503"},
-      {"bad key", {{401, key}}, true, false, 1, HI, "LLM request failed with HTTP 401 (check the API key): ***",
-       "LLM SDK call failed: request failed with HTTP 401 (check the API key): ***"},
-      {"no choices", {{200, R"({"error":")" + key + "\"}"}}, false, false, 1, HI, "LLM response missing 'choices': ***",
-       R"(LLM SDK response missing 'choices': {"error":"***"})"},
-      {"no JSON", {{200, "<" + key}}, false, false, 1, HI, "LLM request failed: the reply is not JSON",
-       "LLM SDK call failed: request failed: the reply is not JSON"},
-      {"no object", {{200, "[]"}}, false, false, 1, HI, "LLM response is not a JSON object",
-       "LLM SDK call failed: the reply is not a JSON object"},
-      {"no text", {stream(": \xff\n")}, true, false, 1, HI, "LLM stream is not valid UTF-8",
-       "LLM SDK call failed: the stream is not valid UTF-8"},
-      {"an error in the stream", {stream(delta("h") + "data: {\"error\":{\"message\":\"" + key + "\"}}\n")}, true, false, 3, HI,
-       "LLM call failed after 3 tries; last failure: stream error: ***"},
-      {"an error after the answer", {stream(STREAMED.substr(0, STREAMED.find("data: [")) + "data: {\"error\":1}\n")}},
-      {"an empty stream", {stream(": nothing\n")}, true, false, 3, HI, "LLM call failed after 3 tries; last failure: empty stream"},
+  ASSERT_EQ(llm::_openai_available(), LIBRARY);
+
+  struct Case {
+    const char* what;
+    char mode;  // s: streamed, j: streamed in JSON mode, w: whole
+    int asked;
+    std::deque<Script> replies;
+    LLMResult answer{"hi", "x", 1, 2, "stop"};
   };
-  for (const Case& c : cases) {
+
+  const Case answered[] = {
+      {"streamed", 's', 1, {STREAMED}},
+      {"whole", 'w', 1, {whole("hi")}},
+      {"whole where a stream was asked for", 's', 1, {whole("hi")}},
+      // The library's whole replies are passed on as they are.
+      {"whole, with reasoning", 'w', 1, {whole("<think>a</think> hi ")}, {LIBRARY ? "<think>a</think> hi " : "hi", "x", 1, 2, "stop"}},
+      {"half a character a delta", 's', 1, {stream(delta(R"(\ud83d)") + delta(R"(\ude00\ud83d)"))}, {"\U0001F600\uFFFD", "x"}},
+      {"half a character", 'w', 1, {whole(R"(\ud83dx)")}, {"\uFFFDx", "x", 1, 2, "stop"}},
+      {"no JSON mode", 'j', 2, {{400, "response_format?"}, STREAMED}},
+      {"no stream", 's', 2, {{400, "no Streams"}, whole("hi")}},
+      {"busy twice", 's', 3, {{503, ""}, {429, ""}, STREAMED}},
+      {"broken off", 's', 3, {{0, ""}, stream(": nothing\n"), STREAMED}},
+      {"half a body", 'w', 2, {{200, "{\"choices\":["}, whole("hi")}},
+      {"an error after the answer", 's', 1, {stream(EVENTS + "data: {\"error\":1}\n")}}};
+
+  struct Failure {
+    const char* what;
+    char mode;
+    int asked;
+    Script reply;
+    std::string over_http, through_library;  // how the error's text begins
+  };
+
+  const std::string h = "LLM request failed", l = "LLM SDK call failed: request failed";
+  const std::string tries = "LLM call failed after 3 tries; last failure: ";
+  const std::string in_band = tries + "stream error: ***", empty = tries + "empty stream";
+  const Failure failed[] = {
+      {"bad key", 's', 1, {401, KEY}, h + " with HTTP 401 (check the API key): ***", l + " with HTTP 401 (check the API key): ***"},
+      {"rejected for all", 'j', 3, {400, "response_format, stream"}, h + " with HTTP 400", l + " with HTTP 400"},
+      // Any 5xx of the library's is transient.
+      {"not offered", 's', LIBRARY ? 3 : 1, {501, KEY}, h + " with HTTP 501", tries + "request failed with HTTP 501"},
+      {"always busy", 's', 3, {503, KEY}, tries + "the server answered HTTP 503", tries + "request failed with HTTP 503"},
+      {"no choices", 'w', 1, {200, "{\"error\":\"" + KEY + "\"}"}, "LLM response missing 'choices': ***", R"(LLM SDK response missing 'choices': {"error":"***"})"},
+      {"no JSON", 'w', 1, {200, "<" + KEY}, h + ": the reply is not JSON", l + ": the reply is not JSON"},
+      {"no object", 'w', 1, {200, "[]"}, "LLM response is not a JSON object", "LLM SDK call failed: the reply is not"},
+      {"no text", 's', 1, stream(": \xff\n"), "LLM stream is not valid UTF-8", "LLM SDK call failed: the stream is not"},
+      {"error in the stream", 's', 3, stream(delta("h") + "data: {\"error\":{\"message\":\"" + KEY + "\"}}\n"), in_band, in_band},
+      {"empty stream", 's', 3, stream(": nothing\n"), empty, empty}};
+  std::deque<Script> left;
+  Server server([&](Exchange& exchange) {
+    const Script script = left.front();
+    if (left.size() > 1) left.pop_front();
+    script.status == 0 ? exchange.reset() : exchange.reply(script.status, script.body, script.type);
+  });
+  const auto ask = [&](char mode, std::deque<Script> replies) {
+    left = std::move(replies);
+    const LLMClient client({.base_url = server.url() + "/", .model = "m", .api_key = KEY, .stream = mode != 'w'},
+                           {.wait = [](double, auto&, auto) {}});
+    return client.chat({{{"role", "user"}, {"content", "x"}}}, {.response_json = mode == 'j'});
+  };
+  for (const Case& c : answered) {
     SCOPED_TRACE(c.what);
-    std::deque<Script> left = c.replies;
-    loopback::Server server([&](Exchange& exchange) {
-      const Script script = left.front();
-      if (left.size() > 1) left.pop_front();
-      script.status == 0 ? exchange.reset() : exchange.reply(script.status, script.body, script.type);
-    });
-    const llm::LLMClient client({.base_url = server.url() + "/", .model = "m", .api_key = key, .stream = c.stream},
-                                {.wait = [](double, const auto&, auto) {}});
-    const auto act = [&] { return client.chat({{{"role", "user"}, {"content", "x"}}}, {.response_json = c.json}); };
-    const char* const error = THROUGH_LIBRARY && c.library_error != nullptr ? c.library_error : c.error;
-    if (error == nullptr) {
-      EXPECT_EQ(act(), c.answer);
-    } else {
-      const auto text = text_of<llm::LLMError>([&] { std::ignore = act(); });
-      EXPECT_TRUE(text.starts_with(error)) << text;
-      EXPECT_FALSE(contains(text, "sk-KE")) << text;
-    }
-    EXPECT_EQ(server.requests(), c.asked);
+    const int before = server.requests();
+    EXPECT_EQ(ask(c.mode, c.replies), c.answer);
+    EXPECT_EQ(server.requests() - before, c.asked);
+  }
+  for (const Failure& c : failed) {
+    SCOPED_TRACE(c.what);
+    const int before = server.requests();
+    const auto text = text_of<llm::LLMError>([&] { std::ignore = ask(c.mode, {c.reply}); });
+    EXPECT_TRUE(text.starts_with(LIBRARY ? c.through_library : c.over_http)) << text;
+    EXPECT_FALSE(contains(text, "sk-KE")) << text;
+    EXPECT_EQ(server.requests() - before, c.asked);
   }
 }
 
 TEST(Roads, EndInTime) {
-  loopback::Server busy([](Exchange& exchange) { exchange.reply(503, ""); });
-  loopback::Server silent([](Exchange& exchange) { exchange.stall(); });
-  const auto client_of = [](const loopback::Server& server) {
-    return llm::LLMClient({.base_url = server.url(), .model = "m", .api_key = "sk-1"});
+  Server busy([](Exchange& exchange) { exchange.reply(503, ""); });
+  Server silent([](Exchange& exchange) { exchange.stall(); });
+  const auto chat = [](const Server& server, const llm::ChatOptions& options) {
+    std::ignore = LLMClient({.base_url = server.url(), .model = "m", .api_key = KEY}).chat({}, options);
   };
   const auto moment = http::Clock::now() + 100ms;  // during the wait between two attempts
-  EXPECT_THROW(std::ignore = client_of(busy).chat({}, {.should_stop = [=] { return http::Clock::now() > moment; }}),
-               llm::LLMStopped);
+  EXPECT_THROW(chat(busy, {.should_stop = [=] { return http::Clock::now() > moment; }}), llm::LLMStopped);
   EXPECT_LT(seconds_since(moment), 0.05);
   const auto deadline = http::Clock::now() + 200ms;
-  EXPECT_THROW(std::ignore = client_of(silent).chat({}, {.deadline = deadline}), llm::LLMTimeout);
+  EXPECT_THROW(chat(silent, {.deadline = deadline}), llm::LLMTimeout);
   EXPECT_LT(seconds_since(deadline), 0.05);
 }
 
