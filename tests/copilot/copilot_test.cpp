@@ -92,23 +92,24 @@ TEST_F(Copilot, AnswersWithATokenThatItKeeps) {
 }
 
 TEST_F(Copilot, RenewsATokenNearItsEnd) {
-  struct Case {
-    const char* what;
-    double good_s;
-    const char* refresh_in;
-    int exchanges;  // for two chats
-  };
-
-  const Case cases[] = {
-      {"good", 1800, "1500", 1}, {"to be refreshed", 1800, "0.01", 2}, {"in its last minute", 50, "1500", 2}, {"no hint", 1800, "null", 1}, {"a negative hint", 1800, "-5", 1}, {"an absurd hint", 1800, "1e300", 1}, {"a hint of a string", 1800, "\"x\"", 1}, {"good for ages", 1e17, "1e18", 1}};
-  for (const Case& c : cases) {
+  const std::tuple<const char*, double, const char*, int> cases[] = {
+      // what, seconds to the expiry, the hint, exchanges for two chats
+      {"good", 1800, "1500", 1},
+      {"to be refreshed", 1800, "0.01", 2},
+      {"in its last minute", 50, "1500", 2},
+      {"no hint", 1800, "null", 1},
+      {"a negative hint", 1800, "-5", 1},
+      {"an absurd hint", 1800, "1e300", 1},
+      {"a hint of a string", 1800, "\"x\"", 1},
+      {"good for ages", 1e17, "1e18", 1}};
+  for (const auto& [what, good_s, refresh_in, expected] : cases) {
     exchanges = 0;
-    on_exchange = [&](Exchange& exchange) { exchange.reply(200, token("T", c.refresh_in, c.good_s)); };
+    on_exchange = [&good = good_s, &hint = refresh_in](Exchange& exchange) { exchange.reply(200, token("T", hint, good)); };
     const LLMClient copilot_client = client();
     chat(copilot_client);
     std::this_thread::sleep_for(20ms);
     chat(copilot_client);
-    EXPECT_EQ(exchanges, c.exchanges) << c.what;
+    EXPECT_EQ(exchanges, expected) << what;
   }
 }
 
@@ -143,13 +144,7 @@ TEST_F(Copilot, RenewsInTheMiddleOfARetryLoopAndAfterARefusal) {
 }
 
 TEST_F(Copilot, SaysWhatToDoWhenThereIsNoToken) {
-  struct Case {
-    int status;
-    const char* body;
-    const char* told;
-  };
-
-  const Case cases[] = {
+  const std::tuple<int, const char*, const char*> cases[] = {
       {401, "{}", "Sign in to Copilot"},
       {403, "{}", "personal access tokens are not accepted"},
       {404, "{}", "the account needs Copilot"},
@@ -162,16 +157,16 @@ TEST_F(Copilot, SaysWhatToDoWhenThereIsNoToken) {
       {200, R"({"token":"TOKEN-1","expires_at":1})", "clock"},
       {503, "", "LLM call failed after 3 tries"}};
   on_chat = [](Exchange& exchange) { ADD_FAILURE(), exchange.close(); };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.told);
+  for (const auto& [status, body, told] : cases) {
+    SCOPED_TRACE(told);
     exchanges = 0;
-    on_exchange = [&](Exchange& exchange) { exchange.reply(c.status, c.body); };
+    on_exchange = [&status = status, &body = body](Exchange& exchange) { exchange.reply(status, body); };
     try {
       chat(client());
       ADD_FAILURE();
     } catch (const llm::LLMError& error) {
-      EXPECT_TRUE(contains(error.what(), c.told) && !contains(error.what(), "TOKEN-1")) << error.what();
-      if (c.status == 503) continue;
+      EXPECT_TRUE(contains(error.what(), told) && !contains(error.what(), "TOKEN-1")) << error.what();
+      if (status == 503) continue;
       EXPECT_THROW(std::rethrow_if_nested(error), copilot::CopilotError);
       EXPECT_EQ(exchanges, 1);
     }

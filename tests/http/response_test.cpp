@@ -50,14 +50,8 @@ TEST(Send, TurnsEveryOutcomeIntoOneOfItsOwn) {
   const http::TransportError cut("cut by KEY-12345678", true);
   const http::TransportError untrusted("untrusted", false);
 
-  struct Case {
-    Reply reply;
-    bool transient;
-    std::optional<int> status;
-    const char* told;
-  };
-
-  const Case cases[] = {
+  const std::tuple<Reply, bool, std::optional<int>, const char*> cases[] = {
+      // the reply, whether another try may help, the status and the text of the error
       {{.status = 503, .pieces = {"be\nback"}}, true, 503, "be back"},
       {{.status = 429, .pieces = {"slow"}, .failure = cut}, true, 429, "slow"},  // its status was told before
       {{.pieces = {"a"}, .failure = cut}, true, std::nullopt, "cut by ***"},
@@ -69,16 +63,15 @@ TEST(Send, TurnsEveryOutcomeIntoOneOfItsOwn) {
       {{.pieces = {std::string(101, 'x')}}, false, std::nullopt, "larger than 100 bytes"}};
   const auto read = [](http::Response& reply) { return reply.read_rest(100); };
   EXPECT_EQ(play({.status = 204, .pieces = {"a", "b"}}, read), "ab");
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.told);
+  for (const auto& [reply, transient, status, told] : cases) {
     try {
-      play(c.reply, read, POLICY, {"KEY-12345678"});
-      ADD_FAILURE() << "no error";
+      play(reply, read, POLICY, {"KEY-12345678"});
+      ADD_FAILURE() << "no error: " << told;
     } catch (const http::Retryable& error) {
-      EXPECT_TRUE(c.transient && error.status() == c.status && contains(error.what(), c.told)) << error.what();
+      EXPECT_TRUE(transient && error.status() == status && contains(error.what(), told)) << error.what();
     } catch (const http::HttpFailure& error) {
-      EXPECT_TRUE(!c.transient && error.status() == c.status && contains(error.what(), c.told)) << error.what();
-      EXPECT_TRUE(error.detail().empty() == c.reply.pieces.empty() || !c.status) << error.detail();
+      EXPECT_TRUE(!transient && error.status() == status && contains(error.what(), told)) << error.what();
+      EXPECT_TRUE(error.detail().empty() == reply.pieces.empty() || !status) << error.detail();
     }
   }
 }

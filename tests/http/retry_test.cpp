@@ -13,40 +13,33 @@ static_assert(!http::StatusSet{599}.contains(600) && !http::StatusSet{100}.conta
 constexpr double FOREVER = std::numeric_limits<double>::infinity();
 
 TEST(Retry, WaitsLongerEachTimeAndGivesUp) {
-  struct Case {
-    const char* what;
-    int attempts;
-    double backoff_s;
-    int failures;
+  const std::tuple<int, double, int, std::vector<double>, bool> cases[] = {
+      // attempts, backoff_s, failures before the answer, waits, whether it is answered
+      {3, 1.0, 0, {}, true},
+      {4, 1.0, 3, {1, 2, 4}, true},
+      {3, 0.5, 9, {0.5, 1}, false},
+      {1, 1.0, 9, {}, false},
+      {0, 1.0, 9, {}, false},
+      {INT_MIN, 1.0, 9, {}, false},
+      {INT_MAX, 1e308, 3, {1e308, FOREVER, FOREVER}, true}};
+  for (const auto& [attempts, backoff_s, failures, expected_waits, answered] : cases) {
+    SCOPED_TRACE(attempts);
     std::vector<double> waits;
-    bool answered;
-  };
-
-  const Case cases[] = {
-      {"the first answers", 3, 1.0, 0, {}, true},
-      {"the last answers", 4, 1.0, 3, {1, 2, 4}, true},
-      {"none answers", 3, 0.5, 9, {0.5, 1}, false},
-      {"one try", 1, 1.0, 9, {}, false},
-      {"no try counts as one", 0, 1.0, 9, {}, false},
-      {"fewer than none", INT_MIN, 1.0, 9, {}, false},
-      {"the most tries", INT_MAX, 1e308, 3, {1e308, FOREVER, FOREVER}, true}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    std::vector<double> waits;
-    const http::RetryPolicy policy{.attempts = c.attempts, .backoff_s = c.backoff_s, .timeout_s = 7, .wait = [&](double s, auto&, auto) { waits.push_back(s); }};
-    auto attempt = [&, tries = 0](double timeout_s) mutable {
-      EXPECT_EQ(timeout_s, 7);
-      if (tries++ < c.failures) throw http::Retryable("busy, says KEY-1");
-      return 42;
+    const http::RetryPolicy policy{.attempts = attempts, .backoff_s = backoff_s, .timeout_s = 7, .wait = [&](double s, auto&, auto) { waits.push_back(s); }};
+    auto act = [&policy, left = failures]() mutable {
+      const auto attempt = [&](double timeout_s) {
+        EXPECT_EQ(timeout_s, 7);
+        return left-- > 0 ? throw http::Retryable("busy, says KEY-1") : 42;
+      };
+      return http::retry(policy, attempt, {.label = "LLM call", .secrets = {"KEY-1"}});
     };
-    const auto act = [&] { return http::retry(policy, attempt, {.label = "LLM call", .secrets = {"KEY-1"}}); };
-    if (c.answered) {
+    if (answered) {
       EXPECT_EQ(act(), 42);
     } else {
       const auto text = text_of<http::Exhausted>(act);
       EXPECT_TRUE(text.starts_with("LLM call") && contains(text, "busy, says ***")) << text;
     }
-    EXPECT_EQ(waits, c.waits);
+    EXPECT_EQ(waits, expected_waits);
   }
 }
 

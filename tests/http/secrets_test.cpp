@@ -9,14 +9,8 @@ using namespace support;
 using http::redact;
 
 TEST(Redact, MasksEverySpelling) {
-  struct Case {
-    const char* what;
-    std::string text;
-    http::Secrets secrets;
-    std::string result;
-  };
-
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, http::Secrets, const char*> cases[] = {
+      // what, the text, the secrets, the result
       {"no secrets", "abc", {}, "abc"},
       {"an empty secret", "abc", {""}, "abc"},
       {"several times", "k1 and k1", {"k1"}, "*** and ***"},
@@ -35,7 +29,7 @@ TEST(Redact, MasksEverySpelling) {
       {"escaped pair", R"(\ud83d\ude00)", {"\U0001F600"}, "***"},
       {"no escape", R"(\x \u12 k1 \)", {"k1"}, R"(\x \u12 *** \)"},
   };
-  for (const Case& c : cases) EXPECT_EQ(redact(c.text, c.secrets), c.result) << c.what;
+  for (const auto& [what, text, secrets, result] : cases) EXPECT_EQ(redact(text, secrets), result) << what;
 }
 
 // Small alphabets make every kind of overlap, nesting and joining likely.

@@ -52,13 +52,8 @@ TEST(Transport, SortsWhatGoesWrongOnTheWay) {
   Server tls([](Exchange& exchange) { exchange.reply(200, "unseen"); }, {.tls = true});
   Server slow([](Exchange& exchange) { exchange.stall(); });
 
-  struct Case {
-    std::string url;
-    bool transient;
-    const char* told;
-  };
-
-  const Case cases[] = {
+  const std::tuple<std::string, bool, const char*> cases[] = {
+      // the URL, whether another try may help, what the error says
       {server.url() + "/reset", true, "reset"},
       {server.url() + "/nothing", true, "empty reply"},
       {server.url() + "/cut", true, "breaks off"},
@@ -75,11 +70,11 @@ TEST(Transport, SortsWhatGoesWrongOnTheWay) {
       {"http://[::1/", false, "malformed"},
       {"ftp://127.0.0.1/", false, "only http and https"},
       {"file:///etc/passwd", false, "only http and https"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.url);
-    const auto act = [&] { post({.url = c.url, .timeout_s = 0.2}); };
-    const auto text = c.transient ? text_of<http::Retryable>(act) : text_of<http::HttpFailure>(act);
-    EXPECT_TRUE(contains(text, c.told)) << text;
+  for (const auto& [url, transient, told] : cases) {
+    SCOPED_TRACE(url);
+    const auto act = [&, &url = url] { post({.url = url, .timeout_s = 0.2}); };
+    const auto text = transient ? text_of<http::Retryable>(act) : text_of<http::HttpFailure>(act);
+    EXPECT_TRUE(contains(text, told)) << text;
   }
   EXPECT_EQ(tls.requests(), 0);
 }
@@ -119,23 +114,18 @@ TEST(Transport, SendsTheWholeBodyAndReadsTheWholeReply) {
 }
 
 TEST(Transport, UsesOneConnectionForOneStreamAfterTheOther) {
-  struct Case {
-    const char* what;
-    std::function<void(Exchange&)> after_marker;
-    int connections;
-  };
-
-  const Case cases[] = {
+  const std::tuple<const char*, std::function<void(Exchange&)>, int> cases[] = {
+      // what, what comes after the marker, connections for twenty streams
       {"ended at once", [](Exchange& e) { e.end_stream(); }, 1},
       {"ended a little later", [](Exchange& e) { e.pause(1ms), e.end_stream(); }, 1},
       {"some garbage", [](Exchange& e) { e.chunk("data: x\n\n"), e.end_stream(); }, 1},
       {"too much garbage", [](Exchange& e) { e.chunk(std::string(1 << 20, 'x')), e.end_stream(); }, 20},
       {"never ended", [](Exchange& e) { e.stall(); }, 20}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    Server server([&](Exchange& exchange) {
+  for (const auto& [what, after_marker, connections] : cases) {
+    SCOPED_TRACE(what);
+    Server server([&after = after_marker](Exchange& exchange) {
       exchange.start_stream();
-      if (exchange.chunk("data: [DONE]\n\n")) c.after_marker(exchange);
+      if (exchange.chunk("data: [DONE]\n\n")) after(exchange);
     });
     const Call call{.url = server.url()};
     const auto start = http::Clock::now();
@@ -143,7 +133,7 @@ TEST(Transport, UsesOneConnectionForOneStreamAfterTheOther) {
       post(call, [](http::Response& reply) { EXPECT_EQ(reply.next_line(), "data: [DONE]"); });
       std::this_thread::sleep_for(5ms);
     }
-    EXPECT_EQ(server.connections(), c.connections);
+    EXPECT_EQ(server.connections(), connections);
     EXPECT_LT(seconds_since(start), 1);
   }
 }

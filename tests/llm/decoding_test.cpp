@@ -121,13 +121,7 @@ const std::string DONE = "data: [DONE]\n\n";
 const std::string STOP = "data: {\"choices\":[{\"finish_reason\":\"stop\"}]}\n";
 
 TEST(Stream, GathersWhatItsEventsSay) {
-  struct Case {
-    const char* what;
-    std::string body;
-    LLMResult result;
-  };
-
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, LLMResult> cases[] = {
       {"two deltas", delta("\"Hel\"") + delta("\"lo\"") + DONE, {"Hello", "m"}},
       {"no blank, blanks around, CRLF", "data:" + A.substr(6, A.size() - 8) + "\r\n\r\n \tdata:  [DONE] \r\n", {"a", "m"}},
       {"nothing after the marker counts", A + "data:[DONE]\n" + delta("\"b\""), {"a", "m"}},
@@ -172,10 +166,9 @@ TEST(Stream, GathersWhatItsEventsSay) {
       {"a number out of range", R"(data: {"created":1e999,"choices":[{"delta":{"content":"a"}}]})"
                                 "\n",
        {"a", "m"}}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    for (std::size_t cut = 0; cut < c.body.size(); ++cut) {
-      ASSERT_EQ(decode({c.body.substr(0, cut), c.body.substr(cut)}), c.result) << cut;
+  for (const auto& [what, body, result] : cases) {
+    for (std::size_t cut = 0; cut < body.size(); ++cut) {
+      ASSERT_EQ(decode({body.substr(0, cut), body.substr(cut)}), result) << what << cut;
     }
   }
 }

@@ -12,7 +12,17 @@ foreach(name IN ITEMS main.cpp binding.cpp)
   string(SUBSTRING "${rest}" 0 ${end} code)
   file(WRITE ${WORK}/source/${name} "${code}")
 endforeach()
-file(COPY ${SOURCE}/CMakeLists.txt ${SOURCE}/my DESTINATION ${WORK}/source)
+file(COPY ${SOURCE}/CMakeLists.txt DESTINATION ${WORK}/source)
+file(WRITE ${WORK}/source/my/client.hpp [[
+#pragma once
+#include <string>
+namespace my {
+struct Client {  // stands for somebody's client library
+  Client(std::string, std::string) {}
+  std::string ask(const std::string& model, const auto&) { return model; }
+};
+}
+]])
 foreach(command IN ITEMS
     "${CMAKE_COMMAND};--install;${BUILD};--prefix;${WORK}/root;--component;library"
     "${CMAKE_COMMAND};-S;${WORK}/source;-B;${WORK}/build;-DCMAKE_PREFIX_PATH=${WORK}/root;-DCMAKE_CXX_COMPILER=${CXX};-DCMAKE_CXX_FLAGS=${FLAGS}"

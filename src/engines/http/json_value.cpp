@@ -6,6 +6,7 @@
 
 #include "tovren_mapstead/engines/http/json.hpp"
 
+#include "engines/http/json_members.hpp"
 #include "engines/http/json_mend.hpp"
 #include "engines/http/quote.hpp"
 
@@ -13,46 +14,12 @@ namespace tovren_mapstead::engines::http {
 namespace {
 
 using simdjson::dom::element;
-using simdjson::dom::element_type;
-
-JsonValue::Kind kind_of(element_type type) {
-  switch (type) {
-    case element_type::ARRAY:
-      return JsonValue::Kind::array;
-    case element_type::OBJECT:
-      return JsonValue::Kind::object;
-    case element_type::INT64:
-    case element_type::UINT64:
-      return JsonValue::Kind::integer;
-    case element_type::DOUBLE:
-      return JsonValue::Kind::real;
-    case element_type::STRING:
-      return JsonValue::Kind::string;
-    case element_type::BOOL:
-      return JsonValue::Kind::boolean;
-    case element_type::NULL_VALUE:
-      break;
-  }
-  return JsonValue::Kind::null;
-}
-
-// What `place` stands for, as what it is; else nothing of that type: false, 0, empty.
-template <class Type, class Place>
-Type taken(const Place& place) {
-  Type value{};
-  const bool found =
-      place.document != nullptr && std::bit_cast<element>(place).get(value) == simdjson::SUCCESS;
-  return found ? value : Type{};
-}
 
 }  // namespace
 
 bool is_utf8(std::string_view text) noexcept {
   return simdjson::validate_utf8(text.data(), text.size());
 }
-
-JsonValue::JsonValue(const Place& place, bool mended)
-    : _place(place), _kind(kind_of(std::bit_cast<element>(place).type())), _mended(mended) {}
 
 bool JsonValue::empty() const {
   switch (_kind) {
@@ -66,28 +33,24 @@ bool JsonValue::empty() const {
     case Kind::real:
       return real() == 0;
     case Kind::string:
-      return taken<std::string_view>(_place).empty();
+      return JsonAccess::taken<std::string_view>(*this).empty();
     case Kind::array: {
-      const auto array = taken<simdjson::dom::array>(_place);
+      const auto array = JsonAccess::taken<simdjson::dom::array>(*this);
       return array.begin() == array.end();
     }
     case Kind::object:
       break;
   }
-  const auto object = taken<simdjson::dom::object>(_place);
+  const auto object = JsonAccess::taken<simdjson::dom::object>(*this);
   return object.begin() == object.end();
 }
 
 void JsonValue::collect(std::span<const std::string_view> names, std::span<JsonValue> found) const {
-  if (_kind != Kind::object) return;
-  const auto object = taken<simdjson::dom::object>(_place);
-  const auto end = object.end();
-  for (auto member = object.begin(); member != end; ++member) {
-    const std::string_view key = member.key();
+  for_each_member(*this, [&](std::string_view key, const auto& value) {
     for (std::size_t i = 0; i < names.size(); ++i) {
-      if (key == names[i]) found[i] = JsonValue(std::bit_cast<Place>(member.value()), _mended);
+      if (key == names[i]) found[i] = value();
     }
-  }
+  });
 }
 
 JsonValue JsonValue::operator[](std::string_view name) const {
@@ -97,29 +60,29 @@ JsonValue JsonValue::operator[](std::string_view name) const {
 std::vector<JsonValue> JsonValue::elements() const {
   std::vector<JsonValue> elements;
   if (_kind != Kind::array) return elements;
-  const auto array = taken<simdjson::dom::array>(_place);
-  for (const element each : array) elements.push_back({std::bit_cast<Place>(each), _mended});
+  const auto array = JsonAccess::taken<simdjson::dom::array>(*this);
+  for (const element each : array) elements.push_back(JsonAccess::value(each, _mended));
   return elements;
 }
 
 JsonValue JsonValue::front() const {
   if (_kind != Kind::array) return {};
-  const auto array = taken<simdjson::dom::array>(_place);
+  const auto array = JsonAccess::taken<simdjson::dom::array>(*this);
   if (array.begin() == array.end()) return {};
-  return {std::bit_cast<Place>(*array.begin()), _mended};
+  return JsonAccess::value(*array.begin(), _mended);
 }
 
 bool JsonValue::boolean() const {
-  return taken<bool>(_place);
+  return JsonAccess::taken<bool>(*this);
 }
 
 std::optional<std::int64_t> JsonValue::integer() const {
   if (_kind != Kind::integer || !std::bit_cast<element>(_place).is<std::int64_t>()) return {};
-  return taken<std::int64_t>(_place);
+  return JsonAccess::taken<std::int64_t>(*this);
 }
 
 double JsonValue::real() const {
-  return taken<double>(_place);
+  return JsonAccess::taken<double>(*this);
 }
 
 void JsonValue::append_text(std::string& out) const {
@@ -134,7 +97,7 @@ void JsonValue::append_text(std::string& out) const {
   if (_kind != Kind::string) {
     add(simdjson::minify(std::bit_cast<element>(_place)));
   } else {
-    add(taken<std::string_view>(_place));
+    add(JsonAccess::taken<std::string_view>(*this));
   }
 }
 
@@ -161,7 +124,7 @@ struct JsonReader::Parser {
     element root;
     error = parser.parse(padded.data(), text.size(), false).get(root);
     if (error != simdjson::SUCCESS) return std::nullopt;
-    return JsonValue(std::bit_cast<JsonValue::Place>(root), mended);
+    return JsonAccess::value(root, mended);
   }
 
   simdjson::dom::parser parser;

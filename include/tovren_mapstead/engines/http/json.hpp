@@ -70,15 +70,13 @@ class JsonValue {
   void append_text(std::string& out) const;
 
  private:
-  friend class JsonReader;
+  friend struct JsonAccess;
 
   // The parser's own handle to an element, kept opaque here; no document: absent.
   struct Place {
     const void* document = nullptr;
     std::size_t index = 0;
   };
-
-  JsonValue(const Place& place, bool mended);
 
   void collect(std::span<const std::string_view> names, std::span<JsonValue> found) const;
 

@@ -8,6 +8,7 @@
 #include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/llm/errors.hpp"
 
+#include "engines/http/json_members.hpp"
 #include "engines/llm/reply/token_count.hpp"
 #include "engines/llm/reply/white_space.hpp"
 #include "engines/llm/stream/result.hpp"
@@ -30,23 +31,32 @@ class Accumulator {
       : _model(std::move(model)), _secrets(secrets) {}
 
   void add(const JsonValue& chunk) {
-    const auto [error, model, choices, usage] =
-        chunk.members<4>({"error", "model", "choices", "usage"});
+    JsonValue error, model, choices, usage;
+    http::for_each_member(chunk, [&](std::string_view name, const auto& value) {
+      if (name == "choices") choices = value();
+      if (name == "model") model = value();
+      if (name == "usage") usage = value();
+      if (name == "error") error = value();
+    });
     if (const auto message = stream_error_text(error)) {
       _error_msg = http::redact(*message, _secrets);
       return;
     }
     if (!model.empty()) model.assign_text(_model);
-    const auto [delta, finish_reason] =
-        choices.front().members<2>({"delta", "finish_reason"});  // absent unless an object
+    JsonValue delta, finish_reason;  // stay absent unless the choice is an object
+    http::for_each_member(choices.front(), [&](std::string_view name, const auto& value) {
+      if (name == "delta") delta = value();
+      if (name == "finish_reason") finish_reason = value();
+    });
     if (const JsonValue piece = delta["content"]; !piece.empty()) {
       piece.append_text(_parts);
       check_length(_parts);
     }
-    if (!finish_reason.empty()) _finish_reason = finish_reason.text();
-    const auto [prompt, completion] = usage.members<2>({"prompt_tokens", "completion_tokens"});
-    _prompt_tokens = _as_int(prompt, _prompt_tokens);
-    _completion_tokens = _as_int(completion, _completion_tokens);
+    if (!finish_reason.empty()) finish_reason.assign_text(_finish_reason.emplace());
+    if (usage.kind() == JsonValue::Kind::object) {
+      _prompt_tokens = _as_int(usage["prompt_tokens"], _prompt_tokens);
+      _completion_tokens = _as_int(usage["completion_tokens"], _completion_tokens);
+    }
   }
 
   LLMResult finish() && {
