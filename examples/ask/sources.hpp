@@ -27,6 +27,7 @@ struct Prompt {
   std::string question;
   std::vector<SourceFile> files;
 };
+
 Prompt from_prompt(std::string_view text);
 
 }  // namespace ask

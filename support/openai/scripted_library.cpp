@@ -20,8 +20,7 @@ struct Foreign : std::exception {  // a type that the program does not know
 
 class Stream final : public ChunkStream {
  public:
-  explicit Stream(std::string model)
-      : _model(std::move(model)) {}
+  explicit Stream(std::string model) : _model(std::move(model)) {}
 
   std::optional<Chunk> next() override {
     const int step = _step++;
@@ -42,8 +41,7 @@ class Client final : public OpenAI {
  public:
   using Whole = std::variant<Completion, std::unique_ptr<ChunkStream>>;
 
-  explicit Client(ClientArguments arguments)
-      : _made_with(std::move(arguments)) { ++opened; }
+  explicit Client(ClientArguments arguments) : _made_with(std::move(arguments)) { ++opened; }
 
   ~Client() override { ++closed; }
 
@@ -52,7 +50,8 @@ class Client final : public OpenAI {
     if (model == "arguments") {
       throw OpenAIError(_made_with.base_url + " " + std::to_string(_made_with.timeout) + " " +
                         std::to_string(_made_with.max_retries) + (asked.stream ? " stream" : "") +
-                        (asked.stream_options ? " options" : "") + (asked.response_format ? " json" : ""));
+                        (asked.stream_options ? " options" : "") +
+                        (asked.response_format ? " json" : ""));
     }
     if (model == "foreign") throw Foreign();
     if (model == "unknown") throw 7;
@@ -60,7 +59,8 @@ class Client final : public OpenAI {
     if (model == "timeout") throw APITimeoutError("late");
     if (model == "rejects all") throw APIStatusError("no response_format, no streams", 400);
     if (model == "null stream") return std::unique_ptr<ChunkStream>();
-    if (asked.stream.value_or(false) != (model == "wrong kind")) return std::make_unique<Stream>(model);
+    if (asked.stream.value_or(false) != (model == "wrong kind"))
+      return std::make_unique<Stream>(model);
     Completion whole{.model = {}, .choices = {}, .usage = {}, .text = "all of sk-KEY-1"};
     if (model != "no choices") whole.choices.emplace();
     if (model == "no message") whole.choices->push_back({});
@@ -77,7 +77,8 @@ class Client final : public OpenAI {
 
 #ifdef FAKE_VERSION
 extern "C" const Library* tovren_openai_library() {
-  static constexpr Library LIBRARY{FAKE_VERSION, [](const ClientArguments& with) -> std::unique_ptr<OpenAI> {
+  static constexpr Library LIBRARY{FAKE_VERSION,
+                                   [](const ClientArguments& with) -> std::unique_ptr<OpenAI> {
                                      if (with.base_url == "http://no.client") return nullptr;
                                      return std::make_unique<Client>(with);
                                    }};
