@@ -39,6 +39,7 @@ void require(bool holds) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): libFuzzer's name
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);

@@ -19,7 +19,7 @@ forbid("/engines/http/" "engines/(llm|copilot)|tovren_mapstead/config")
 forbid("/engines/http/([^c]|c[^l]).*$" "tovren_mapstead/openai")  # its classifier alone knows it
 forbid("/openai" "engines/")
 forbid("/engines/copilot" "engines/llm|tovren_mapstead/config")
-forbid("^include/" "\"engines/|<(curl|re2|spdlog)/")
+forbid("^include/" "\"engines/|<(curl|openssl|re2|spdlog)/")
 forbid("^src/engines/llm/(reply|stream)/" "<thread>|<mutex>|<sys/|engines/http/transport|engines/llm/client")
 list(FILTER files EXCLUDE REGEX "^src/engines/http/connection.cpp$")
 forbid("." "<curl/")

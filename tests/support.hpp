@@ -62,6 +62,7 @@ std::string text_of(Act act) {
 template <class Act>
 void in_threads(int count, Act act) {
   std::vector<std::jthread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) threads.emplace_back(act);
 }
 

@@ -159,7 +159,7 @@ void answer(loopback::Exchange& exchange) {
   const std::string text =
       reasoning +
       (request.contains("response_format") ? as_json(prompt, found) : in_words(prompt, found));
-  const Json model = request.at("model");
+  const Json& model = request.at("model");
   const Json usage{{"prompt_tokens", exchange.request().body.size() / BYTES_PER_TOKEN},
                    {"completion_tokens", text.size() / BYTES_PER_TOKEN}};
   if (!request.value("stream", false)) {

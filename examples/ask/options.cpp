@@ -77,6 +77,22 @@ const std::map<std::string, void (*)(Options&)> FLAGS{
     {"--help", [](Options& o) { o.help = true; }},
 };
 
+// Sets the option at `at` and moves on to the last argument that it takes.
+void take_option(Options& options, const std::vector<std::string>& arguments, std::size_t& at) {
+  std::string name = arguments[at];
+  if (const auto flag = FLAGS.find(name); flag != FLAGS.end()) return flag->second(options);
+  std::optional<std::string> value;
+  if (const std::size_t equals = name.find('='); equals != std::string::npos) {
+    value = name.substr(equals + 1);
+    name.resize(equals);
+  }
+  const auto valued = VALUED.find(name);
+  if (valued == VALUED.end()) throw UsageError("unknown option " + name);
+  if (!value && at + 1 < arguments.size()) value = arguments[++at];
+  if (!value) throw UsageError(name + " needs a value");
+  valued->second(options, name, *value);
+}
+
 }  // namespace
 
 Options parse(const std::vector<std::string>& arguments) {
@@ -84,29 +100,14 @@ Options parse(const std::vector<std::string>& arguments) {
   std::vector<std::string> places;
   bool options_end = false;
   for (std::size_t i = 0; i < arguments.size(); ++i) {
-    std::string name = arguments[i];
-    if (options_end || !name.starts_with("--")) {
-      places.push_back(name);
-      continue;
-    }
-    if (name == "--") {
+    const std::string& argument = arguments[i];
+    if (options_end || !argument.starts_with("--")) {
+      places.push_back(argument);
+    } else if (argument == "--") {
       options_end = true;
-      continue;
+    } else {
+      take_option(options, arguments, i);
     }
-    if (const auto flag = FLAGS.find(name); flag != FLAGS.end()) {
-      flag->second(options);
-      continue;
-    }
-    std::optional<std::string> value;
-    if (const std::size_t equals = name.find('='); equals != std::string::npos) {
-      value = name.substr(equals + 1);
-      name.resize(equals);
-    }
-    const auto valued = VALUED.find(name);
-    if (valued == VALUED.end()) throw UsageError("unknown option " + name);
-    if (!value && i + 1 < arguments.size()) value = arguments[++i];
-    if (!value) throw UsageError(name + " needs a value");
-    valued->second(options, name, *value);
   }
   if (places.size() > 2) throw UsageError("more than a directory and a question");
   if (!places.empty()) options.directory = places[0];

@@ -54,6 +54,7 @@ void add_configured_folders(const fs::path& file, std::vector<fs::path>& folders
     if (!line.starts_with(INCLUDE)) continue;
     glob_t matches{};
     const std::string pattern = file.parent_path() / line.substr(INCLUDE.size());
+    // The locale that sorts the names matters to nobody. NOLINTNEXTLINE(concurrency-mt-unsafe)
     if (glob(pattern.c_str(), 0, nullptr, &matches) == 0) {
       for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
         add_configured_folders(matches.gl_pathv[i], folders, depth + 1);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <stdexcept>
 #include <system_error>
+#include <tuple>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -187,7 +188,7 @@ BlackHole::BlackHole(bool connects) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(_port);
-    connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    std::ignore = connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
     _fillers.push_back(filler);
   }
 }

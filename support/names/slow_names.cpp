@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <netdb.h>
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): glibc calls them otherwise
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
                            addrinfo** result) {
   if (node != nullptr && std::string_view(node).ends_with(".slow.test")) {

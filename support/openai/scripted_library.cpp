@@ -8,7 +8,7 @@
 
 namespace {
 
-using namespace tovren_mapstead::openai;
+using namespace tovren_mapstead::openai;  // NOLINT(google-build-using-namespace)
 
 std::atomic<int> opened = 0;
 std::atomic<int> closed = 0;

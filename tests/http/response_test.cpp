@@ -84,7 +84,7 @@ void post(Playback& transport, const std::string& url, const http::Headers& head
 TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
   const auto refused = [](const std::string& url, const http::Headers& headers, const Json& body) {
     Playback transport({Reply{}});
-    const auto text = text_of<http::HttpFailure>([&] { post(transport, url, headers, body, [](http::Response&) {}); });
+    auto text = text_of<http::HttpFailure>([&] { post(transport, url, headers, body, [](http::Response&) {}); });
     EXPECT_TRUE(transport.requests.empty());
     EXPECT_FALSE(contains(text, "sk-1")) << text;
     return text;

@@ -84,14 +84,19 @@ TEST(Roads, LeadToTheSameAnswers) {
       {"no text", 's', 1, stream(": \xff\n"), "LLM stream is not valid UTF-8", "LLM SDK call failed: the stream is not"},
       {"error in the stream", 's', 3, stream(delta("h") + "data: {\"error\":{\"message\":\"" + KEY + "\"}}\n"), in_band, in_band},
       {"empty stream", 's', 3, stream(": nothing\n"), empty, empty}};
+  std::mutex mutex;
   std::deque<Script> left;
   Server server([&](Exchange& exchange) {
+    const std::lock_guard lock(mutex);
     const Script script = left.front();
     if (left.size() > 1) left.pop_front();
     script.status == 0 ? exchange.reset() : exchange.reply(script.status, script.body, script.type);
   });
   const auto ask = [&](char mode, std::deque<Script> replies) {
-    left = std::move(replies);
+    {
+      const std::lock_guard lock(mutex);
+      left = std::move(replies);
+    }
     const LLMClient client({.base_url = server.url() + "/", .model = "m", .api_key = KEY, .stream = mode != 'w'},
                            {.wait = [](double, auto&, auto) {}});
     return client.chat({{{"role", "user"}, {"content", "x"}}}, {.response_json = mode == 'j'});

@@ -146,6 +146,8 @@ CopilotAuth::CopilotAuth(const AuthOptions& options) : _tokens(std::make_unique<
 
 CopilotAuth::~CopilotAuth() = default;
 
+// A member, since which credential there is may come to depend on the options.
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
 bool CopilotAuth::is_available() const {
   return find_credential().has_value();
 }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 #include "engines/http/text.hpp"
 
@@ -40,7 +41,7 @@ constexpr std::string_view CHECK_SERVER = "check the URL and that the server run
 constexpr std::string_view CHECK_URL = "check the URL";
 constexpr std::string_view TRY_LATER = "try again later";
 
-constexpr std::array<Outcome, 16> OUTCOMES{{
+constexpr std::array<Outcome, 15> OUTCOMES{{
     {CURLE_COULDNT_RESOLVE_HOST, true, "cannot resolve the name of", CHECK_NETWORK},
     {CURLE_COULDNT_RESOLVE_PROXY, true, "cannot resolve the proxy to", "check the proxy variables"},
     {CURLE_COULDNT_CONNECT, true, "cannot connect to", CHECK_SERVER},
@@ -53,8 +54,6 @@ constexpr std::array<Outcome, 16> OUTCOMES{{
     {CURLE_HTTP2_STREAM, true, "the HTTP/2 stream failed from", TRY_LATER},
     {CURLE_PEER_FAILED_VERIFICATION, false, "cannot trust the TLS certificate of",
      "check the host name; SSL_CERT_FILE may name a file of further authorities"},
-    {CURLE_SSL_CACERT_BADFILE, false, "cannot read the trusted certificates for",
-     "check SSL_CERT_FILE"},
     {CURLE_SSL_CONNECT_ERROR, false, "cannot agree on TLS with", "check that it speaks https"},
     {CURLE_URL_MALFORMAT, false, "malformed URL:", CHECK_URL},
     {CURLE_UNSUPPORTED_PROTOCOL, false, "only http and https are spoken, unlike", CHECK_URL},
@@ -76,6 +75,8 @@ void require(CURLMcode code) {
 void initialise_libcurl() {
   static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
   require(ready);
+  static const std::string_view tls = curl_version_info(CURLVERSION_NOW)->ssl_version;
+  if (!tls.starts_with("OpenSSL/")) refuse("it is built without OpenSSL");
 }
 
 }  // namespace
@@ -156,9 +157,19 @@ struct Connection::Callbacks {
       return 0;
     }
   }
+
+  static CURLcode trust(CURL*, void* tls, Connection* self) {
+    try {
+      SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(tls), self->_trust->store());
+      return CURLE_OK;
+    } catch (...) {
+      self->_thrown = std::current_exception();
+      return CURLE_ABORTED_BY_CALLBACK;
+    }
+  }
 };
 
-Connection::Connection(const std::string& ca_file) {
+Connection::Connection(std::shared_ptr<Trust> trust) : _trust(std::move(trust)) {
   initialise_libcurl();
   _handles = std::make_unique<Handles>();
   Handles& curl = *_handles;
@@ -171,10 +182,11 @@ Connection::Connection(const std::string& ca_file) {
   curl.set(CURLOPT_FOLLOWLOCATION, 0L);
   curl.set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   curl.set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  // With a folder of certificates beside the file, libcurl reads the file for every connection
-  // instead of keeping it.
+  // libcurl would read the authorities' certificates for every connection.
   curl.set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
-  if (!ca_file.empty()) curl.set(CURLOPT_CAINFO, ca_file.c_str());
+  curl.set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  curl.set(CURLOPT_SSL_CTX_FUNCTION, &Callbacks::trust);
+  curl.set(CURLOPT_SSL_CTX_DATA, this);
   curl.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));  // the watch bounds it
   curl.set(CURLOPT_QUICK_EXIT, 1L);  // a stopped call does not wait for a name server
   curl.set(CURLOPT_TCP_KEEPALIVE, 1L);

@@ -11,6 +11,8 @@
 
 #include "tovren_mapstead/engines/http/transport.hpp"
 
+#include "engines/http/trust.hpp"
+
 namespace tovren_mapstead::engines::http {
 
 /// Scheme, host and port of a URL: what decides whether a connection can serve again, and what an
@@ -21,8 +23,7 @@ namespace tovren_mapstead::engines::http {
 /// One thread at a time; nothing of it is shared with another.
 class Connection {
  public:
-  /// `ca_file`: the certificate authorities to trust; empty: the system's.
-  explicit Connection(const std::string& ca_file);
+  explicit Connection(std::shared_ptr<Trust> trust);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -66,6 +67,7 @@ class Connection {
   std::size_t take_body(std::string_view bytes);
   void take_head_line(std::string_view line);
 
+  const std::shared_ptr<Trust> _trust;
   std::unique_ptr<Handles> _handles;
   std::string _origin;
   std::string _body;  // of the request; libcurl reads it in place

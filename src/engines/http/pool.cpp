@@ -31,7 +31,7 @@ std::unique_ptr<Connection> Pool::take(const std::string& origin) {
   std::unique_ptr<Connection> connection = find(origin);
   if (connection) settle(*connection);
   if (connection && connection->in_good_order()) return connection;
-  return std::make_unique<Connection>(_ca_file);
+  return std::make_unique<Connection>(_trust);
 }
 
 std::unique_ptr<Connection> Pool::find(const std::string& origin) {

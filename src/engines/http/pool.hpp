@@ -10,6 +10,7 @@
 #include "tovren_mapstead/engines/http/retry.hpp"
 
 #include "engines/http/connection.hpp"
+#include "engines/http/trust.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -17,7 +18,8 @@ namespace tovren_mapstead::engines::http {
 /// instructions, never during I/O.
 class Pool {
  public:
-  explicit Pool(std::string ca_file) : _ca_file(std::move(ca_file)) {}
+  /// `ca_file`: as for Trust.
+  explicit Pool(std::string ca_file) : _trust(std::make_shared<Trust>(std::move(ca_file))) {}
 
   /// A connection for a request to `origin`, one that leads there already if there is any. Reads
   /// past the rest of an earlier reply, for a few milliseconds at most.
@@ -34,7 +36,7 @@ class Pool {
 
   std::unique_ptr<Connection> find(const std::string& origin);
 
-  const std::string _ca_file;
+  const std::shared_ptr<Trust> _trust;
   std::mutex _mutex;
   std::list<Idle> _idle;  // the one used last at the end
 };

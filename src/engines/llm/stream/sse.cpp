@@ -31,7 +31,10 @@ class Accumulator {
       : _model(std::move(model)), _secrets(secrets) {}
 
   void add(const JsonValue& chunk) {
-    JsonValue error, model, choices, usage;
+    JsonValue error;
+    JsonValue model;
+    JsonValue choices;
+    JsonValue usage;
     http::for_each_member(chunk, [&](std::string_view name, const auto& value) {
       if (name == "choices") choices = value();
       if (name == "model") model = value();
@@ -43,7 +46,8 @@ class Accumulator {
       return;
     }
     if (!model.empty()) model.assign_text(_model);
-    JsonValue delta, finish_reason;  // stay absent unless the choice is an object
+    JsonValue delta;  // stays absent, like the next, unless the choice is an object
+    JsonValue finish_reason;
     http::for_each_member(choices.front(), [&](std::string_view name, const auto& value) {
       if (name == "delta") delta = value();
       if (name == "finish_reason") finish_reason = value();

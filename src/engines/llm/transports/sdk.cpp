@@ -97,10 +97,12 @@ LLMResult LLMClient::_chat_via_sdk(const Prompt& prompt, double timeout_s,
                       .max_retries = 0});
     if (!client) throw std::runtime_error("the OpenAI client library made no client");
     const auto reply = client->create_chat_completion(arguments);
-    if (const auto* const chunks = std::get_if<Chunks>(&reply); stream && chunks && *chunks) {
+    if (const auto* const chunks = std::get_if<Chunks>(&reply);
+        stream && chunks != nullptr && *chunks) {
       return _accumulate_sdk_stream(**chunks, _config.model, timeout_s);
     }
-    if (const auto* const whole = std::get_if<openai::Completion>(&reply); !stream && whole) {
+    if (const auto* const whole = std::get_if<openai::Completion>(&reply);
+        !stream && whole != nullptr) {
       return to_result(*whole, _config.model, _secrets);
     }
     throw std::runtime_error("the OpenAI client library gave another kind of reply than asked for");

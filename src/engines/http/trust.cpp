@@ -1,0 +1,33 @@
+#include "engines/http/trust.hpp"
+
+#include <memory>
+#include <new>
+
+#include <openssl/err.h>
+
+#include "tovren_mapstead/engines/http/transport.hpp"
+
+namespace tovren_mapstead::engines::http {
+
+X509_STORE* Trust::store() {
+  std::call_once(_read, [&] {
+    std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(),
+                                                                  &X509_STORE_free);
+    if (!store) throw std::bad_alloc();
+    // An intermediate authority may be trusted by itself, as libcurl holds it.
+    X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
+    const bool read = _file.empty() ? X509_STORE_set_default_paths(store.get()) == 1
+                                    : X509_STORE_load_file(store.get(), _file.c_str()) == 1;
+    ERR_clear_error();  // the queue is the thread's, and libcurl reads it
+    if (!read) {
+      throw TransportError("cannot read the trusted certificates in " +
+                               (_file.empty() ? "the system's folders" : _file) +
+                               "; check SSL_CERT_FILE",
+                           false);
+    }
+    _store = store.release();
+  });
+  return _store;
+}
+
+}  // namespace tovren_mapstead::engines::http
