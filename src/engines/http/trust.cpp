@@ -1,6 +1,5 @@
 #include "engines/http/trust.hpp"
 
-#include <memory>
 #include <new>
 
 #include <openssl/err.h>
@@ -11,8 +10,7 @@ namespace tovren_mapstead::engines::http {
 
 X509_STORE* Trust::store() {
   std::call_once(_read, [&] {
-    std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(),
-                                                                  &X509_STORE_free);
+    std::unique_ptr<X509_STORE, Free> store(X509_STORE_new());
     if (!store) throw std::bad_alloc();
     // An intermediate authority may be trusted by itself, as libcurl holds it.
     X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
@@ -20,14 +18,13 @@ X509_STORE* Trust::store() {
                                     : X509_STORE_load_file(store.get(), _file.c_str()) == 1;
     ERR_clear_error();  // the queue is the thread's, and libcurl reads it
     if (!read) {
-      throw TransportError("cannot read the trusted certificates in " +
-                               (_file.empty() ? "the system's folders" : _file) +
-                               "; check SSL_CERT_FILE",
-                           false);
+      const std::string where = _file.empty() ? "the system's folders" : _file;
+      throw TransportError(
+          "cannot read the trusted certificates in " + where + "; check SSL_CERT_FILE", false);
     }
-    _store = store.release();
+    _store = std::move(store);
   });
-  return _store;
+  return _store.get();
 }
 
 }  // namespace tovren_mapstead::engines::http

@@ -1,6 +1,7 @@
 // The certificate authorities that TLS connections are checked against.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -16,17 +17,18 @@ class Trust {
   /// `file`: a PEM file of the authorities to trust; empty: the system's.
   explicit Trust(std::string file) : _file(std::move(file)) {}
 
-  Trust(const Trust&) = delete;
-  Trust& operator=(const Trust&) = delete;
-  ~Trust() { X509_STORE_free(_store); }
-
-  /// The authorities, owned by this object. Throws a TransportError if they cannot be read.
+  /// The authorities, for as long as this object lives. Throws a TransportError if they cannot be
+  /// read.
   X509_STORE* store();
 
  private:
+  struct Free {
+    void operator()(X509_STORE* store) const noexcept { X509_STORE_free(store); }
+  };
+
   const std::string _file;
   std::once_flag _read;
-  X509_STORE* _store = nullptr;
+  std::unique_ptr<X509_STORE, Free> _store;
 };
 
 }  // namespace tovren_mapstead::engines::http
