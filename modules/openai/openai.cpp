@@ -2,10 +2,12 @@
 // is there when no other is. Loaded at run time; knows nothing of the client that loads it.
 #include "tovren_mapstead/openai.hpp"
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -23,10 +25,6 @@ namespace openai = tovren_mapstead::openai;
 using http::JsonValue;
 using Json = nlohmann::ordered_json;
 
-bool given(const JsonValue& value) {
-  return value.kind() != JsonValue::Kind::absent && value.kind() != JsonValue::Kind::null;
-}
-
 openai::Scalar to_scalar(const JsonValue& value) {
   switch (value.kind()) {
     case JsonValue::Kind::absent:
@@ -39,14 +37,22 @@ openai::Scalar to_scalar(const JsonValue& value) {
       return value.real();
     case JsonValue::Kind::real:
       return value.real();
-    case JsonValue::Kind::string:
     case JsonValue::Kind::array:
     case JsonValue::Kind::object:
+      if (value.empty()) return {};
+      break;
+    case JsonValue::Kind::string:
       break;
   }
-  std::string text;
-  value.append_text(text);
-  return text;
+  return value.text();
+}
+
+// A piece of a text: half a character in it may find its other half in the next.
+openai::Scalar to_piece(const JsonValue& value) {
+  if (value.kind() != JsonValue::Kind::string) return to_scalar(value);
+  std::string piece;
+  value.append_text(piece);
+  return piece;
 }
 
 std::optional<openai::Usage> to_usage(const JsonValue& usage) {
@@ -55,45 +61,55 @@ std::optional<openai::Usage> to_usage(const JsonValue& usage) {
                        .completion_tokens = to_scalar(usage["completion_tokens"])};
 }
 
-std::optional<openai::Message> to_message(const JsonValue& message) {
-  if (message.kind() != JsonValue::Kind::object) return std::nullopt;
-  return openai::Message{.content = to_scalar(message["content"])};
+// Makes one of the reply's choices: nobody asks for more than one, and a hostile reply may hold
+// millions.
+template <class Choice, class Convert>
+std::optional<std::vector<Choice>> to_choices(const JsonValue& choices, Convert convert) {
+  if (choices.kind() == JsonValue::Kind::absent || choices.kind() == JsonValue::Kind::null) {
+    return std::nullopt;
+  }
+  std::vector<Choice> converted;
+  if (const JsonValue first = choices.front(); first.kind() != JsonValue::Kind::absent) {
+    converted.push_back(convert(first));
+  }
+  return converted;
+}
+
+bool is_object(const JsonValue& value) {
+  return value.kind() == JsonValue::Kind::object;
 }
 
 openai::Completion to_completion(const JsonValue& reply) {
   if (reply.kind() != JsonValue::Kind::object) {
     throw openai::OpenAIError("the reply is not a JSON object");
   }
-  openai::Completion completion{.model = to_scalar(reply["model"]),
-                                .choices = std::nullopt,
-                                .usage = to_usage(reply["usage"]),
-                                .text = reply.text()};
-  if (!given(reply["choices"])) return completion;
-  completion.choices.emplace();
-  for (const JsonValue& choice : reply["choices"].elements()) {
-    openai::Choice& added = completion.choices->emplace_back();
-    added.message = to_message(choice["message"]);
-    added.finish_reason = to_scalar(choice["finish_reason"]);
-    // A text is whole, so a character in it that is half is one that stays half.
-    if (!added.message) continue;
-    if (auto* const text = std::get_if<std::string>(&added.message->content))
-      http::join_halves(*text);
-  }
-  return completion;
+  const auto to_choice = [](const JsonValue& choice) {
+    openai::Choice converted{.message = std::nullopt,
+                             .finish_reason = to_scalar(choice["finish_reason"])};
+    if (const JsonValue message = choice["message"]; is_object(message)) {
+      converted.message = openai::Message{.content = to_scalar(message["content"])};
+    }
+    return converted;
+  };
+  return {.model = to_scalar(reply["model"]),
+          .choices = to_choices<openai::Choice>(reply["choices"], to_choice),
+          .usage = to_usage(reply["usage"]),
+          .text = reply.text()};
 }
 
 openai::Chunk to_chunk(const JsonValue& event) {
-  openai::Chunk chunk{.model = to_scalar(event["model"]),
-                      .choices = std::nullopt,
-                      .usage = to_usage(event["usage"]),
-                      .text = {}};
-  if (!given(event["choices"])) return chunk;
-  chunk.choices.emplace();
-  for (const JsonValue& choice : event["choices"].elements()) {
-    chunk.choices->push_back({.delta = to_message(choice["delta"]),
-                              .finish_reason = to_scalar(choice["finish_reason"])});
-  }
-  return chunk;
+  const auto to_choice = [](const JsonValue& choice) {
+    openai::ChunkChoice converted{.delta = std::nullopt,
+                                  .finish_reason = to_scalar(choice["finish_reason"])};
+    if (const JsonValue delta = choice["delta"]; is_object(delta)) {
+      converted.delta = openai::Message{.content = to_piece(delta["content"])};
+    }
+    return converted;
+  };
+  return {.model = to_scalar(event["model"]),
+          .choices = to_choices<openai::ChunkChoice>(event["choices"], to_choice),
+          .usage = to_usage(event["usage"]),
+          .text = {}};
 }
 
 // A whole reply to a request for a stream, as the one chunk of a stream.
@@ -133,11 +149,37 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(BLANKS) + 1 - begin);
 }
 
+// What one request is bounded by. A reply borrows it for its life.
+struct Bounds {
+  explicit Bounds(const openai::ClientArguments& arguments)
+      : secrets{arguments.api_key}, timeout_s(arguments.timeout) {}
+
+  // From now, a step may take the time limit as a whole: the engine's own bounds each silence, and
+  // a server that sends a comment now and then is never silent.
+  void begin_step() { began = http::Clock::now(); }
+
+  [[nodiscard]] bool check_time() const {
+    const std::chrono::duration<double> taken = http::Clock::now() - began;
+    if (timeout_s > 0 && taken.count() > timeout_s) {
+      throw openai::APITimeoutError("no reply within the time limit");
+    }
+    return false;  // nobody asks to stop
+  }
+
+  const http::Secrets secrets;  // the key
+  const double timeout_s;
+  const http::RetryPolicy policy{.timeout_s = timeout_s,
+                                 .should_stop = [this] { return check_time(); }};
+  http::Clock::time_point began;
+};
+
 class EventStream final : public openai::ChunkStream {
  public:
-  explicit EventStream(http::Response reply) : _reply(std::move(reply)) {}
+  EventStream(std::unique_ptr<Bounds> bounds, http::Response reply)
+      : _bounds(std::move(bounds)), _reply(std::move(reply)) {}
 
   std::optional<openai::Chunk> next() override {
+    _bounds->begin_step();
     return translated([&] { return next_chunk(); });
   }
 
@@ -146,6 +188,7 @@ class EventStream final : public openai::ChunkStream {
     constexpr std::string_view PREFIX = "data:";
     while (const auto raw = _ended ? std::nullopt : _reply.next_line()) {
       if (!http::is_utf8(*raw)) throw openai::OpenAIError("the stream is not valid UTF-8");
+      std::ignore = _bounds->check_time();  // lines that came together are read without a wait
       const std::string_view line = trimmed(*raw);
       if (!line.starts_with(PREFIX)) continue;
       const std::string_view payload = trimmed(line.substr(PREFIX.size()));
@@ -166,6 +209,7 @@ class EventStream final : public openai::ChunkStream {
     return std::nullopt;
   }
 
+  std::unique_ptr<Bounds> _bounds;
   http::Response _reply;
   http::JsonReader _reader;
   std::optional<std::string> _error;
@@ -207,44 +251,39 @@ class Client final : public openai::OpenAI {
   explicit Client(const openai::ClientArguments& arguments)
       : _url(arguments.base_url.substr(0, arguments.base_url.find_last_not_of('/') + 1) +
              "/chat/completions"),
-        _secrets{arguments.api_key},
-        _policy{.timeout_s = arguments.timeout} {}
+        _arguments(arguments) {}
 
   // One try, whatever `max_retries` says: whoever loads this has a retry loop of its own.
   std::variant<openai::Completion, std::unique_ptr<openai::ChunkStream>> create_chat_completion(
       const openai::CreateArguments& arguments) override {
     const bool stream = arguments.stream.value_or(false);
-    http::Headers headers{{"Authorization", "Bearer " + _secrets.front()}};
+    http::Headers headers{{"Authorization", "Bearer " + _arguments.api_key}};
     if (stream) headers["Accept"] = "text/event-stream";
-    return translated([&] {
+    auto bounds = std::make_unique<Bounds>(_arguments);
+    bounds->begin_step();
+    return translated([&]() -> Reply {
       http::Response reply = http::send(_url,
-                                        {.policy = _policy,
-                                         .timeout_s = _policy.timeout_s,
+                                        {.policy = bounds->policy,
+                                         .timeout_s = bounds->timeout_s,
                                          .body = to_body(arguments),
                                          .headers = headers,
-                                         .secrets = _secrets},
+                                         .secrets = bounds->secrets},
                                         [](http::Response& open) { return std::move(open); });
-      return stream ? Reply(to_stream(std::move(reply))) : Reply(read_completion(reply));
+      if (stream && http::content_type(reply).find("event-stream") != std::string::npos) {
+        return std::make_unique<EventStream>(std::move(bounds), std::move(reply));
+      }
+      openai::Completion completion =
+          to_completion(http::read_json(reply, bounds->policy, bounds->secrets).root());
+      if (!stream) return completion;
+      return std::make_unique<WholeStream>(to_chunk(std::move(completion)));
     });
   }
 
  private:
   using Reply = std::variant<openai::Completion, std::unique_ptr<openai::ChunkStream>>;
 
-  openai::Completion read_completion(http::Response& reply) const {
-    return to_completion(http::read_json(reply, _policy, _secrets).root());
-  }
-
-  std::unique_ptr<openai::ChunkStream> to_stream(http::Response reply) const {
-    if (http::content_type(reply).find("event-stream") == std::string::npos) {
-      return std::make_unique<WholeStream>(to_chunk(read_completion(reply)));
-    }
-    return std::make_unique<EventStream>(std::move(reply));
-  }
-
   const std::string _url;
-  const http::Secrets _secrets;  // the key
-  const http::RetryPolicy _policy;
+  const openai::ClientArguments _arguments;
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -64,24 +65,43 @@ void add_configured_folders(const fs::path& file, std::vector<fs::path>& folders
   }
 }
 
-// A name without a folder, or one that anybody can write to, could be anybody's library.
-bool trusted(const fs::path& folder) {
-  struct stat status {};
+// Whether nobody but owner and group can put something else in its place. In a sticky folder, as
+// /tmp is, others cannot replace what is there, but they can add to it.
+bool guarded(const fs::path& file) {
+  for (fs::path place = file; place != place.root_path(); place = place.parent_path()) {
+    struct stat status {};
 
-  return folder.is_absolute() && stat(folder.c_str(), &status) == 0 &&
-         (status.st_mode & S_IWOTH) == 0;
+    if (stat(place.c_str(), &status) != 0) return false;
+    const bool sticky = (status.st_mode & S_ISVTX) != 0 && place != file.parent_path();
+    if ((status.st_mode & S_IWOTH) != 0 && !sticky) return false;
+  }
+  return true;
+}
+
+// A name without a folder, or a file that anybody can write, could be anybody's library; what lies
+// under /proc can be the working folder by another name.
+bool trusted(const fs::path& file) {
+  std::error_code error;
+  return file.is_absolute() && *std::next(file.begin()) != "proc" &&
+         fs::is_regular_file(file, error) && guarded(file) && guarded(fs::canonical(file, error)) &&
+         !error;
 }
 
 std::optional<fs::path> search() {
   std::vector<fs::path> folders = loader_folders();
   add_configured_folders("/etc/ld.so.conf", folders);
   for (const fs::path& folder : folders) {
-    std::error_code error;
-    if (trusted(folder) && fs::is_regular_file(folder / LIBRARY_NAME, error)) {
-      return folder / LIBRARY_NAME;
-    }
+    if (trusted(folder / LIBRARY_NAME)) return folder / LIBRARY_NAME;
   }
   return std::nullopt;
+}
+
+const Library* enter(EntryPoint entry_point) {
+  try {
+    return entry_point();
+  } catch (...) {
+    throw LoadError("the entry point of the OpenAI client library raised an error");
+  }
 }
 
 const Library& load() {
@@ -91,15 +111,15 @@ const Library& load() {
   if (object == nullptr) throw LoadError(loader_text());
   void* const symbol = dlsym(object, ENTRY_POINT);
   if (symbol == nullptr) throw LoadError(loader_text());
-  const Library* const library = reinterpret_cast<EntryPoint>(symbol)();
-  if (library == nullptr || library->open == nullptr) {
-    throw LoadError(path->string() + ": the entry point returns no library");
-  }
+  const Library* const library = enter(reinterpret_cast<EntryPoint>(symbol));
+  if (library == nullptr) throw LoadError(path->string() + ": the entry point returns no library");
+  // Of another version, nothing but the number can be read.
   if (library->interface_version != INTERFACE_VERSION) {
     throw LoadError(path->string() + ": made for version " +
                     std::to_string(library->interface_version) + " of the interface, not " +
                     std::to_string(INTERFACE_VERSION));
   }
+  if (library->open == nullptr) throw LoadError(path->string() + ": the library opens no client");
   return *library;
 }
 

@@ -16,8 +16,8 @@ class LoadError : public std::runtime_error {
 };
 
 /// Where the library stands on the dynamic loader's search path, looked up once in the life of the
-/// process. Loads nothing. Folders that are relative, or that anybody may write to, are passed
-/// over.
+/// process. Loads nothing. What is in a relative folder, or could be anybody's, is
+/// passed over.
 [[nodiscard]] const std::optional<std::filesystem::path>& find_library();
 
 /// The library, loaded when first asked for and never unloaded; throws LoadError. Safe from any

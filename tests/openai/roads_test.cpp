@@ -53,6 +53,9 @@ TEST(Roads, LeadToTheSameAnswers) {
       // The library's whole replies are passed on as they are.
       {"whole, with reasoning", 'w', 1, {whole("<think>a</think> hi ")}, {LIBRARY ? "<think>a</think> hi " : "hi", "x", 1, 2, "stop"}},
       {"half a character a delta", 's', 1, {stream(delta(R"(\ud83d)") + delta(R"(\ude00\ud83d)"))}, {"\U0001F600\uFFFD", "x"}},
+      {"content that is empty", 's', 1, {stream(R"(data: {"choices":[{"delta":{"content":[]}}]})"
+                                                "\n" +
+                                                EVENTS)}},
       {"half a character", 'w', 1, {whole(R"(\ud83dx)")}, {"\uFFFDx", "x", 1, 2, "stop"}},
       {"no JSON mode", 'j', 2, {{400, "response_format?"}, STREAMED}},
       {"no stream", 's', 2, {{400, "no Streams"}, whole("hi")}},
@@ -129,6 +132,16 @@ TEST(Roads, EndInTime) {
   const auto deadline = http::Clock::now() + 200ms;
   EXPECT_THROW(chat(silent, {.deadline = deadline}), llm::LLMTimeout);
   EXPECT_LT(seconds_since(deadline), 0.05);
+
+  // A server that is never silent is bounded all the same.
+  Server chatty([](Exchange& exchange) {
+    for (exchange.start_stream(); exchange.chunk(": still there\n"); exchange.pause(1ms)) {
+    }
+  });
+  const LLMClient client({.base_url = chatty.url(), .model = "m", .api_key = KEY, .timeout_s = 0.2, .max_retries = 0});
+  const auto start = http::Clock::now();
+  EXPECT_THROW(std::ignore = client.chat({}), llm::LLMError);
+  EXPECT_LT(seconds_since(start), 1);
 }
 
 }  // namespace
