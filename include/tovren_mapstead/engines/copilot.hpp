@@ -35,6 +35,7 @@ struct AuthOptions {
 
 /// The bounds of one call.
 struct CallBounds {
+  const double timeout_s = 30.0;  ///< Longest silence during an exchange, in seconds; 0: any.
   const http::StopTest should_stop{};
   const std::optional<http::Deadline> deadline{};
 };
@@ -62,7 +63,7 @@ class CopilotAuth {
   /// Drops the token that these headers bear: the endpoint has refused it.
   void drop_token(const http::Headers& chat_headers);
 
-  /// The credential and the tokens in use, to be kept out of error texts.
+  /// The credentials and tokens used last, eight at most, to be kept out of error texts.
   [[nodiscard]] http::Secrets secrets() const;
 
  private:

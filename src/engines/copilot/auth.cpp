@@ -52,7 +52,10 @@ class CopilotAuth::Tokens {
       const std::shared_ptr<Flight> flight = _flight;
       wait_for(*flight, bounds, lock);
       if (flight->credential != *credential) continue;
-      if (const auto* const token = std::get_if<TokenPtr>(&flight->outcome)) return (*token)->text;
+      if (const auto* const token = std::get_if<TokenPtr>(&flight->outcome)) {
+        // However near its end: each round of waiting asks for one exchange only.
+        if ((*token)->expires_at_s > _options.unix_time_s()) return (*token)->text;
+      }
       if (const auto* const error = std::get_if<CopilotError>(&flight->outcome)) throw *error;
       if (const auto* const error = std::get_if<http::Retryable>(&flight->outcome)) throw *error;
       // Whoever made the exchange gave up; it is somebody else's turn.
@@ -73,20 +76,21 @@ class CopilotAuth::Tokens {
   // Makes the exchange on this thread, without the lock, and tells the others how it went.
   std::string fly(const std::string& credential, const CallBounds& bounds,
                   std::unique_lock<std::mutex>& lock) {
-    const auto flight = std::make_shared<Flight>();
-    flight->credential = credential;
-    _flight = flight;
     remember(credential);
     const http::Secrets secrets = _secrets;
-    lock.unlock();
+    const auto flight = std::make_shared<Flight>();
+    flight->credential = credential;
     Flight::Outcome outcome;
+    _flight = flight;  // from here to the landing nothing throws
+    lock.unlock();
     const Landing landing{*this, *flight, outcome};
     try {
       const auto token =
           std::make_shared<const Token>(exchange(credential, _options, bounds, secrets));
-      lock.lock();
-      remember(token->text);
-      lock.unlock();
+      {
+        const std::lock_guard held(_mutex);
+        remember(token->text);
+      }
       outcome = token;
       return token->text;
     } catch (const CopilotError& error) {

@@ -14,7 +14,7 @@ namespace tovren_mapstead::engines::copilot {
 namespace {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;  // finds members in logarithmic time
 
 constexpr std::array<const char*, 3> VARIABLES{"COPILOT_GITHUB_TOKEN", "GH_TOKEN", "GITHUB_TOKEN"};
 constexpr std::array<const char*, 2> FILES{"apps.json", "hosts.json"};
@@ -34,9 +34,10 @@ std::string trimmed(const std::string& text) {
 }
 
 fs::path plugin_folder() {
-  std::string base = variable("XDG_CONFIG_HOME");
-  if (base.empty() && !variable("HOME").empty()) base = variable("HOME") + "/.config";
-  return base.empty() ? fs::path() : fs::path(base) / "github-copilot";
+  fs::path base = variable("XDG_CONFIG_HOME");
+  // A relative one is no valid setting (XDG Base Directory Specification).
+  if (!base.is_absolute()) base = fs::path(variable("HOME")) / ".config";
+  return base.is_absolute() ? base / "github-copilot" : fs::path();
 }
 
 // Keys are hosts, in newer files followed by the identifier of the application that signed in.

@@ -22,7 +22,6 @@ constexpr const char* INTEGRATION_ID = "vscode-chat";
 constexpr const char* INTENT = "conversation-panel";
 constexpr const char* API_VERSION = "2025-04-01";
 
-constexpr double EXCHANGE_TIMEOUT_S = 30.0;
 constexpr std::size_t MAX_REPLY_BYTES = std::size_t{1} << 20U;
 
 // A token so near its end could run out on the way.
@@ -91,8 +90,10 @@ Token exchange(const std::string& credential, const AuthOptions& options, const 
   headers["Accept"] = "application/json";
   http::Secrets kept_out = secrets;
   kept_out.push_back(credential);
-  const http::RetryPolicy policy{.timeout_s = EXCHANGE_TIMEOUT_S,
-                                 .retry_statuses = {408, 429, 500, 502, 503, 504},
+  const http::RetryPolicy policy{.timeout_s = bounds.timeout_s,
+                                 .retry_statuses = {408, 409, 429, 500, 502, 503, 504},
+                                 .detail_chars = 0,  // any reply may hold a token, which is no
+                                                     // known secret yet
                                  .should_stop = bounds.should_stop,
                                  .deadline = bounds.deadline,
                                  .max_body_bytes = MAX_REPLY_BYTES};

@@ -67,12 +67,23 @@ void add_unless_given(Headers& headers, const std::string& name, std::string_vie
   if (!given) headers.emplace(name, value);
 }
 
-std::string refusal(const Head& head, const Secrets& secrets) {
-  constexpr std::size_t LOCATION_CHARS = 200;
+std::string refusal(const Head& head, const RetryPolicy& policy, const Secrets& secrets) {
+  const std::size_t location_chars = std::min(std::size_t{200}, detail_limit(policy));
   if (head.status / 100 != 3) return "request failed with " + in_words(head.status);
-  const std::string to = quote(head.location, secrets, LOCATION_CHARS);
+  const std::string to = quote(head.location, secrets, location_chars);
   return "request failed with HTTP " + std::to_string(head.status) + " (a redirect" +
          (to.empty() ? "" : " to " + to) + ", which is not followed; use the final URL)";
+}
+
+// Who is stopped while the reason comes still learns the status.
+std::string quote_rest(Response& reply) {
+  try {
+    return reply.quote_rest();
+  } catch (const Stopped& stop) {
+    throw Stopped(stop.what(), reply.head().status);
+  } catch (const DeadlineExceeded& end) {
+    throw DeadlineExceeded(end.what(), reply.head().status);
+  }
 }
 
 // The one exchange routine: every request goes out and every status is judged here.
@@ -85,11 +96,11 @@ Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
   const int status = reply.head().status;
   if (status / 100 == 2) return reply;
   if (policy.retry_statuses.contains(status)) {
-    const std::string detail = reply.quote_rest();
+    const std::string detail = quote_rest(reply);
     throw Retryable(
         "the server answered " + in_words(status) + (detail.empty() ? "" : ": " + detail), status);
   }
-  throw HttpFailure(refusal(reply.head(), secrets), status, reply.quote_rest());
+  throw HttpFailure(refusal(reply.head(), policy, secrets), status, quote_rest(reply));
 }
 
 }  // namespace

@@ -13,20 +13,20 @@ namespace tovren_mapstead::engines::http {
 /// The engine's errors have this base, so that a caller of the engine alone can catch them all.
 class Error : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit Error(const std::string& message, std::optional<int> status = std::nullopt)
+      : std::runtime_error(message), _status(status) {}
+
+  /// The HTTP status of the reply behind the failure, or that was being read; absent: none came.
+  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+
+ private:
+  std::optional<int> _status;
 };
 
 /// A failure that another attempt may mend: `retry` makes one if its policy has any left.
 class Retryable : public Error {
  public:
-  /// `status` is the HTTP status behind the failure, if there was one.
-  explicit Retryable(const std::string& message, std::optional<int> status = std::nullopt)
-      : Error(message), _status(status) {}
-
-  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
-
- private:
-  std::optional<int> _status;
+  using Error::Error;
 };
 
 /// The peer was silent for longer than the time limit.
@@ -40,14 +40,9 @@ class TimedOut : public Retryable {
 class HttpFailure : public Error {
  public:
   /// The text is `what`, followed by ": " and `detail` unless that is empty.
-  /// `status` is absent when no usable reply came.
   explicit HttpFailure(const std::string& what, std::optional<int> status = std::nullopt,
                        const std::string& detail = {})
-      : Error(detail.empty() ? what : what + ": " + detail),
-        _status(status),
-        _detail_chars(detail.size()) {}
-
-  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+      : Error(detail.empty() ? what : what + ": " + detail, status), _detail_chars(detail.size()) {}
 
   /// The quoted start of the server's reply, or nothing. Lives as long as this error.
   [[nodiscard]] std::string_view detail() const noexcept {
@@ -56,7 +51,6 @@ class HttpFailure : public Error {
   }
 
  private:
-  std::optional<int> _status;
   std::size_t _detail_chars;
 };
 

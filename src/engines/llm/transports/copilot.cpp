@@ -19,7 +19,7 @@ LLMResult LLMClient::_chat_via_copilot(const Prompt& prompt, double timeout_s,
   const auto fetch_headers = [&] {
     try {
       return _copilot_auth->chat_headers(
-          {.should_stop = policy.should_stop, .deadline = policy.deadline});
+          {.timeout_s = timeout_s, .should_stop = policy.should_stop, .deadline = policy.deadline});
     } catch (const copilot::CopilotError& error) {
       std::throw_with_nested(LLMError(error.what()));
     }

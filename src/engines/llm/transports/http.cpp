@@ -69,6 +69,9 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
     const http::JsonDocument payload = http::read_json(reply, policy, secrets);
     return _parse_completion(payload.root(), _config.model, secrets);
   };
+  const auto drop_refused_token = [&](const http::Error& error) {
+    if (_copilot_auth && error.status() == 401) _copilot_auth->drop_token(headers);
+  };
   try {
     return http::send(url,
                       {.policy = policy,
@@ -79,7 +82,7 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
                        .transport = _transport.get()},
                       read);
   } catch (const http::HttpFailure& failure) {
-    if (_copilot_auth && failure.status() == 401) _copilot_auth->drop_token(headers);
+    drop_refused_token(failure);
     switch (choose_fallback(failure.status(), failure.detail(), prompt.response_json, stream)) {
       case Fallback::without_json_mode:
         return _chat_http(url, headers, prompt.without_json_mode(), timeout_s, policy, stream);
@@ -88,6 +91,9 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
       case Fallback::none:
         throw LLMError(std::string("LLM ") + failure.what());
     }
+    throw;
+  } catch (const http::Error& error) {  // stopped or late, in the middle of the refusal perhaps
+    drop_refused_token(error);
     throw;
   }
 }
