@@ -43,7 +43,7 @@ TEST(JsonReader, ReadsWhateverIsJson) {
 
 TEST(JsonReader, TellsWhatIsEmpty) {
   JsonReader reader;
-  for (const char* const text : {"null", "false", "0", "-0.0", "\"\"", "[]", "{}"}) {
+  for (const char* const text : {"null", "false", "0", "-0.0", "\"\"", "[]", "{}", "1e-400"}) {
     EXPECT_TRUE(reader.parse(text)->empty()) << text;
   }
   for (const char* const text :
@@ -51,6 +51,11 @@ TEST(JsonReader, TellsWhatIsEmpty) {
     EXPECT_FALSE(reader.parse(text)->empty()) << text;
   }
   EXPECT_TRUE(http::JsonValue().empty());
+  // Read in a text that had to be mended, too small a number is still 0.
+  for (const std::string& small : {std::string("1e-400"), std::string("-0.01e-99999999999999999999"), "0." + std::string(400, '0') + "1"}) {
+    EXPECT_TRUE(reader.parse("[" + small + R"(,"\ud83d"])")->front().empty()) << small;
+  }
+  EXPECT_FALSE(reader.parse(R"({"x":1e999,1e999:"v"})"));
   EXPECT_TRUE(reader.parse("[[7]]")->front().front()["x"].empty());
 }
 

@@ -138,6 +138,16 @@ TEST(Transport, UsesOneConnectionForOneStreamAfterTheOther) {
   }
 }
 
+// libcurl would repeat it in silence on a kept connection that breaks.
+TEST(Transport, SendsARequestOnce) {
+  Server server([](Exchange& exchange) { exchange.request().body == "0" ? exchange.reply(200, "") : exchange.close(); });
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(post({.url = server.url(), .body = 0}), "");
+    EXPECT_THROW(post({.url = server.url(), .body = 1}), http::Retryable);
+  }
+  EXPECT_EQ(server.requests(), 10);
+}
+
 TEST(Transport, HoldsAFastSenderBack) {
   std::atomic<std::size_t> sent = 0;
   Server server([&](Exchange& exchange) {

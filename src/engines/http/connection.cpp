@@ -158,6 +158,16 @@ struct Connection::Callbacks {
     }
   }
 
+  // libcurl would send a request again, unasked, when a kept connection turns out to be closed. The
+  // first copy may have reached the server by then, and each can cost money.
+  static int begin(Connection* self, char*, char*, int, int) {
+    long sent = 0;
+    curl_easy_getinfo(self->_handles->easy, CURLINFO_REQUEST_SIZE, &sent);
+    if (sent == 0) return CURL_PREREQFUNC_OK;
+    self->_broken = true;
+    return CURL_PREREQFUNC_ABORT;
+  }
+
   static CURLcode trust(CURL*, void* tls, Connection* self) {
     try {
       SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(tls), self->_trust->store());
@@ -185,6 +195,8 @@ Connection::Connection(std::shared_ptr<Trust> trust) : _trust(std::move(trust)) 
   // libcurl would read the authorities' certificates for every connection.
   curl.set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   curl.set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  curl.set(CURLOPT_PREREQFUNCTION, &Callbacks::begin);
+  curl.set(CURLOPT_PREREQDATA, this);
   curl.set(CURLOPT_SSL_CTX_FUNCTION, &Callbacks::trust);
   curl.set(CURLOPT_SSL_CTX_DATA, this);
   curl.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));  // the watch bounds it
@@ -207,7 +219,7 @@ void Connection::start(Request request, std::string origin) {
   _body = std::move(request.body);
   _head = {};
   _head_bytes = _drained = 0;
-  _head_complete = _failed = _paused = _draining = false;
+  _head_complete = _failed = _broken = _paused = _draining = false;
   _room = PAUSE_BYTES;
   _sink = nullptr;
   _early.clear();
@@ -304,6 +316,7 @@ void Connection::take_head_line(std::string_view line) {
 void Connection::check() const {
   if (_thrown) std::rethrow_exception(_thrown);
   if (!_failed) return;
+  if (_broken) throw TransportError("the connection broke before a reply of " + _origin, true);
   if (_head_bytes > MAX_HEAD_BYTES) {
     throw TransportError("the head of the reply is too large from " + _origin, false);
   }

@@ -76,6 +76,7 @@ class Connection {
   bool _head_complete = false;
   bool _under_way = false;
   bool _failed = false;
+  bool _broken = false;  // and the request had gone out
   bool _paused = false;
   bool _draining = false;
   std::size_t _drained = 0;

@@ -92,15 +92,32 @@ class Mender {
     const bool fits = _rest.substr(0, width).find_first_of(".eE") == std::string_view::npos
                           ? fits_as<std::int64_t>(width) || fits_as<std::uint64_t>(width)
                           : fits_as<double>(width);
-    if (!fits) _out += '"';
+    const std::size_t next = std::min(_rest.find_first_not_of(" \t\r\n", width), _rest.size());
+    const bool is_name = _rest.substr(next).starts_with(':');  // which no number may be
+    const bool change = !is_name && !fits && is_large(_rest.substr(0, width));
+    if (change) _out += '"';
     copy(width);
-    if (!fits) _out += '"';
+    if (change) _out += '"';
   }
 
   template <class Number>
   [[nodiscard]] bool fits_as(std::size_t width) const {
     Number number{};
     return std::from_chars(_rest.data(), _rest.data() + width, number).ec == std::errc{};
+  }
+
+  // Whether a number that no double holds is too large for one; too small ones are read as 0.
+  [[nodiscard]] static bool is_large(std::string_view number) {
+    const std::size_t end = std::min(number.find_first_of("eE"), number.size());
+    const std::size_t point = std::min(number.find('.'), end);
+    const std::size_t first = number.find_first_of("123456789");
+    std::int64_t exponent = 0;
+    const std::size_t digits = std::min(number.find_first_not_of("eE+", end), number.size());
+    const auto read =
+        std::from_chars(number.data() + digits, number.data() + number.size(), exponent);
+    if (read.ec == std::errc::result_out_of_range) return number[digits] != '-';
+    const auto whole_digits = static_cast<std::int64_t>(point) - static_cast<std::int64_t>(first);
+    return exponent > -whole_digits;
   }
 
   std::string_view _rest;

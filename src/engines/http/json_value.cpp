@@ -57,14 +57,6 @@ JsonValue JsonValue::operator[](std::string_view name) const {
   return members<1>({name})[0];
 }
 
-std::vector<JsonValue> JsonValue::elements() const {
-  std::vector<JsonValue> elements;
-  if (_kind != Kind::array) return elements;
-  const auto array = JsonAccess::taken<simdjson::dom::array>(*this);
-  for (const element each : array) elements.push_back(JsonAccess::value(each, _mended));
-  return elements;
-}
-
 JsonValue JsonValue::front() const {
   if (_kind != Kind::array) return {};
   const auto array = JsonAccess::taken<simdjson::dom::array>(*this);
@@ -157,14 +149,15 @@ JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets
   }
   const std::string mended = mend(text);
   // A second reader, which says where it stopped: at the end, the text is cut, not wrong.
+  std::string what = "request failed: the JSON of the reply is nested too deeply";
   try {
     const auto keep_nothing = [](auto&&...) { return false; };
     [[maybe_unused]] const auto nothing = nlohmann::json::parse(mended, keep_nothing);
   } catch (const nlohmann::json::parse_error& error) {
     if (error.byte > mended.size()) throw Retryable("reply breaks off in the middle of its JSON");
+    what = "request failed: the reply is not JSON; check that the URL is that of an API";
   }
-  throw HttpFailure("request failed: the reply is not JSON; check that the URL is that of an API",
-                    reply.head().status, quote(text, secrets, detail_limit(policy)));
+  throw HttpFailure(what, reply.head().status, quote(text, secrets, detail_limit(policy)));
 }
 
 }  // namespace tovren_mapstead::engines::http

@@ -53,9 +53,10 @@ double RetryLoop::begin() {
     throw Stopped(text("was stopped by its caller"));
   const double timeout_s = _policy.timeout_s;
   if (_policy.deadline) {
-    const std::chrono::duration<double> left = *_policy.deadline - Clock::now();
-    if (left.count() <= 0)
+    const auto now = Clock::now();
+    if (now >= *_policy.deadline)
       throw DeadlineExceeded(text("ran out of time: its deadline has passed; allow more time"));
+    const std::chrono::duration<double> left = *_policy.deadline - now;
     // 0 stands for any silence, which the deadline cuts as well.
     if (timeout_s == 0 || !(timeout_s < left.count())) return left.count();
   }

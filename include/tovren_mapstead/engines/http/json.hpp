@@ -1,6 +1,7 @@
 // JSON as the engine reads it: whole bodies and single events, from servers that are not trusted.
-// Every text that RFC 8259 allows is read: a surrogate escape without its other half (section 8.2)
-// and a number beyond any machine type (section 6) cost a value nothing but themselves.
+// Every text that RFC 8259 allows is read, nested up to 1,024 levels deep: a surrogate escape
+// without its other half (section 8.2) and a number beyond any machine type (section 6) cost a
+// value nothing but themselves.
 #pragma once
 
 #include <array>
@@ -11,7 +12,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "tovren_mapstead/engines/http/send.hpp"
 
@@ -42,9 +42,6 @@ class JsonValue {
     collect(names, found);
     return found;
   }
-
-  /// All elements; none when this is not an array.
-  [[nodiscard]] std::vector<JsonValue> elements() const;
 
   /// The first element; absent when there is none or this is not an array.
   [[nodiscard]] JsonValue front() const;

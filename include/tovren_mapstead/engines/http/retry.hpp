@@ -22,8 +22,9 @@ using Clock = std::chrono::steady_clock;
 /// The moment by which a call must have ended.
 using Deadline = Clock::time_point;
 
-/// Says true once a call should end. Asked on the thread that makes the call, as often as every
-/// 25 ms, so it has to be quick. What it throws ends the call and reaches its caller. May be empty.
+/// Says true once a call should end. Asked on the thread that makes the call, every 25 ms at least
+/// and at each read of a reply, so it has to be quick. What it throws ends the call and reaches its
+/// caller. May be empty.
 using StopTest = std::function<bool()>;
 
 /// Waits about `period_s` seconds, ended early by the stop test and the deadline.
