@@ -11,7 +11,7 @@ struct GenerationConfig {
   std::string provider = "openai";  ///< "copilot": GitHub Copilot; else any compatible endpoint.
   std::string base_url;             ///< http(s) URL before "/chat/completions"; unused by Copilot.
   std::string model;                ///< Empty with Copilot: its default model.
-  double timeout_s = 60.0;          ///< Longest silence within one attempt, in seconds.
+  double timeout_s = 60.0;          ///< Longest silence, and longest stream; 0: any.
   int max_retries = 2;              ///< Attempts after the first.
   double temperature = 0.2;         ///< Sampling temperature.
   int max_output_tokens = 1500;     ///< Most tokens of one answer.

@@ -21,7 +21,7 @@ const LLMResult HI{"hi", "x"};
 struct Scene {
   explicit Scene(std::deque<Reply> replies, bool stream = true)
       : transport(std::make_shared<Playback>(std::move(replies))),
-        client({.base_url = "http://h.example/api//", .model = "m", .api_key = "sk-KEY-12345", .stream = stream},
+        client({.base_url = "http://h.example/api//", .model = "m", .api_key = "sk-KEY-12345", .temperature = 0.7, .max_tokens = 99, .stream = stream},
                {.transport = transport, .wait = [this](double s, auto&, auto) { waits.push_back(s); }}) {}
 
   std::shared_ptr<Playback> transport;
@@ -35,8 +35,8 @@ TEST(Chat, SendsWhatItIsAskedToSend) {
   const http::Request& request = streaming.transport->requests.at(0);
   EXPECT_EQ(request.url, "http://h.example/api/chat/completions");
   EXPECT_EQ(request.body,
-            R"({"model":"m","messages":[{"role":"user","content":"Hello"}],"temperature":0.2,)"
-            R"("max_tokens":1500,"stream":true,"stream_options":{"include_usage":true}})");
+            R"({"model":"m","messages":[{"role":"user","content":"Hello"}],"temperature":0.7,)"
+            R"("max_tokens":99,"stream":true,"stream_options":{"include_usage":true}})");
   EXPECT_EQ(request.headers.at("Authorization"), "Bearer sk-KEY-12345");
   EXPECT_EQ(request.headers.at("Accept"), "text/event-stream");
 
@@ -123,13 +123,21 @@ TEST(Chat, EndsInTheClientsOwnErrors) {
   Scene scene({Reply{.status = 503}});
   const auto chat = [&](const llm::ChatOptions& options) { std::ignore = scene.client.chat(HELLO, options); };
   EXPECT_THROW(chat({.should_stop = [] { return true; }}), llm::LLMStopped);
-  EXPECT_THROW(chat({.deadline = http::Clock::now()}), llm::LLMTimeout);
+  for (const auto past : {http::Clock::now(), http::Clock::time_point::min()}) {
+    EXPECT_THROW(chat({.deadline = past}), llm::LLMTimeout);
+  }
   EXPECT_THROW(chat({.should_stop = []() -> bool { throw 7; }}), int);
   EXPECT_TRUE(scene.transport->requests.empty());
   EXPECT_THROW(chat({.deadline = http::Clock::now() + 500ms}), llm::LLMTimeout);
   EXPECT_EQ(scene.transport->requests.size(), 1U);  // the next would come too late, so it fails now
   EXPECT_THROW(chat({}), llm::LLMError);
   EXPECT_EQ(scene.waits, (std::vector<double>{1, 2}));
+  for (const int status : {408, 409, 429, 500, 502, 503, 504}) {
+    EXPECT_EQ(Scene({Reply{.status = status}, STREAMED}).client.chat(HELLO), HI) << status;
+  }
+  Scene refusing({Reply{.status = 418, .pieces = {std::string(600, 'x')}}});
+  EXPECT_TRUE(text_of<llm::LLMError>([&] { std::ignore = refusing.client.chat(HELLO); }).ends_with(" " + std::string(500, 'x')));
+  EXPECT_THROW(std::ignore = Scene({STREAMED}, false).client.chat(HELLO), llm::LLMError);  // no stream was asked for
 }
 
 TEST(Chat, ServesManyThreadsOverAConnectionEach) {

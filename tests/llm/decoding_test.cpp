@@ -18,7 +18,7 @@ TEST(Reasoning, IsRemovedOutsideCode) {
       {"<think>reasoning</think>\n\nThe answer.", "The answer."},
       {"<THINK>x</Think> Answer", "Answer"},
       {"a</think>b</think>c", "c"},
-      {"Intro <think>unfinished reasoning", "Intro"},
+      {"Intro <think>unfinished <think>reasoning", "Intro"},
       {"<think>unfinished", ""},
       {"<think>a</think>Answer <think>b", "Answer <think>b"},
       {"Use `</think>` to close.", "Use `</think>` to close."},
@@ -39,12 +39,18 @@ TEST(Reasoning, IsRemovedOutsideCode) {
 }
 
 TEST(Reasoning, TakesTimeInProportionToTheText) {
-  // Each of these makes a careless search quadratic: minutes instead of moments.
+  // Each of these makes a careless search quadratic: sixteen times the time for four times the text.
+  const auto seconds = [](const std::string& content) {
+    const auto start = http::Clock::now();
+    EXPECT_LE(llm::_strip_reasoning(content + "</think>end").size(), content.size() + 11);
+    return seconds_since(start);
+  };
   for (const char* const unit : {"</think>", "<think>", "```</think>", "`</think>`", "~~~ ` ", "`\n</think>", "<",
                                  "` ``` ~~~ </think>", "   "}) {
     std::string content = "~~~";
     while (content.size() < 2'000'000) content += unit;
-    EXPECT_LE(llm::_strip_reasoning(content + "</think>end").size(), content.size() + 11);
+    const double part = seconds(content.substr(0, 500'000));
+    EXPECT_LT(seconds(content), 10 * part + 0.1) << unit;
   }
 }
 
@@ -85,17 +91,18 @@ TEST(Completion, IsReadFromAWholeBody) {
 }
 
 TEST(Completion, FailsInWords) {
-  const std::pair<const char*, const char*> cases[] = {
+  const std::string check = "; check the URL and the model: ";
+  const std::pair<const char*, std::string> cases[] = {
       {"[]", "LLM response is not a JSON object"},
       {"null", "LLM response is not a JSON object"},
       {R"({"choices":[]})", R"(LLM response missing 'choices': {"choices":[]})"},
       {R"({"error":{"message":"bad KEY-1"}})", R"(LLM response missing 'choices': {"message":"bad ***"})"},
       {R"({"error":"no","choices":null})", "LLM response missing 'choices': no"},
       {R"({"error":"","detail":"x"})", R"(LLM response missing 'choices': {"error":"","detail":"x"})"},
-      {R"({"choices":"x"})", "LLM response is malformed: 'choices' is not an array"},
-      {R"({"choices":[null]})", "LLM response is malformed: the first of 'choices' is not an object"},
-      {R"({"choices":[{"message":"x"}]})", "LLM response is malformed: 'message' is not an object"},
-      {R"({"choices":[{"message":{"content":[1]}}]})", "LLM response is malformed: 'content' is not a string"}};
+      {R"({"choices":"x"})", "LLM response is malformed: 'choices' is not an array" + check + R"({"choices":"x"})"},
+      {R"({"choices":[null],"error":"bad KEY-1"})", "LLM response is malformed: the first of 'choices' is not an object" + check + "bad ***"},
+      {R"({"choices":[{"message":"x"}]})", "LLM response is malformed: 'message' is not an object" + check + R"({"choices":[{"message":"x"}]})"},
+      {R"({"choices":[{"message":{"content":[1]}}]})", "LLM response is malformed: 'content' is not a string" + check + R"({"choices":[{"message":{"content":[1]}}]})"}};
   http::JsonReader reader;
   for (const auto& [text, told] : cases) {
     const auto payload = *reader.parse(text);
@@ -141,8 +148,10 @@ TEST(Stream, GathersWhatItsEventsSay) {
        A + R"(data: {"choices":[],"usage":{"prompt_tokens":3,"completion_tokens":"4"}})"
            "\n"
            R"(data: {"usage":{"prompt_tokens":null,"completion_tokens":9.5}})"
-           "\ndata: {\"usage\":null}\n",
+           "\ndata: {\"usage\":null}\n"
+           "data: {\"usage\":{\"completion_tokens\":[]}}\n",
        {"a", "m", 3, 9}},
+      {"a finish reason that is no string, no marker", A + "data: {\"choices\":[{\"finish_reason\":1}]}\ndata: [DONE]x\n" + A, {"aa", "m", 0, 0, "1"}},
       {"members of unexpected types",
        A + R"(data: {"choices":"x"})"
            "\n"
@@ -182,7 +191,7 @@ TEST(Stream, AsksForAnotherAttemptWhenItBreaksOff) {
       {"data: {\"error\":{\"message\":\"bad KEY-1\",\"code\":429}}\n", "stream error: bad ***"},
       {"data: {\"error\":{\"code\":429}}\n", "stream error: {\"code\":429}"},
       {"data: {\"error\":{\"message\":\"\"}}\n", "stream error: {\"message\":\"\"}"},
-      {"data: {\"error\":503}\ndata: {\"error\":{}}\n", "stream error: 503"}};
+      {"data: {\"error\":1}\ndata: {\"error\":503}\ndata: {\"error\":{}}\n", "stream error: 503"}};
   for (const auto& [body, told] : cases) {
     EXPECT_EQ(text_of<http::Retryable>([&, &text = body] { std::ignore = decode({text}); }), told);
   }
@@ -192,6 +201,11 @@ TEST(Stream, FailsForGoodOnTextThatIsNone) {
   for (const char* const line : {": \xff\n", "data: {\"a\":\"\xff\"}\n", "data: \xc3\n", "\xe2\x82\n"}) {
     EXPECT_TRUE(contains(text_of<llm::LLMError>([&] { std::ignore = decode({line, DONE}); }), "UTF-8"));
   }
+}
+
+TEST(Stream, IsBoundedInLength) {
+  const std::vector<std::string> pieces(9, delta('"' + std::string(8 << 20, 'x') + '"'));
+  EXPECT_TRUE(contains(text_of<llm::LLMError>([&] { std::ignore = decode(pieces); }), "longer than 64 MiB"));
 }
 
 TEST(Stream, IsBoundedInTime) {

@@ -36,7 +36,7 @@ struct ChatOptions {
   const std::optional<double> temperature{};       ///< Absent: the configured one.
   const std::optional<int> max_tokens{};           ///< Absent: the configured limit.
   const bool response_json = false;                ///< Asks for a JSON object as the answer.
-  const http::StopTest should_stop{};              ///< True ends the call; asked every 25 ms.
+  const http::StopTest should_stop{};              ///< True ends the call.
   const std::optional<http::Deadline> deadline{};  ///< The moment by which the call ends.
 };
 
@@ -60,8 +60,9 @@ class LLMClient {
 
   /// Sends `messages` and returns the answer. Blocks, waits between attempts included.
   /// Repeats transient failures up to `max_retries` times, after 1 s, 2 s, 4 s and so on.
-  /// Throws LLMStopped within 50 ms of `should_stop` turning true, LLMTimeout at the deadline or as
-  /// soon as no attempt can begin before it, and LLMError for every other failure. What
+  /// Throws LLMStopped when `should_stop` says true, LLMTimeout at the deadline or as soon as no
+  /// attempt can begin before it, and LLMError for every other failure. Both take effect within
+  /// 50 ms in every wait, through an OpenAI client library only between attempts. What
   /// `should_stop` and the client's `wait` throw passes unchanged.
   [[nodiscard]] LLMResult chat(const Messages& messages, const ChatOptions& options = {}) const;
 

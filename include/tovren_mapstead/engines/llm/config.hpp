@@ -16,7 +16,7 @@ struct LLMConfig {
   const std::string base_url{};                ///< http(s) URL before "/chat/completions".
   const std::string model{};                   ///< Sent with every request.
   const std::optional<std::string> api_key{};  ///< A secret; kept out of every error text.
-  const double timeout_s = 60.0;               ///< Time limit of one attempt, in seconds; 0: none.
+  const double timeout_s = 60.0;               ///< Longest silence, and longest stream; 0: any.
   const int max_retries = 2;                   ///< Attempts after the first; negative: none.
   const double temperature = 0.2;              ///< Unless a call gives another.
   const int max_tokens = 1500;                 ///< Most tokens of an answer, unless a call says.

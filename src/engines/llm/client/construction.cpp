@@ -26,8 +26,8 @@ http::Secrets secrets_in(const LLMConfig& config) {
 LLMConfig checked(LLMConfig config) {
   const std::string_view url = config.base_url;
   if (!url.empty() && !url.starts_with("http://") && !url.starts_with("https://")) {
-    throw std::invalid_argument(http::redact(
-        "base_url must start with http:// or https://, got: " + quoted(url), secrets_in(config)));
+    throw std::invalid_argument("base_url must start with http:// or https://, got: " +
+                                quoted(http::redact(url, secrets_in(config))));
   }
   return config;
 }
@@ -48,7 +48,7 @@ LLMClient::LLMClient(LLMConfig config, const ClientOptions& options)
               .timeout_s = _config.timeout_s,
               .retry_statuses = RETRYABLE_STATUS,
               .detail_chars = DETAIL_CHARS,
-              .wait = options.wait},
+              .wait = options.wait ? options.wait : http::wait_unless_stopped},
       _copilot_auth(_config.provider == COPILOT
                         ? std::make_shared<copilot::CopilotAuth>(
                               copilot::AuthOptions{.transport = options.transport})

@@ -13,20 +13,13 @@ namespace {
 
 // Controls, blanks other than the space, marks of no width, and what is no character at all: what
 // hides in a pasted URL.
-constexpr std::array<std::pair<std::uint32_t, std::uint32_t>, 14> UNSEEN{{{0x00, 0x1F},
-                                                                          {0x7F, 0xA0},
-                                                                          {0xAD, 0xAD},
-                                                                          {0x1680, 0x1680},
-                                                                          {0x180E, 0x180E},
-                                                                          {0x2000, 0x200F},
-                                                                          {0x2028, 0x202F},
-                                                                          {0x205F, 0x206F},
-                                                                          {0x3000, 0x3000},
-                                                                          {0xE000, 0xF8FF},
-                                                                          {0xFEFF, 0xFEFF},
-                                                                          {0xFFF0, 0xFFFB},
-                                                                          {0xFFFE, 0xFFFF},
-                                                                          {0xE0000, 0x10FFFF}}};
+constexpr std::array<std::pair<std::uint32_t, std::uint32_t>, 22> UNSEEN{
+    {{0x00, 0x1F},       {0x7F, 0xA0},       {0xAD, 0xAD},       {0x600, 0x605},
+     {0x61C, 0x61C},     {0x6DD, 0x6DD},     {0x70F, 0x70F},     {0x8E2, 0x8E2},
+     {0x1680, 0x1680},   {0x180E, 0x180E},   {0x2000, 0x200F},   {0x2028, 0x202F},
+     {0x205F, 0x206F},   {0x3000, 0x3000},   {0xE000, 0xF8FF},   {0xFEFF, 0xFEFF},
+     {0xFFF0, 0xFFFB},   {0xFFFE, 0xFFFF},   {0x110BD, 0x110BD}, {0x110CD, 0x110CD},
+     {0x1D173, 0x1D17A}, {0xE0000, 0x10FFFF}}};
 
 std::string escaped(std::uint32_t code_point) {
   constexpr std::string_view DIGITS = "0123456789abcdef";

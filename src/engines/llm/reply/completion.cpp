@@ -4,17 +4,30 @@
 
 #include "tovren_mapstead/engines/llm/errors.hpp"
 
+#include "engines/http/quote.hpp"
 #include "engines/llm/reply/reasoning.hpp"
 #include "engines/llm/reply/token_count.hpp"
+#include "engines/llm/tunables.hpp"
 
 namespace tovren_mapstead::engines::llm {
 namespace {
 
 using http::JsonValue;
 
-[[noreturn]] void refuse(const std::string& what) {
-  throw LLMError("LLM response is malformed: " + what);
-}
+// Why a reply is no completion, in the words of the server where it has any.
+class Refusal {
+ public:
+  Refusal(const JsonValue& told, const http::Secrets& secrets) : _told(told), _secrets(secrets) {}
+
+  [[noreturn]] void operator()(const std::string& what) const {
+    throw LLMError("LLM response is malformed: " + what + "; check the URL and the model: " +
+                   http::quote(_told.text(), _secrets, DETAIL_CHARS));
+  }
+
+ private:
+  const JsonValue& _told;
+  const http::Secrets& _secrets;
+};
 
 }  // namespace
 
@@ -24,10 +37,11 @@ LLMResult _parse_completion(const JsonValue& payload, const std::string& fallbac
   if (payload.kind() != Kind::object) throw LLMError("LLM response is not a JSON object");
   const auto [choices, model, usage, error] =
       payload.members<4>({"choices", "model", "usage", "error"});
+  const JsonValue& told = error.empty() ? payload : error;
   if (choices.empty()) {
-    const JsonValue& told = error.empty() ? payload : error;
     throw LLMError("LLM response missing 'choices': " + http::redact(told.text(), secrets));
   }
+  const Refusal refuse(told, secrets);
   if (choices.kind() != Kind::array) refuse("'choices' is not an array");
   const JsonValue first = choices.front();
   if (first.kind() != Kind::object) refuse("the first of 'choices' is not an object");

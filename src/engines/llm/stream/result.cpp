@@ -10,19 +10,15 @@
 
 namespace tovren_mapstead::engines::llm {
 
-std::optional<std::string> stream_error_text(const http::JsonValue& error) {
+std::optional<std::string> _stream_error_message(const http::JsonValue& error) {
   if (error.empty()) return std::nullopt;
   const http::JsonValue message = error["message"];
   return message.empty() ? error.text() : message.text();
 }
 
-std::optional<std::string> _stream_error_message(const http::JsonValue& chunk) {
-  return stream_error_text(chunk["error"]);
-}
-
 void check_length(const std::string& parts) {
   constexpr std::size_t MOST = std::size_t{64} << 20U;
-  if (parts.size() > MOST) throw LLMError("LLM answer is longer than 64 MiB");
+  if (parts.size() > MOST) throw LLMError("LLM answer is longer than 64 MiB; ask for fewer tokens");
 }
 
 LLMResult _build_stream_result(std::string parts, std::string model,

@@ -10,11 +10,9 @@
 
 namespace tovren_mapstead::engines::llm {
 
-/// The text of the error that an event reports, if it reports one.
-[[nodiscard]] std::optional<std::string> _stream_error_message(const http::JsonValue& chunk);
-
-/// The same for an event whose `error` member has been looked up already.
-[[nodiscard]] std::optional<std::string> stream_error_text(const http::JsonValue& error);
+/// The text of the error that an event reports, if it reports one. `error`: its member of that
+/// name.
+[[nodiscard]] std::optional<std::string> _stream_error_message(const http::JsonValue& error);
 
 /// Throws LLMError for content longer than any answer. A stream has no end that could be known
 /// beforehand, so what it may fill is bounded like a whole body.

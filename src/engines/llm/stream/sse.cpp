@@ -21,7 +21,7 @@ using http::JsonValue;
 
 void require_utf8(std::string_view line) {
   if (!line.empty() && !http::is_utf8(line))
-    throw LLMError("LLM stream is not valid UTF-8; the answer is lost");
+    throw LLMError("LLM stream is not valid UTF-8; ask again, without streaming if it stays so");
 }
 
 // What has come of a stream so far.
@@ -41,7 +41,7 @@ class Accumulator {
       if (name == "usage") usage = value();
       if (name == "error") error = value();
     });
-    if (const auto message = stream_error_text(error)) {
+    if (const auto message = _stream_error_message(error)) {
       _error_msg = http::redact(*message, _secrets);
       return;
     }

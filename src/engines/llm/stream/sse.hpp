@@ -9,15 +9,14 @@
 #include "tovren_mapstead/engines/http/send.hpp"
 #include "tovren_mapstead/engines/llm/result.hpp"
 
-#include "engines/http/time.hpp"
-
 namespace tovren_mapstead::engines::llm {
 
 /// Bounds of the reading of one stream.
 struct StreamOptions {
   const double timeout_s = 0;     ///< Wall-clock limit of the whole stream in seconds; 0: none.
   const http::Secrets secrets{};  ///< Kept out of what a reported error says.
-  const std::function<http::Clock::time_point()> clock = http::coarse_now;  ///< Read for each line.
+  const std::function<http::Clock::time_point()>
+      clock{};  ///< Read for each line; empty: the steady clock.
 };
 
 /// Reads events from `response` up to the end marker or the end of the body.

@@ -7,21 +7,29 @@
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/retry.hpp"
 
+#include "engines/http/time.hpp"
+
 namespace tovren_mapstead::engines::llm {
 
-/// Borrows `clock`, and reads it only if there is a limit: `timeout_s` seconds from now, 0 for
-/// none.
+/// `timeout_s` seconds from now, 0 for none. Borrows `clock` and reads it only if there is a limit;
+/// an empty one stands for the steady clock.
 class TimeLimit {
  public:
   using ClockReading = std::function<http::Clock::time_point()>;
 
   TimeLimit(double timeout_s, const ClockReading& clock)
-      : _timeout_s(timeout_s), _clock(clock), _start(timeout_s == 0 ? Moment{} : clock()) {}
+      : _timeout_s(timeout_s),
+        _clock(clock),
+        _start(timeout_s == 0 ? Moment{}
+               : clock        ? clock()
+                              : http::Clock::now()) {}
 
   /// Throws http::Retryable once the limit has passed. To be asked for each piece that comes.
   void check() const {
     if (_timeout_s == 0) return;
-    if (std::chrono::duration<double>(_clock() - _start).count() > _timeout_s) {
+    // The coarse clock lags, so that no limit ends early.
+    const Moment now = _clock ? _clock() : http::coarse_now();
+    if (std::chrono::duration<double>(now - _start).count() > _timeout_s) {
       throw http::Retryable("stream exceeded timeout before completing");
     }
   }

@@ -32,16 +32,17 @@ struct Failure {
 };
 
 Failure examined(const std::exception& error, const http::Secrets& secrets) {
-  return {.detail = http::redact(error.what(), secrets),
+  const char* const text = error.what();  // a stranger's, so it may be null
+  return {.detail = http::redact(text == nullptr ? "" : text, secrets),
           .status = http::status_of(error),
           .transient = http::is_transient(error, SDK_RETRYABLE_STATUS)};
 }
 
-const openai::Library& loaded_library() {
+const openai::Library& loaded_library(const http::Secrets& secrets) {
   try {
     return openai::load_library();
   } catch (const openai::LoadError& error) {
-    throw LLMError(error.what());
+    throw LLMError(http::redact(error.what(), secrets));
   }
 }
 
@@ -82,7 +83,7 @@ LLMResult to_result(const openai::Completion& reply, const std::string& fallback
 
 LLMResult LLMClient::_chat_via_sdk(const Prompt& prompt, double timeout_s,
                                    std::optional<bool> stream_choice) const {
-  const openai::Library& library = loaded_library();
+  const openai::Library& library = loaded_library(_secrets);
   const bool stream = stream_choice.value_or(_config.stream);
   const openai::CreateArguments arguments =
       arguments_for(prompt.messages, _config, prompt.temperature, prompt.max_tokens, stream,
