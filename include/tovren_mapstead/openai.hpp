@@ -133,13 +133,15 @@ class [[gnu::visibility("default")]] OpenAIError : public std::runtime_error {
 };
 
 /// The provider answered with a status that is no success.
-class [[gnu::visibility("default")]] APIStatusError : public OpenAIError{
-  public : APIStatusError(const std::string& message, int status) : OpenAIError(message, status){}
+class [[gnu::visibility("default")]] APIStatusError : public OpenAIError {
+ public:
+  using OpenAIError::OpenAIError;
 };
 
 /// The provider could not be reached, or the connection or the stream broke off.
-class [[gnu::visibility("default")]] APIConnectionError : public OpenAIError{
-  public : explicit APIConnectionError(const std::string& message) : OpenAIError(message){}
+class [[gnu::visibility("default")]] APIConnectionError : public OpenAIError {
+ public:
+  using OpenAIError::OpenAIError;
 };
 
 /// The provider was silent for longer than the timeout.

@@ -119,8 +119,12 @@ LLMResult decode(const std::vector<std::string>& pieces, double timeout_s = 0, C
   });
 }
 
+std::string event(const std::string& json) {
+  return "data: " + json + "\n";
+}
+
 std::string delta(const std::string& content) {
-  return R"(data: {"choices":[{"delta":{"content":)" + content + "}}]}\n\n";
+  return event(R"({"choices":[{"delta":{"content":)" + content + "}}]}") + "\n";
 }
 
 const std::string A = delta("\"a\"");
@@ -137,44 +141,29 @@ TEST(Stream, GathersWhatItsEventsSay) {
       {"lines that are no event", "data:\ndata: {\"choices\":\ndata: [1]\ndata: null\n" + A, {"a", "m"}},
       {"content that is no string", delta("5") + delta("0") + delta("null") + delta("true"), {"5true", "m"}},
       {"the last model, the last finish reason",
-       R"(data: {"model":"x","choices":[{"delta":{"content":"a"},"finish_reason":"length"}]})"
-       "\n"
-       R"(data: {"model":"y","choices":[{"finish_reason":null}]})"
-       "\n"
-       R"(data: {"model":"","choices":[{"delta":null,"finish_reason":"stop"}]})"
-       "\n",
+       event(R"({"model":"x","choices":[{"delta":{"content":"a"},"finish_reason":"length"}]})") +
+           event(R"({"model":"y","choices":[{"finish_reason":null}]})") +
+           event(R"({"model":"","choices":[{"delta":null,"finish_reason":"stop"}]})"),
        {"a", "y", 0, 0, "stop"}},
       {"usage field by field",
-       A + R"(data: {"choices":[],"usage":{"prompt_tokens":3,"completion_tokens":"4"}})"
-           "\n"
-           R"(data: {"usage":{"prompt_tokens":null,"completion_tokens":9.5}})"
-           "\ndata: {\"usage\":null}\n"
-           "data: {\"usage\":{\"completion_tokens\":[]}}\n",
+       A + event(R"({"choices":[],"usage":{"prompt_tokens":3,"completion_tokens":"4"}})") +
+           event(R"({"usage":{"prompt_tokens":null,"completion_tokens":9.5}})") +
+           event("{\"usage\":null}") + event(R"({"usage":{"completion_tokens":[]}})"),
        {"a", "m", 3, 9}},
-      {"a finish reason that is no string, no marker", A + "data: {\"choices\":[{\"finish_reason\":1}]}\ndata: [DONE]x\n" + A, {"aa", "m", 0, 0, "1"}},
+      {"a finish reason that is no string, no marker", A + event(R"({"choices":[{"finish_reason":1}]})") + "data: [DONE]x\n" + A, {"aa", "m", 0, 0, "1"}},
       {"members of unexpected types",
-       A + R"(data: {"choices":"x"})"
-           "\n"
-           R"(data: {"choices":{"a":1}})"
-           "\n"
-           R"(data: {"choices":["x"],"model":"y"})"
-           "\n"
-           R"(data: {"choices":[{"delta":[1]}]})"
-           "\n",
+       A + event(R"({"choices":"x"})") + event(R"({"choices":{"a":1}})") + event(R"({"choices":["x"],"model":"y"})") +
+           event(R"({"choices":[{"delta":[1]}]})"),
        {"a", "y"}},
-      {"an error that a finish reason outweighs", A + "data: {\"error\":\"late\"}\n" + STOP, {"a", "m", 0, 0, "stop"}},
+      {"an error that a finish reason outweighs", A + event(R"({"error":"late"})") + STOP, {"a", "m", 0, 0, "stop"}},
       {"an error hides the rest of its event",
-       R"(data: {"error":{"code":1},"model":"x","choices":[{"delta":{"content":"no"}}]})"
-       "\n" +
-           A + STOP,
+       event(R"({"error":{"code":1},"model":"x","choices":[{"delta":{"content":"no"}}]})") + A + STOP,
        {"a", "m", 0, 0, "stop"}},
       {"no text but a finish reason", STOP, {"", "m", 0, 0, "stop"}},
       {"reasoning over several events", delta("\"<think>pla\"") + delta("\"n</think>He\"") + delta("\"llo\""), {"Hello", "m"}},
       {"line separators in content", delta("\"a\u2028b\u2029\""), {"a\u2028b", "m"}},
       {"half a character in each delta", delta(R"("x\ud83d")") + delta(R"("\ude00\ud83d")") + A, {"x\U0001F600\uFFFDa", "m"}},
-      {"a number out of range", R"(data: {"created":1e999,"choices":[{"delta":{"content":"a"}}]})"
-                                "\n",
-       {"a", "m"}}};
+      {"a number out of range", event(R"({"created":1e999,"choices":[{"delta":{"content":"a"}}]})"), {"a", "m"}}};
   for (const auto& [what, body, result] : cases) {
     for (std::size_t cut = 0; cut < body.size(); ++cut) {
       ASSERT_EQ(decode({body.substr(0, cut), body.substr(cut)}), result) << what << cut;
