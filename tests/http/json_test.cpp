@@ -56,6 +56,7 @@ TEST(JsonReader, TellsWhatIsEmpty) {
     EXPECT_TRUE(reader.parse("[" + small + R"(,"\ud83d"])")->front().empty()) << small;
   }
   EXPECT_FALSE(reader.parse(R"({"x":1e999,1e999:"v"})"));
+  EXPECT_FALSE(reader.parse("[1e999," + std::string(2'000'000, '0') + "]"));  // minutes, if looked at twice
   EXPECT_TRUE(reader.parse("[[7]]")->front().front()["x"].empty());
 }
 
@@ -78,7 +79,7 @@ TEST(ReadJson, TellsACutBodyFromAWrongOne) {
   for (const char* const cut : {"", "{\"a", "{\"a\":tr", "{\"a\":[1,", "{\"a\":\"\\ud83d\",\"b"}) {
     EXPECT_THROW(play({.pieces = {cut}}, read), http::Retryable) << cut;
   }
-  for (const std::string wrong : {"<html>KEY-1</html>", "{\"a\":1} KEY-1", "{KEY-1", "[1,}KEY-1"}) {
+  for (const std::string wrong : {"<html>KEY-1</html>", "{\"a\":1} KEY-1", "{KEY-1", "[1,}KEY-1", R"({"KEY-1":1e999:1})"}) {
     const std::string text = text_of<http::HttpFailure>([&] { play({.pieces = {wrong}}, read); });
     EXPECT_TRUE(contains(text, wrong.substr(0, 1)) && contains(text, "***")) << text;
     EXPECT_FALSE(contains(text, "KEY-1")) << text;

@@ -66,6 +66,19 @@ TEST(SecretsOf, KnowsWhereCredentialsStand) {
   EXPECT_EQ(http::secrets_of({{"authorization", "token abc"}}), http::Secrets{"abc"});
 }
 
+TEST(ErrorTexts, HoldNoSecretThatTheEngineItselfSays) {
+  const std::pair<int, Json> cases[] = {{401, 0}, {503, 0}, {200, {{"the key", "\xff"}}}};
+  for (const auto& [status, body] : cases) {
+    Playback transport({Reply{.status = status}});
+    const http::Secrets secrets{"key", "server"};
+    const auto text = text_of<http::Error>([&, &body = body] {
+      http::send("http://h", {.policy = POLICY, .body = body, .headers = {}, .secrets = secrets, .transport = &transport}, [](http::Response&) {});
+    });
+    EXPECT_TRUE(contains(text, "***") && !contains(text, "key") && !contains(text, "server")) << text;
+  }
+  EXPECT_EQ(http::quote("abcdefgh\\ud83d", {"abcdefgh\U0001F600x"}, 99), "***");
+}
+
 // Servers echo keys into error bodies; the place where the quotation is cut moves over the key here.
 TEST(ErrorTexts, HoldNoKeyAndNoStartOfOne) {
   const std::string key = "sk-proj/abcDEF-0123456789_xyz";

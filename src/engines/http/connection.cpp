@@ -84,10 +84,10 @@ void initialise_libcurl() {
 std::string origin_of(std::string_view url) {
   const std::size_t colon = url.find("://");
   const std::size_t start = colon == std::string_view::npos ? 0 : colon + 3;
-  const std::size_t end = std::min(url.find_first_of("/?#\\", start), url.size());
-  std::string_view authority = url.substr(start, end - start);
-  const std::size_t at = authority.find_last_of('@');
-  if (at != std::string_view::npos) authority.remove_prefix(at + 1);
+  // A password with a slash in it, which should have been escaped, is still a password.
+  const std::size_t at = url.find_last_of('@');
+  const std::size_t host = at == std::string_view::npos ? start : std::max(start, at + 1);
+  const std::string_view authority = url.substr(host, url.find_first_of("/?#\\", host) - host);
   return lower_case(url.substr(0, start)).append(authority);
 }
 
@@ -161,9 +161,7 @@ struct Connection::Callbacks {
   // libcurl would send a request again, unasked, when a kept connection turns out to be closed. The
   // first copy may have reached the server by then, and each can cost money.
   static int begin(Connection* self, char*, char*, int, int) {
-    long sent = 0;
-    curl_easy_getinfo(self->_handles->easy, CURLINFO_REQUEST_SIZE, &sent);
-    if (sent == 0) return CURL_PREREQFUNC_OK;
+    if (!std::exchange(self->_begun, true)) return CURL_PREREQFUNC_OK;
     self->_broken = true;
     return CURL_PREREQFUNC_ABORT;
   }
@@ -189,6 +187,9 @@ Connection::Connection(std::shared_ptr<Trust> trust) : _trust(std::move(trust)) 
   // with MSG_NOSIGNAL.
   curl.set(CURLOPT_NOSIGNAL, 1L);
   curl.set(CURLOPT_PROTOCOLS_STR, "http,https");
+  // A connection carries one request at a time, so HTTP/2 would gain nothing, and libcurl 7.88 may
+  // wait without end there for a reply that has come already.
+  curl.set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl.set(CURLOPT_FOLLOWLOCATION, 0L);
   curl.set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   curl.set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
@@ -219,7 +220,7 @@ void Connection::start(Request request, std::string origin) {
   _body = std::move(request.body);
   _head = {};
   _head_bytes = _drained = 0;
-  _head_complete = _failed = _broken = _paused = _draining = false;
+  _head_complete = _failed = _begun = _broken = _paused = _draining = false;
   _room = PAUSE_BYTES;
   _sink = nullptr;
   _early.clear();
@@ -305,7 +306,7 @@ void Connection::take_head_line(std::string_view line) {
     long status = 0;
     require(curl_easy_getinfo(_handles->easy, CURLINFO_RESPONSE_CODE, &status));
     _head.status = static_cast<int>(status);
-    _head_complete = status >= 200;
+    _head_complete = status >= 200 || status == 101;  // no interim reply, though it looks like one
   } else if (auto type = value_of("content-type:")) {
     _head.content_type = std::move(*type);
   } else if (auto location = value_of("location:")) {
@@ -321,15 +322,23 @@ void Connection::check() const {
     throw TransportError("the head of the reply is too large from " + _origin, false);
   }
   const Handles& curl = *_handles;
-  const std::string reason =
-      curl.error.front() == '\0' ? curl_easy_strerror(curl.result) : curl.error.data();
+  // Of a proxy libcurl quotes the whole variable, password included.
+  const std::string told = curl.error.data();
+  const bool secret =
+      curl.result == CURLE_COULDNT_RESOLVE_PROXY || told.starts_with("Unsupported proxy");
+  const std::string reason = told.empty() || secret ? curl_easy_strerror(curl.result) : told;
   const auto* const known = std::ranges::find(OUTCOMES, curl.result, &Outcome::code);
   if (known == OUTCOMES.end()) {
     throw TransportError("the exchange failed with " + _origin + " (" + reason + ")", false);
   }
   std::string text(known->text);
   text.append(" ").append(_origin).append(" (").append(reason).append("); ").append(known->advice);
-  throw TransportError(text, known->transient);
+  // Without the peer's word on what is wrong, a handshake has not failed but broken off.
+  const bool dropped = curl.result == CURLE_SSL_CONNECT_ERROR &&
+                       (told.find("Recv failure") != std::string::npos ||
+                        told.find("Send failure") != std::string::npos ||
+                        told.find("SSL_ERROR_SYSCALL") != std::string::npos);
+  throw TransportError(text, known->transient || dropped);
 }
 
 }  // namespace tovren_mapstead::engines::http

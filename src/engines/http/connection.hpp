@@ -39,7 +39,7 @@ class Connection {
   /// Waits until there is something to do, `longest` at most; says whether there is.
   bool poll(std::chrono::milliseconds longest);
 
-  /// Lets the body flow into `sink`, 64 KB at most until the next call; null holds it back.
+  /// Lets the body flow into `sink`, some 64 KB until the next call; null holds it back.
   void pour_into(std::string* sink);
 
   /// Reads past what is left of the body without waiting; says whether that ended it in good order.
@@ -76,7 +76,8 @@ class Connection {
   bool _head_complete = false;
   bool _under_way = false;
   bool _failed = false;
-  bool _broken = false;  // and the request had gone out
+  bool _begun = false;   // the request may have gone out
+  bool _broken = false;  // after that, before a reply
   bool _paused = false;
   bool _draining = false;
   std::size_t _drained = 0;

@@ -29,10 +29,12 @@ class Mender {
     while (!_rest.empty()) {
       if (_rest.front() == '"') {
         string();
-      } else if (const std::size_t width = number_width(); width > 0) {
-        number(width);
-      } else {
+      } else if (const std::size_t run = run_width(); run == 0) {
         copy(1);
+      } else if (run == number_width()) {
+        number(run);
+      } else {
+        copy(run);
       }
     }
     return std::move(_out);
@@ -62,6 +64,11 @@ class Mender {
       }
     }
     copy(1);
+  }
+
+  // Of the characters at the front that numbers are written in.
+  [[nodiscard]] std::size_t run_width() const {
+    return std::min(_rest.find_first_not_of("0123456789+-.eE"), _rest.size());
   }
 
   // Of the number at the front as RFC 8259 writes it, else 0.

@@ -147,6 +147,8 @@ JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets
     document._root = *root;
     return document;
   }
+  constexpr const char* WRONG =
+      "request failed: the reply is not JSON; check that the URL is that of an API";
   const std::string mended = mend(text);
   // A second reader, which says where it stopped: at the end, the text is cut, not wrong.
   std::string what = "request failed: the JSON of the reply is nested too deeply";
@@ -155,9 +157,12 @@ JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets
     [[maybe_unused]] const auto nothing = nlohmann::json::parse(mended, keep_nothing);
   } catch (const nlohmann::json::parse_error& error) {
     if (error.byte > mended.size()) throw Retryable("reply breaks off in the middle of its JSON");
-    what = "request failed: the reply is not JSON; check that the URL is that of an API";
+    what = WRONG;
+  } catch (const nlohmann::json::exception&) {  // a number out of range that was not mended
+    what = WRONG;
   }
-  throw HttpFailure(what, reply.head().status, quote(text, secrets, detail_limit(policy)));
+  throw HttpFailure(what, reply.head().status,
+                    quote(text.substr(0, QUOTED_BYTES), secrets, detail_limit(policy)));
 }
 
 }  // namespace tovren_mapstead::engines::http

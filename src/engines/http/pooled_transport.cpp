@@ -39,6 +39,7 @@ class PooledExchange final : public Exchange {
       ~Pouring() { connection.pour_into(nullptr); }
     };
 
+    watch.moved();  // what the caller did since the last read is no silence of the peer's
     const Pouring pouring{*_connection};
     const std::size_t before = into.size();
     _connection->pour_into(&into);

@@ -30,10 +30,14 @@ std::string one_line(std::string_view text) {
 
 // Without an escape that the cut went through: it could be a character of a secret.
 std::string_view without_half_escape(std::string_view text) {
-  constexpr std::size_t LONGEST = 5;  // \uXXX
+  constexpr std::size_t WHOLE = 6;  // a backslash, u and four digits
   const std::size_t slash = text.find_last_of('\\');
-  if (slash == std::string_view::npos || text.size() - slash > LONGEST) return text;
+  if (slash == std::string_view::npos || text.size() - slash > WHOLE) return text;
   if (!text.ends_with('\\') && text[slash + 1] != 'u') return text;
+  // A whole one can still be half of a surrogate pair.
+  if (text.size() - slash == WHOLE && !is_high_half(read_escape(text.substr(slash)).code_point)) {
+    return text;
+  }
   return text.substr(0, text.find_last_not_of('\\', slash) + 1);  // the escape may be nested
 }
 

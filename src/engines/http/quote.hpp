@@ -10,6 +10,9 @@
 
 namespace tovren_mapstead::engines::http {
 
+/// Enough of a reply to quote from.
+inline constexpr std::size_t QUOTED_BYTES = std::size_t{64} << 10U;
+
 /// At most `max_chars` characters of the start of `text`, on one line, in valid UTF-8, without
 /// control characters and without secrets. `text` may have been cut anywhere: what may be the start
 /// of a secret at its end goes, too.

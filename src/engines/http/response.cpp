@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -10,9 +11,8 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// Enough of a failed reply to quote from, and how long it may take to come: its status is known
-// already, so it is not worth the patience that an answer is.
-constexpr std::size_t QUOTED_BYTES = std::size_t{64} << 10U;
+// How long the text of a failed reply may take to come: its status is known already, so it is not
+// worth the patience that an answer is.
 constexpr double QUOTE_PATIENCE_S = 5.0;
 
 std::string mebibytes(std::size_t bytes) {
@@ -82,6 +82,12 @@ struct Response::Impl {
       const std::string text = quote(error.what(), secrets, QUOTED_BYTES);
       if (error.transient()) throw Retryable(text);
       throw HttpFailure("request failed: " + text);
+    } catch (const Stopped& stop) {
+      failed = true;
+      throw Stopped(redact(stop.what(), secrets));
+    } catch (const DeadlineExceeded& end) {
+      failed = true;
+      throw DeadlineExceeded(redact(end.what(), secrets));
     } catch (...) {
       failed = true;
       throw;
@@ -100,17 +106,37 @@ struct Response::Impl {
       carriage_return.shift(start);
       start = 0;
     }
-    if (buffer.size() > policy.max_line_bytes) {
-      failed = true;
-      throw HttpFailure("request failed: a line of the reply is longer than " +
-                        mebibytes(policy.max_line_bytes));
-    }
+    check_line(buffer.size());
     return pull(buffer);
+  }
+
+  // Passes over the LF of a CRLF whose CR has ended its line already, so that a sender that stops
+  // between the two is not waited for.
+  void skip_line_feed() {
+    if (!after_carriage_return || start == buffer.size()) return;
+    after_carriage_return = false;
+    if (buffer[start] == '\n') ++start;
+  }
+
+  // What has come and has not been handed out.
+  std::string take_buffer() {
+    skip_line_feed();
+    line_feed = Finder('\n');
+    carriage_return = Finder('\r');
+    return std::exchange(buffer, {}).substr(std::exchange(start, 0));
+  }
+
+  void check_line(std::size_t bytes) {
+    if (bytes <= policy.max_line_bytes) return;
+    failed = true;
+    throw HttpFailure("request failed: a line of the reply is longer than " +
+                      mebibytes(policy.max_line_bytes));
   }
 
   // Cuts the line that ends at `end` off the buffer, with `width` bytes of line end.
   std::string_view take_line(std::size_t end, std::size_t width) {
     constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
+    check_line(end - start);
     std::string_view line(buffer.data() + start, end - start);
     start = end + width;
     if (std::exchange(at_body_start, false) && line.starts_with(BYTE_ORDER_MARK)) {
@@ -148,11 +174,7 @@ const Head& Response::head() const noexcept {
 std::optional<std::string_view> Response::next_line() {
   Impl& self = *_impl;
   for (;;) {
-    // The CR has ended its line already, so that a sender that stops there is not waited for.
-    if (self.after_carriage_return && self.start < self.buffer.size()) {
-      self.after_carriage_return = false;
-      if (self.buffer[self.start] == '\n') ++self.start;
-    }
+    self.skip_line_feed();
     const std::size_t end = std::min(self.line_feed.next(self.buffer, self.start),
                                      self.carriage_return.next(self.buffer, self.start));
     if (end < self.buffer.size()) {
@@ -167,21 +189,22 @@ std::optional<std::string_view> Response::next_line() {
 
 std::string Response::read_rest(std::size_t max_bytes) {
   Impl& self = *_impl;
-  std::string body = std::exchange(self.buffer, {}).substr(std::exchange(self.start, 0));
-  while (self.pull(body)) {
+  std::string body = self.take_buffer();
+  do {
     if (body.size() <= max_bytes) continue;
     self.failed = true;
     throw HttpFailure("request failed: the reply is larger than " + mebibytes(max_bytes));
-  }
+  } while (self.pull(body));
   return body;
 }
 
 std::string Response::quote_rest() {
   Impl& self = *_impl;
-  std::string body = std::exchange(self.buffer, {}).substr(std::exchange(self.start, 0));
+  std::string body = self.take_buffer();
   self.watch.shorten(QUOTE_PATIENCE_S);
+  const auto end = Clock::now() + std::chrono::duration<double>(QUOTE_PATIENCE_S);
   try {
-    while (body.size() < QUOTED_BYTES && self.pull(body)) {
+    while (body.size() < QUOTED_BYTES && Clock::now() < end && self.pull(body)) {
     }
   } catch (const Retryable&) {  // what has come is enough
   } catch (const HttpFailure&) {

@@ -81,7 +81,13 @@ void RetryLoop::failed(const Retryable& failure) {
 }
 
 void RetryLoop::wait() {
-  _policy.wait(_backoff_s, _policy.should_stop, _policy.deadline);
+  try {
+    _policy.wait(_backoff_s, _policy.should_stop, _policy.deadline);
+  } catch (const Stopped&) {
+    throw Stopped(text("was stopped by its caller"));
+  } catch (const DeadlineExceeded&) {
+    throw DeadlineExceeded(text("ran out of time: its deadline has passed; allow more time"));
+  }
   _backoff_s *= 2;
 }
 

@@ -70,7 +70,11 @@ void add_unless_given(Headers& headers, const std::string& name, std::string_vie
 std::string refusal(const Head& head, const RetryPolicy& policy, const Secrets& secrets) {
   const std::size_t location_chars = std::min(std::size_t{200}, detail_limit(policy));
   if (head.status / 100 != 3) return "request failed with " + in_words(head.status);
-  const std::string to = quote(head.location, secrets, location_chars);
+  // Without what a URL can carry besides: user information and the query can hold credentials.
+  std::string_view location = head.location;
+  location = location.substr(0, location.find_first_of("?#"));
+  const bool bare = location.find('@') == std::string_view::npos;
+  const std::string to = bare ? quote(location, secrets, location_chars) : "";
   return "request failed with HTTP " + std::to_string(head.status) + " (a redirect" +
          (to.empty() ? "" : " to " + to) + ", which is not followed; use the final URL)";
 }
@@ -97,10 +101,11 @@ Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
   if (status / 100 == 2) return reply;
   if (policy.retry_statuses.contains(status)) {
     const std::string detail = quote_rest(reply);
-    throw Retryable(
-        "the server answered " + in_words(status) + (detail.empty() ? "" : ": " + detail), status);
+    const std::string text = "the server answered " + in_words(status);
+    throw Retryable(redact(detail.empty() ? text : text + ": " + detail, secrets), status);
   }
-  throw HttpFailure(refusal(reply.head(), policy, secrets), status, quote_rest(reply));
+  throw HttpFailure(redact(refusal(reply.head(), policy, secrets), secrets), status,
+                    quote_rest(reply));
 }
 
 }  // namespace
@@ -108,10 +113,12 @@ Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
 namespace detail {
 
 Response post(const std::string& url, const SendOptions& options) {
-  Request request{.method = Method::post,
-                  .url = url,
-                  .headers = options.headers,
-                  .body = write_json(options.body)};
+  Request request{.method = Method::post, .url = url, .headers = options.headers, .body = {}};
+  try {
+    request.body = write_json(options.body);
+  } catch (const HttpFailure& failure) {  // names a place in the body, which may hold a secret
+    throw HttpFailure(redact(failure.what(), options.secrets));
+  }
   add_unless_given(request.headers, "Content-Type", "application/json");
   return exchange(std::move(request), options.timeout_s, options.policy, options.secrets,
                   options.transport);

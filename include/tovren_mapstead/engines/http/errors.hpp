@@ -2,6 +2,7 @@
 // was given before it throws, so whoever prints one later cannot leak them.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
@@ -47,7 +48,7 @@ class HttpFailure : public Error {
   /// The quoted start of the server's reply, or nothing. Lives as long as this error.
   [[nodiscard]] std::string_view detail() const noexcept {
     const std::string_view text = what();
-    return text.substr(text.size() - _detail_chars);
+    return text.substr(text.size() - std::min(text.size(), _detail_chars));
   }
 
  private:
