@@ -84,10 +84,17 @@ void initialise_libcurl() {
 std::string origin_of(std::string_view url) {
   const std::size_t colon = url.find("://");
   const std::size_t start = colon == std::string_view::npos ? 0 : colon + 3;
-  // A password with a slash in it, which should have been escaped, is still a password.
-  const std::size_t at = url.find_last_of('@');
-  const std::size_t host = at == std::string_view::npos ? start : std::max(start, at + 1);
-  const std::string_view authority = url.substr(host, url.find_first_of("/?#\\", host) - host);
+  const std::size_t end = std::min(url.find_first_of("/?#\\", start), url.size());
+  std::string_view authority = url.substr(start, end - start);
+  const std::size_t at = authority.find_last_of('@');
+  if (at != std::string_view::npos) authority.remove_prefix(at + 1);
+  // What is no port can be the start of a password with a slash in it that was not escaped.
+  const std::size_t bracket = authority.find(']');  // of an IPv6 address
+  const std::size_t port = std::min(
+      authority.find(':', bracket == std::string_view::npos ? 0 : bracket), authority.size());
+  if (authority.find_first_not_of("0123456789", port + 1) != std::string_view::npos) {
+    authority = authority.substr(0, port);
+  }
   return lower_case(url.substr(0, start)).append(authority);
 }
 
