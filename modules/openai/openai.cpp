@@ -154,6 +154,9 @@ struct Bounds {
   explicit Bounds(const openai::ClientArguments& arguments)
       : secrets{arguments.api_key}, timeout_s(arguments.timeout) {}
 
+  Bounds(const Bounds&) = delete;  // the policy points here
+  Bounds& operator=(const Bounds&) = delete;
+
   // From now, a step may take the time limit as a whole: the engine's own bounds each silence, and
   // a server that sends a comment now and then is never silent.
   void begin_step() { began = http::Clock::now(); }
@@ -170,7 +173,7 @@ struct Bounds {
   const double timeout_s;
   const http::RetryPolicy policy{.timeout_s = timeout_s,
                                  .should_stop = [this] { return check_time(); }};
-  http::Clock::time_point began;
+  http::Clock::time_point began = http::Clock::now();
 };
 
 class EventStream final : public openai::ChunkStream {
@@ -260,7 +263,6 @@ class Client final : public openai::OpenAI {
     http::Headers headers{{"Authorization", "Bearer " + _arguments.api_key}};
     if (stream) headers["Accept"] = "text/event-stream";
     auto bounds = std::make_unique<Bounds>(_arguments);
-    bounds->begin_step();
     return translated([&]() -> Reply {
       http::Response reply = http::send(_url,
                                         {.policy = bounds->policy,

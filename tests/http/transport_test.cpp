@@ -141,6 +141,28 @@ TEST(Transport, UsesOneConnectionForOneStreamAfterTheOther) {
   }
 }
 
+TEST(Transport, TakesASlowReaderForNoSilence) {
+  Server server([](Exchange& exchange) {
+    exchange.start_stream();
+    for (int i = 0; i < 10; ++i) exchange.chunk("x\n"), exchange.pause(40ms);
+    exchange.end_stream();
+  });
+  int lines = 0;
+  post({.url = server.url(), .timeout_s = 0.2}, [&](http::Response& reply) {
+    for (; reply.next_line(); ++lines) std::this_thread::sleep_for(lines == 1 ? 300ms : 0ms);
+  });
+  EXPECT_EQ(lines, 10);
+}
+
+TEST(Transport, GoesThroughAProxyWhosePasswordItKeepsToItself) {
+  Server proxy([](Exchange& exchange) { exchange.reply(200, exchange.request().target); });
+  setenv("http_proxy", proxy.url().c_str(), 1);
+  EXPECT_EQ(post({.url = "http://no.such.host.invalid/x"}), "http://no.such.host.invalid/x");
+  setenv("http_proxy", "http://me:SECRET/2@127.0.0.1:9", 1);
+  EXPECT_FALSE(contains(text_of<http::Error>([] { post({.url = "http://127.0.0.1:1/"}); }), "SECRET"));
+  unsetenv("http_proxy");
+}
+
 // libcurl would repeat it in silence on a kept connection that breaks.
 TEST(Transport, SendsARequestOnce) {
   Server server([](Exchange& exchange) { exchange.request().body == "0" ? exchange.reply(200, "") : exchange.close(); });

@@ -37,11 +37,7 @@ TEST(Timing, StopAndDeadlineEndEverySilence) {
   Server silent_body([](Exchange& exchange) { exchange.start_stream(), exchange.chunk("data: {}\n"), exchange.stall(); });
   Server refusal([](Exchange& exchange) { exchange.send("HTTP/1.1 401 No\r\nContent-Length: 9\r\n\r\n"), exchange.stall(); });
   Server busy([](Exchange& exchange) { exchange.reply(503, ""); });
-  Server chatty([](Exchange& exchange) {
-    exchange.start_stream();
-    while (exchange.chunk(": still there\n")) {
-    }
-  });
+  Server chatty(keep_alive);
   const std::pair<const char*, std::string> places[] = {
       {"a silent connect", "http://" + silent_connect.address()},
       {"a silent TLS handshake", "https://" + silent_handshake.address()},
@@ -63,11 +59,7 @@ TEST(Timing, StopAndDeadlineEndEverySilence) {
 // The deadline also cuts the attempt's own limit; what ends the wait is the deadline all the same.
 TEST(Timing, ADeadlineThatCutsTheLimitIsWhatEndsTheWait) {
   Server silent([](Exchange& exchange) { exchange.stall(); });
-  Server chatty([](Exchange& exchange) {
-    exchange.start_stream();
-    while (exchange.chunk(": still there\n")) {
-    }
-  });
+  Server chatty(keep_alive);
   for (const Server* const server : {&silent, &chatty}) {
     const LLMClient client({.base_url = server->url(), .model = "m", .api_key = "sk-1", .timeout_s = 0.3, .max_retries = 0});
     for (int round = 0; round < 20; ++round) {

@@ -134,10 +134,7 @@ TEST(Roads, EndInTime) {
   EXPECT_LT(seconds_since(deadline), 0.05);
 
   // A server that is never silent is bounded all the same.
-  Server chatty([](Exchange& exchange) {
-    for (exchange.start_stream(); exchange.chunk(": still there\n"); exchange.pause(1ms)) {
-    }
-  });
+  Server chatty(keep_alive);
   const LLMClient client({.base_url = chatty.url(), .model = "m", .api_key = KEY, .timeout_s = 0.2, .max_retries = 0});
   const auto start = http::Clock::now();
   EXPECT_THROW(std::ignore = client.chat({}), llm::LLMError);

@@ -161,7 +161,7 @@ JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets
   } catch (const nlohmann::json::exception&) {  // a number out of range that was not mended
     what = WRONG;
   }
-  throw HttpFailure(what, reply.head().status,
+  throw HttpFailure(redact(what, secrets), reply.head().status,
                     quote(text.substr(0, QUOTED_BYTES), secrets, detail_limit(policy)));
 }
 

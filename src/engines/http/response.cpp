@@ -81,7 +81,7 @@ struct Response::Impl {
       failed = true;
       const std::string text = quote(error.what(), secrets, QUOTED_BYTES);
       if (error.transient()) throw Retryable(text);
-      throw HttpFailure("request failed: " + text);
+      fail(text);
     } catch (const Stopped& stop) {
       failed = true;
       throw Stopped(redact(stop.what(), secrets));
@@ -126,11 +126,14 @@ struct Response::Impl {
     return std::exchange(buffer, {}).substr(std::exchange(start, 0));
   }
 
+  [[noreturn]] void fail(const std::string& reason) {
+    failed = true;
+    throw HttpFailure(redact("request failed: " + reason, secrets));
+  }
+
   void check_line(std::size_t bytes) {
     if (bytes <= policy.max_line_bytes) return;
-    failed = true;
-    throw HttpFailure("request failed: a line of the reply is longer than " +
-                      mebibytes(policy.max_line_bytes));
+    fail("a line of the reply is longer than " + mebibytes(policy.max_line_bytes));
   }
 
   // Cuts the line that ends at `end` off the buffer, with `width` bytes of line end.
@@ -191,9 +194,7 @@ std::string Response::read_rest(std::size_t max_bytes) {
   Impl& self = *_impl;
   std::string body = self.take_buffer();
   do {
-    if (body.size() <= max_bytes) continue;
-    self.failed = true;
-    throw HttpFailure("request failed: the reply is larger than " + mebibytes(max_bytes));
+    if (body.size() > max_bytes) self.fail("the reply is larger than " + mebibytes(max_bytes));
   } while (self.pull(body));
   return body;
 }
