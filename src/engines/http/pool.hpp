@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "tovren_mapstead/engines/http/retry.hpp"
+#include "tovren_mapstead/engines/http/transport.hpp"
 
 #include "engines/http/connection.hpp"
 #include "engines/http/trust.hpp"
@@ -21,9 +22,9 @@ class Pool {
   /// `ca_file`: as for Trust.
   explicit Pool(std::string ca_file) : _trust(std::make_shared<Trust>(std::move(ca_file))) {}
 
-  /// A connection for a request to `origin`, one that leads there already if there is any. Reads
-  /// past the rest of an earlier reply, for a few milliseconds at most.
-  std::unique_ptr<Connection> take(const std::string& origin);
+  /// A connection for a request to `origin`, one that leads there already if there is any. May wait
+  /// some milliseconds for the end of an earlier reply; throws as `watch` does meanwhile.
+  std::unique_ptr<Connection> take(const std::string& origin, const Watch& watch);
 
   /// Keeps a connection, at rest or with the rest of a reply still to read past.
   void put(std::unique_ptr<Connection> connection) noexcept;
@@ -34,11 +35,16 @@ class Pool {
     Clock::time_point since;
   };
 
-  std::unique_ptr<Connection> find(const std::string& origin);
+  struct Found {
+    std::list<Idle> idle;  // one, or none
+    bool crowded = false;  // more of the origin's connections wait for the end of a reply
+  };
+
+  Found find(const std::string& origin);
 
   const std::shared_ptr<Trust> _trust;
   std::mutex _mutex;
-  std::list<Idle> _idle;  // the one used last at the end
+  std::list<Idle> _idle;  // the one put away last at the end
 };
 
 }  // namespace tovren_mapstead::engines::http

@@ -18,7 +18,7 @@ class PooledExchange final : public Exchange {
   PooledExchange(std::shared_ptr<Pool> pool, Request request, Watch& watch)
       : _pool(std::move(pool)) {
     const std::string origin = origin_of(request.url);
-    _connection = _pool->take(origin);
+    _connection = _pool->take(origin, watch);
     _connection->start(std::move(request), origin);
     await(watch, "waiting for the reply of", [&] { return _connection->head_complete(); });
   }
