@@ -149,8 +149,8 @@ TEST(Transport, TakesASlowReaderForNoSilence) {
     exchange.end_stream();
   });
   int lines = 0;
-  post({.url = server.url(), .timeout_s = 0.2}, [&](http::Response& reply) {
-    for (; reply.next_line(); ++lines) std::this_thread::sleep_for(lines == 1 ? 300ms : 0ms);
+  post({.url = server.url(), .timeout_s = 0.5}, [&](http::Response& reply) {
+    for (; reply.next_line(); ++lines) std::this_thread::sleep_for(lines == 1 ? 700ms : 0ms);
   });
   EXPECT_EQ(lines, 10);
 }

@@ -19,7 +19,7 @@ namespace tovren_mapstead::engines::http {
 namespace {
 
 // A fast sender is held back once so much of a body waits to be taken.
-constexpr std::size_t PAUSE_BYTES = std::size_t{64} << 10U;
+constexpr std::size_t PAUSE_BYTES = std::size_t{32} << 10U;
 
 // No honest head is larger.
 constexpr std::size_t MAX_HEAD_BYTES = std::size_t{256} << 10U;
@@ -84,8 +84,9 @@ void initialise_libcurl() {
 std::string origin_of(std::string_view url) {
   const std::size_t colon = url.find("://");
   const std::size_t start = colon == std::string_view::npos ? 0 : colon + 3;
-  const std::size_t end = std::min(url.find_first_of("/?#\\", start), url.size());
-  std::string_view authority = url.substr(start, end - start);
+  const auto ends = [](char c) { return c == '/' || c == '?' || c == '#' || c == '\\'; };
+  std::string_view authority = url.substr(start);
+  authority = {authority.begin(), std::ranges::find_if(authority, ends)};
   const std::size_t at = authority.find_last_of('@');
   if (at != std::string_view::npos) authority.remove_prefix(at + 1);
   // What is no port can be the start of a password with a slash in it that was not escaped.
@@ -109,7 +110,7 @@ struct Connection::Handles {
   ~Handles() {
     curl_easy_cleanup(easy);  // takes itself out of the multi handle
     curl_multi_cleanup(multi);
-    curl_slist_free_all(headers);
+    curl_slist_free_all(lines);
   }
 
   template <class Value>
@@ -117,7 +118,9 @@ struct Connection::Handles {
     require(curl_easy_setopt(easy, option, value));
   }
 
-  void set_headers(const Headers& map) {
+  // A call's headers are mostly those of the call before.
+  void set_headers(Headers wanted) {
+    if (lines != nullptr && wanted == headers) return;
     curl_slist* list = nullptr;
     const auto add = [&](const std::string& line) {
       curl_slist* const longer = curl_slist_append(list, line.c_str());
@@ -127,18 +130,20 @@ struct Connection::Handles {
       }
       list = longer;
     };
-    for (const auto& [name, value] : map) {
+    for (const auto& [name, value] : wanted) {
       std::string line = name;
       add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": no value
     }
     add("Expect:");  // to wait for leave to send costs a round trip, or a second where none comes
-    curl_slist_free_all(std::exchange(headers, list));
-    set(CURLOPT_HTTPHEADER, headers);
+    curl_slist_free_all(std::exchange(lines, list));
+    headers = std::move(wanted);
+    set(CURLOPT_HTTPHEADER, lines);
   }
 
   CURLM* multi;
   CURL* easy;
-  curl_slist* headers = nullptr;
+  Headers headers;
+  curl_slist* lines = nullptr;  // the headers, as libcurl wants them
   CURLcode result = CURLE_OK;
   std::array<char, CURL_ERROR_SIZE> error{};
 };
@@ -232,7 +237,7 @@ void Connection::start(Request request, std::string origin) {
   _sink = nullptr;
   _early.clear();
   curl.set(CURLOPT_URL, request.url.c_str());
-  curl.set_headers(request.headers);
+  curl.set_headers(std::move(request.headers));
   if (request.method == Method::get) {
     curl.set(CURLOPT_HTTPGET, 1L);
   } else {
@@ -275,8 +280,12 @@ void Connection::pour_into(std::string* sink) {
   _room = PAUSE_BYTES;
   if (sink == nullptr) return;
   if (_early.empty()) return resume();
-  sink->append(_early);
-  _early.clear();
+  if (sink->empty()) {
+    sink->swap(_early);
+  } else {
+    sink->append(_early);
+    _early.clear();
+  }
 }
 
 bool Connection::drain() {
@@ -291,18 +300,18 @@ std::size_t Connection::take_body(std::string_view bytes) {
     _drained += bytes.size();
     return _drained > MAX_DRAIN_BYTES ? 0 : bytes.size();
   }
-  if (_room == 0) {
-    _paused = true;
-    return CURL_WRITEFUNC_PAUSE;
-  }
   (_sink != nullptr ? *_sink : _early).append(bytes);
   _room -= std::min(_room, bytes.size());
+  if (_room == 0 && !std::exchange(_paused, true)) {
+    // What libcurl holds already, 16 KB at most, still comes. To refuse it would make a copy of it.
+    curl_easy_pause(_handles->easy, CURLPAUSE_RECV);
+  }
   return bytes.size();
 }
 
 void Connection::take_head_line(std::string_view line) {
   const auto value_of = [&](std::string_view name) -> std::optional<std::string> {
-    if (lower_case(line.substr(0, name.size())) != name) return std::nullopt;
+    if (!equal_in_any_case(line.substr(0, name.size()), name)) return std::nullopt;
     const std::size_t begin = line.find_first_not_of(" \t\r\n", name.size());
     if (begin == std::string_view::npos) return "";
     return std::string(line.substr(begin, line.find_last_not_of(" \t\r\n") + 1 - begin));

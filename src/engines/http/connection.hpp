@@ -39,7 +39,7 @@ class Connection {
   /// Waits until there is something to do, `longest` at most; says whether there is.
   bool poll(std::chrono::milliseconds longest);
 
-  /// Lets the body flow into `sink`, some 64 KB until the next call; null holds it back.
+  /// Lets the body flow into `sink`, some 32 KB until the next call; null holds it back.
   void pour_into(std::string* sink);
 
   /// Reads past what is left of the body without waiting; says whether that ended it in good order.

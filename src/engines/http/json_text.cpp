@@ -89,6 +89,8 @@ class Writer {
  public:
   void value(const Json& json);
 
+  Writer() { _out.reserve(PIECE); }
+
   [[nodiscard]] std::string take() { return std::move(_out); }
 
  private:

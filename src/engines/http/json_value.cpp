@@ -21,7 +21,7 @@ bool is_utf8(std::string_view text) noexcept {
   return simdjson::validate_utf8(text.data(), text.size());
 }
 
-bool JsonValue::empty() const {
+bool JsonValue::holds_nothing() const {
   switch (_kind) {
     case Kind::absent:
     case Kind::null:
@@ -106,15 +106,21 @@ std::string JsonValue::text() const {
 }
 
 struct JsonReader::Parser {
-  std::optional<JsonValue> parse(std::string_view text, bool mended) {
-    padded.assign(text).append(simdjson::SIMDJSON_PADDING, '\0');
+  std::optional<JsonValue> parse(std::string_view text, std::size_t readable, bool mended) {
+    const char* bytes = text.data();
+    if (readable < simdjson::SIMDJSON_PADDING) {
+      padded.assign(text).append(simdjson::SIMDJSON_PADDING, '\0');
+      bytes = padded.data();
+    }
     if (text.size() > parser.capacity()) {
-      // In powers of two, or a stream of slowly growing events would allocate for each.
-      error = parser.allocate(std::max(std::bit_ceil(text.size()), std::size_t{1024}));
+      // Twice as much each time, or a stream of slowly growing events would allocate for each.
+      // A small text cannot be deep: it needs little memory.
+      const std::size_t capacity = std::max(text.size(), 2 * parser.capacity());
+      error = parser.allocate(capacity, std::min(capacity, simdjson::DEFAULT_MAX_DEPTH));
       if (error != simdjson::SUCCESS) return std::nullopt;
     }
     element root;
-    error = parser.parse(padded.data(), text.size(), false).get(root);
+    error = parser.parse(bytes, text.size(), false).get(root);
     if (error != simdjson::SUCCESS) return std::nullopt;
     return JsonAccess::value(root, mended);
   }
@@ -130,20 +136,22 @@ JsonReader::JsonReader(JsonReader&&) noexcept = default;
 JsonReader& JsonReader::operator=(JsonReader&&) noexcept = default;
 JsonReader::~JsonReader() = default;
 
-std::optional<JsonValue> JsonReader::parse(std::string_view text) {
-  const auto value = _parser->parse(text, false);
+std::optional<JsonValue> JsonReader::parse(std::string_view text, std::size_t readable) {
+  const auto value = _parser->parse(text, readable, false);
   const simdjson::error_code error = _parser->error;
   if (error != simdjson::STRING_ERROR && error != simdjson::NUMBER_ERROR) return value;
-  return _parser->parse(mend(text), true);
+  return _parser->parse(mend(text), 0, true);
 }
 
 JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
   constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
-  const std::string body = reply.read_rest(policy.max_body_bytes);
-  std::string_view text = body;
+  std::string body = reply.read_rest(policy.max_body_bytes);
+  const std::size_t size = body.size();
+  body.append(simdjson::SIMDJSON_PADDING, '\0');  // so that it is read where it lies
+  std::string_view text(body.data(), size);
   if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
   JsonDocument document;
-  if (const auto root = document._reader.parse(text)) {
+  if (const auto root = document._reader.parse(text, simdjson::SIMDJSON_PADDING)) {
     document._root = *root;
     return document;
   }

@@ -142,6 +142,7 @@ struct Response::Impl {
     check_line(end - start);
     std::string_view line(buffer.data() + start, end - start);
     start = end + width;
+    line_end = end;
     if (std::exchange(at_body_start, false) && line.starts_with(BYTE_ORDER_MARK)) {
       line.remove_prefix(BYTE_ORDER_MARK.size());
     }
@@ -155,7 +156,8 @@ struct Response::Impl {
   Watch watch;
   std::unique_ptr<Exchange> exchange;
   std::string buffer;
-  std::size_t start = 0;  // of what has not been handed out
+  std::size_t start = 0;     // of what has not been handed out
+  std::size_t line_end = 0;  // of what was handed out last
   Finder line_feed{'\n'};
   Finder carriage_return{'\r'};
   bool at_body_start = true;
@@ -188,6 +190,10 @@ std::optional<std::string_view> Response::next_line() {
     if (self.start == self.buffer.size()) return std::nullopt;
     return self.take_line(self.buffer.size(), 0);
   }
+}
+
+std::size_t Response::readable_past_line() const noexcept {
+  return _impl->buffer.size() - _impl->line_end;
 }
 
 std::string Response::read_rest(std::size_t max_bytes) {

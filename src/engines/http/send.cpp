@@ -44,16 +44,17 @@ std::string in_words(int status) {
 
 // The engine writes header lines as they are given, so a value that ends one could add another.
 void refuse_unsafe(const std::string& url, const Headers& headers) {
-  constexpr std::string_view BREAKS{"\r\n\0", 3};
-  constexpr std::string_view NAME_BREAKS{"\r\n\0 \t:", 6};
-  if (url.find_first_of(BREAKS) != std::string::npos) {
+  // Not `find_first_of`, which calls a function for each character.
+  const auto breaks = [](char c) { return c == '\r' || c == '\n' || c == '\0'; };
+  const auto ends_name = [&](char c) { return breaks(c) || c == ' ' || c == '\t' || c == ':'; };
+  if (std::ranges::any_of(url, breaks)) {
     throw HttpFailure("request cannot be sent: the URL holds a line break or NUL");
   }
   for (const auto& [name, value] : headers) {
-    if (name.empty() || name.find_first_of(NAME_BREAKS) != std::string::npos) {
+    if (name.empty() || std::ranges::any_of(name, ends_name)) {
       throw HttpFailure("request cannot be sent: a header has a name that is not one");
     }
-    if (value.find_first_of(BREAKS) != std::string::npos) {
+    if (std::ranges::any_of(value, breaks)) {
       throw HttpFailure("request cannot be sent: the value of the header " + name +
                         " holds a line break or NUL; was a key pasted with its newline?");
     }
@@ -61,9 +62,8 @@ void refuse_unsafe(const std::string& url, const Headers& headers) {
 }
 
 void add_unless_given(Headers& headers, const std::string& name, std::string_view value) {
-  const bool given = std::ranges::any_of(headers, [lower = lower_case(name)](const auto& header) {
-    return lower_case(header.first) == lower;
-  });
+  const bool given = std::ranges::any_of(
+      headers, [&](const auto& header) { return equal_in_any_case(header.first, name); });
   if (!given) headers.emplace(name, value);
 }
 

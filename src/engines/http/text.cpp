@@ -24,14 +24,20 @@ Character read_unit(std::string_view text) noexcept {
   return {.code_point = unit, .width = WIDTH};
 }
 
+constexpr char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 }  // namespace
 
 std::string lower_case(std::string_view text) {
-  std::string lower(text);
-  std::ranges::transform(lower, lower.begin(), [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  return lower;
+  std::string result(text);
+  std::ranges::transform(result, result.begin(), lower);
+  return result;
+}
+
+bool equal_in_any_case(std::string_view left, std::string_view right) noexcept {
+  return std::ranges::equal(left, right, {}, lower, lower);
 }
 
 void append_utf8(std::string& out, std::uint32_t code_point) {

@@ -11,6 +11,9 @@ namespace tovren_mapstead::engines::http {
 /// `text` with the ASCII letters in lower case.
 [[nodiscard]] std::string lower_case(std::string_view text);
 
+/// Whether both are the same but for the letter case of ASCII letters.
+[[nodiscard]] bool equal_in_any_case(std::string_view left, std::string_view right) noexcept;
+
 /// Appends a code point in UTF-8; half of a surrogate pair in the three bytes of its number, which
 /// is not UTF-8 (it is what WTF-8 does).
 void append_utf8(std::string& out, std::uint32_t code_point);

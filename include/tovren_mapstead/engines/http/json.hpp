@@ -28,7 +28,9 @@ class JsonValue {
   [[nodiscard]] Kind kind() const noexcept { return _kind; }
 
   /// Absent, null, false, zero, or a string, array or object that holds nothing.
-  [[nodiscard]] bool empty() const;
+  [[nodiscard]] bool empty() const {
+    return _kind == Kind::absent || _kind == Kind::null || holds_nothing();
+  }
 
   /// The member of that name; of several the last, as is usual. Absent when there is none or this
   /// is not an object.
@@ -75,6 +77,7 @@ class JsonValue {
     std::size_t index = 0;
   };
 
+  [[nodiscard]] bool holds_nothing() const;
   void collect(std::span<const std::string_view> names, std::span<JsonValue> found) const;
 
   Place _place;
@@ -96,9 +99,10 @@ class JsonReader {
   JsonReader& operator=(JsonReader&&) noexcept;
   ~JsonReader();
 
-  /// The value of `text`, which is copied, or nothing when it is not JSON.
-  /// Ends the life of the values of the text before.
-  std::optional<JsonValue> parse(std::string_view text);
+  /// The value of `text`, or nothing when it is not JSON. Ends the life of the values of the text
+  /// before. The parser reads in blocks: where fewer than 64 bytes after the text are
+  /// `readable`, it reads a copy. The text itself is not needed any more afterwards.
+  std::optional<JsonValue> parse(std::string_view text, std::size_t readable = 0);
 
  private:
   struct Parser;

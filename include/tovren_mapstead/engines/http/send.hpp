@@ -45,6 +45,10 @@ class Response {
   /// The line is valid until the next read.
   std::optional<std::string_view> next_line();
 
+  /// How many bytes after that line have come already, whatever they are. A parser that reads in
+  /// blocks beyond the end of its text may read those.
+  [[nodiscard]] std::size_t readable_past_line() const noexcept;
+
   /// What is left of the body, up to `max_bytes`; more than that is an HttpFailure.
   std::string read_rest(std::size_t max_bytes);
 

@@ -38,7 +38,7 @@ std::size_t trailing(std::string_view text) noexcept {
 
 }  // namespace
 
-std::string_view trim(std::string_view text) noexcept {
+std::string_view detail::trim_ends(std::string_view text) noexcept {
   std::size_t width = 0;
   while (!text.empty() && (width = leading(text)) > 0) text.remove_prefix(width);
   while (!text.empty() && (width = trailing(text)) > 0) text.remove_suffix(width);

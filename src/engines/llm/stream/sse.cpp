@@ -52,7 +52,11 @@ class Accumulator {
       if (name == "delta") delta = value();
       if (name == "finish_reason") finish_reason = value();
     });
-    if (const JsonValue piece = delta["content"]; !piece.empty()) {
+    JsonValue piece;
+    http::for_each_member(delta, [&](std::string_view name, const auto& value) {
+      if (name == "content") piece = value();
+    });
+    if (!piece.empty()) {
       piece.append_text(_parts);
       check_length(_parts);
     }
@@ -95,7 +99,8 @@ LLMResult _parse_sse_stream(http::Response& response, const std::string& fallbac
     }
     const std::string_view payload = trim(line.substr(PREFIX.size()));
     if (payload == "[DONE]") break;
-    if (const auto chunk = reader.parse(payload)) {
+    const auto left_out = static_cast<std::size_t>(raw.end() - payload.end());
+    if (const auto chunk = reader.parse(payload, left_out + response.readable_past_line())) {
       if (chunk->kind() == JsonValue::Kind::object) stream.add(*chunk);
     } else {
       require_utf8(raw);  // what is no JSON is passed over

@@ -46,6 +46,7 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
                                 std::optional<bool> stream_choice) const {
   const bool stream = stream_choice.value_or(_config.stream);
   Json body = Json::object();
+  body.get_ref<Json::object_t&>().reserve(7);  // members with constant names are copied to grow
   body["model"] = _config.model;
   body["messages"] = to_json(prompt.messages);
   body["temperature"] = prompt.temperature;
