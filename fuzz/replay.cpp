@@ -1,40 +1,23 @@
-// Feeds a fuzzer what it is to remember: every file of a folder, and variants of each that are the
-// same on every run. replay FOLDER VARIANTS
-#include <algorithm>
+// replay FOLDER VARIANTS: feeds a fuzzer the files of a folder, its seeds, and so many variants of
+// each, the same ones in every run.
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "fuzz.hpp"
 
-namespace {
-
-void feed(const std::string& text) {
-  LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-}
-
-}  // namespace
-
 int main(int, char** arguments) {
-  std::vector<std::string> seeds;
+  std::mt19937 random(1);
+  int fed = 0;
   for (const auto& entry : std::filesystem::directory_iterator(arguments[1])) {
     std::ifstream file(entry.path(), std::ios::binary);
-    seeds.emplace_back(std::istreambuf_iterator(file), std::istreambuf_iterator<char>());
-  }
-  std::ranges::sort(seeds);
-  fuzz::require(!seeds.empty(), "no seeds");
-  std::mt19937 random(1);
-  const auto below = [&](std::size_t end) { return random() % (end + 1); };
-  for (const std::string& seed : seeds) {
-    feed(seed);
-    for (int left = std::stoi(arguments[2]); left > 0; --left) {
+    const std::string seed(std::istreambuf_iterator<char>(file), {});
+    for (int variant = 0; variant <= std::stoi(arguments[2]); ++variant, ++fed) {
       std::string text = seed;
-      const std::string& other = seeds[random() % seeds.size()];
-      const std::size_t at = below(text.size());
-      text.replace(at, below(5), other, below(other.size()), below(5));
-      if (const std::size_t place = below(text.size()); place < text.size()) text[place] = text[below(text.size() - 1)];
-      feed(text);
+      const auto some = [&] { return random() % (text.size() + 1); };
+      if (variant > 0) text.replace(some(), random() % 4, seed, some(), random() % 8);
+      if (variant % 4 == 3) text.resize(some());
+      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
     }
   }
-  return 0;
+  return fed == 0 ? 1 : 0;
 }

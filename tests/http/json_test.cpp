@@ -13,7 +13,7 @@ using http::JsonReader;
 
 TEST(JsonReader, ReadsWhateverIsJson) {
   const std::pair<const char*, const char*> cases[] = {
-      // the text, and what its member `a` says; null: it is not JSON
+      // the text, and what its member `a` says
       {R"({"a":"x"})", "x"},
       {R"({"a":1,"b":2,"a":3})", "3"},
       {R"({"\u0061":"escaped name"})", "escaped name"},
@@ -26,18 +26,13 @@ TEST(JsonReader, ReadsWhateverIsJson) {
       {R"({"a":1e999})", "1e999"},
       {R"({"a":-123456789012345678901234567890})", "-123456789012345678901234567890"},
       {R"({"z":1e999,"a":[-0.5,18446744073709551615]})", "[-0.5,18446744073709551615]"},
-      {R"({"z":"say \"1e999","a":12e2})", "1200.0"},
-      {R"({"a":01})", nullptr},
-      {R"({"a":1e999,"b":-})", nullptr},
-      {R"({"a":"\ud83d",})", nullptr},
-      {"{\"a\":\"\xff\"}", nullptr},
-      {R"({"a":"\ud83)", nullptr},
-      {"", nullptr}};
+      {R"({"z":"say \"1e999","a":12e2})", "1200.0"}};
   JsonReader reader;  // one for all: what is left of one text must not show in the next
   for (const auto& [text, member] : cases) {
     const auto value = reader.parse(text);
-    ASSERT_EQ(value.has_value(), member != nullptr) << text;
-    EXPECT_EQ(value ? (*value)["a"].text() : "", member != nullptr ? member : "") << text;
+    ASSERT_TRUE(value) << text;
+    EXPECT_EQ((*value)["a"].text(), member) << text;
+    for (const char* const none : {R"({"a":01})", R"({"a":1e999,"b":-})", R"({"a":"\ud83d",})", "{\"a\":\"\xff\"}", R"({"a":"\ud83)", ""}) EXPECT_FALSE(reader.parse(none)) << none;
   }
 }
 
@@ -107,11 +102,7 @@ TEST(WriteJson, RefusesWhatNoServerCouldRead) {
   Json deep = 1;
   for (int i = 0; i < 5000; ++i) deep = Json::array({std::move(deep)});
   const std::pair<Json, const char*> cases[] = {
-      {{{"m", {{{"content", "SECRET\xff"}}}}}, "UTF-8 at /m/0/content"},
-      {{{"t", std::nan("")}}, "not finite at /t"},
-      {{{"t", -std::numeric_limits<double>::infinity()}}, "not finite"},
-      {{{"b", Json::binary({1})}}, "no form"},
-      {deep, "too deeply"}};
+      {{{"m", {{{"content", "SECRET\xff"}}}}}, "UTF-8 at /m/0/content"}, {{{"t", std::nan("")}}, "not finite at /t"}, {{{"t", -std::numeric_limits<double>::infinity()}}, "not finite"}, {{{"b", Json::binary({1})}}, "no form"}, {deep, "too deeply"}};
   for (const auto& [body, told] : cases) {
     const auto text = text_of<http::HttpFailure>([&, &b = body] { std::ignore = http::write_json(b); });
     EXPECT_TRUE(contains(text, told) && !contains(text, "SECRET")) << text;
