@@ -28,19 +28,6 @@ std::string one_line(std::string_view text) {
   return out;
 }
 
-// Without an escape that the cut went through: it could be a character of a secret.
-std::string_view without_half_escape(std::string_view text) {
-  constexpr std::size_t WHOLE = 6;  // a backslash, u and four digits
-  const std::size_t slash = text.find_last_of('\\');
-  if (slash == std::string_view::npos || text.size() - slash > WHOLE) return text;
-  if (!text.ends_with('\\') && text[slash + 1] != 'u') return text;
-  // A whole one can still be half of a surrogate pair.
-  if (text.size() - slash == WHOLE && !is_high_half(read_escape(text.substr(slash)).code_point)) {
-    return text;
-  }
-  return text.substr(0, text.find_last_not_of('\\', slash) + 1);  // the escape may be nested
-}
-
 std::string cut(std::string text, std::size_t max_chars) {
   std::size_t at = 0;
   for (std::size_t chars = 0; chars < max_chars && at < text.size(); ++chars) {
@@ -53,7 +40,7 @@ std::string cut(std::string text, std::size_t max_chars) {
 }  // namespace
 
 std::string quote(std::string_view text, const Secrets& secrets, std::size_t max_chars) {
-  const std::string clean = redact(without_half_escape(text), secrets, Tail::cut);
+  const std::string clean = redact(text, secrets, Tail::cut);
   // Joining lines can bring the pieces of a secret together.
   return cut(redact(one_line(clean), secrets, Tail::cut), max_chars);
 }

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <utility>
 
@@ -20,18 +22,44 @@ constexpr int ESCAPE_LEVELS = 4;
 // One is free of the secrets in practice; a secret that is part of them all is cut out.
 constexpr std::array<std::string_view, 3> MASKS{"***", "[redacted]", "#"};
 
-// A text with one level of JSON escapes undone, and where its characters came from.
+// How servers spell what they echo: in JSON strings, and in URLs (RFC 3986, section 2.1).
+enum class Escapes { json, percent };
+
+// The byte that the percent escape at the start of `text` stands for.
+Character read_percent(std::string_view text) noexcept {
+  constexpr std::size_t WIDTH = 3;
+  if (text.size() < WIDTH || text[0] != '%') return {};
+  std::uint32_t byte = 0;
+  const char* const end = text.data() + WIDTH;
+  if (std::from_chars(text.data() + 1, end, byte, 16).ptr != end) return {};
+  return {.code_point = byte, .width = WIDTH};
+}
+
+// Whether `text`, which begins like an escape, may go on where it was cut.
+bool is_half(std::string_view text, Escapes escapes) noexcept {
+  constexpr std::string_view UNIT = "\\uXXXX";
+  if (escapes == Escapes::percent) return text.size() < 3;
+  const std::string_view low =
+      text.size() < UNIT.size() || !is_high_half(read_escape(text).code_point)
+          ? text
+          : text.substr(UNIT.size());
+  return low.size() < UNIT.size() && low.substr(0, 2) == UNIT.substr(0, low.size()).substr(0, 2);
+}
+
+// A text with one level of escapes undone, and where its characters came from.
 class Unescaped {
  public:
-  explicit Unescaped(std::string_view source);
+  Unescaped(std::string_view source, Escapes escapes, Tail tail);
 
   [[nodiscard]] const std::string& text() const noexcept { return _text; }
 
   [[nodiscard]] bool changed() const noexcept { return !_jumps.empty(); }
 
-  // The piece of the source behind a piece of the text, escapes taken whole.
+  // The piece of the source behind a piece of the text, escapes taken whole, and so is half of one
+  // at the end.
   [[nodiscard]] Span source_of(Span span) const {
-    return {.begin = map(span.begin, false), .end = map(span.end - 1, true)};
+    return {.begin = map(span.begin, false),
+            .end = span.end == _text.size() ? _source_size : map(span.end - 1, true)};
   }
 
  private:
@@ -47,22 +75,31 @@ class Unescaped {
 
   std::string _text;
   std::vector<Jump> _jumps;
+  std::size_t _source_size;
 };
 
-Unescaped::Unescaped(std::string_view source) {
+Unescaped::Unescaped(std::string_view source, Escapes escapes, Tail tail)
+    : _source_size(source.size()) {
+  const bool json = escapes == Escapes::json;
+  const char sign = json ? '\\' : '%';
   std::size_t copied = 0;
-  for (std::size_t at = source.find('\\'); at != std::string_view::npos;
-       at = source.find('\\', at)) {
-    const Character escape = read_escape(source.substr(at));
-    if (escape.width == 0) {
+  for (std::size_t at = source.find(sign); at != std::string_view::npos;
+       at = source.find(sign, at)) {
+    const std::string_view rest = source.substr(at);
+    const bool half = tail == Tail::cut && is_half(rest, escapes);
+    const auto [code_point, width] = half   ? Character{.width = rest.size()}
+                                     : json ? read_escape(rest)
+                                            : read_percent(rest);
+    if (width == 0) {
       ++at;
       continue;
     }
     _text.append(source, copied, at - copied);
     const std::size_t to = _text.size();
-    append_utf8(_text, escape.code_point);
-    _jumps.push_back({.to = to, .end = _text.size(), .from = at, .width = escape.width});
-    at += escape.width;
+    if (json && !half) append_utf8(_text, code_point);
+    if (!json && !half) _text += static_cast<char>(code_point);
+    _jumps.push_back({.to = to, .end = _text.size(), .from = at, .width = width});
+    at += width;
     copied = at;
   }
   _text.append(source.substr(copied));
@@ -94,22 +131,24 @@ void find_all(std::string_view text, const Secrets& secrets, Tail tail, std::vec
   }
 }
 
+// As `find_all`, but in up to so many levels of escaping, too, whichever they are.
+void find_spelt(std::string_view text, const Secrets& secrets, Tail tail, int levels,
+                std::vector<Span>& found) {
+  find_all(text, secrets, tail, found);
+  if (levels == 0) return;
+  for (const Escapes escapes : {Escapes::json, Escapes::percent}) {
+    const Unescaped next(text, escapes, tail);
+    if (!next.changed()) continue;
+    std::vector<Span> deeper;
+    find_spelt(next.text(), secrets, tail, levels - 1, deeper);
+    for (const Span& span : deeper) found.push_back(next.source_of(span));
+  }
+}
+
 // Every piece of `text` that spells a secret, in order, those that touch joined.
 std::vector<Span> occurrences(std::string_view text, const Secrets& secrets, Tail tail) {
   std::vector<Span> found;
-  find_all(text, secrets, tail, found);
-  std::vector<Unescaped> levels;
-  for (int level = 0; level < ESCAPE_LEVELS; ++level) {
-    Unescaped next(levels.empty() ? text : std::string_view(levels.back().text()));
-    if (!next.changed()) break;
-    levels.push_back(std::move(next));
-    std::vector<Span> deeper;
-    find_all(levels.back().text(), secrets, tail, deeper);
-    for (Span span : deeper) {
-      for (std::size_t i = levels.size(); i > 0; --i) span = levels[i - 1].source_of(span);
-      found.push_back(span);
-    }
-  }
+  find_spelt(text, secrets, tail, ESCAPE_LEVELS, found);
   std::ranges::sort(found, {}, &Span::begin);
   std::vector<Span> joined;
   for (const Span& span : found) {

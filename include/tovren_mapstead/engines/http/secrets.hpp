@@ -15,7 +15,7 @@ using Secrets = std::vector<std::string>;
 using Headers = std::map<std::string, std::string>;
 
 /// `text` with every occurrence of every secret masked, as it stands and in any spelling that JSON
-/// escaping gives it (`\/`, `\u002d`, nested escaping too).
+/// strings (`\/`, `\u002d`) and URLs (`%2d`) give it, up to four of them one inside the other.
 /// Afterwards no secret occurs in the result, whatever the secrets are: the mask is one that holds
 /// none of them, and where every mask would, the secrets are cut out instead.
 /// Linear in the text for any fixed set of secrets. Safe from any thread.

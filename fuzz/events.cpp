@@ -1,0 +1,121 @@
+// Event streams, cut into reads at random. Whatever the cuts, the outcome is that of a reader which
+// does plainly what the rules say: all lines first, then one after the other.
+#include "engines/llm/reply/reasoning.hpp"
+#include "engines/llm/reply/token_count.hpp"
+#include "engines/llm/reply/white_space.hpp"
+#include "engines/llm/stream/sse.hpp"
+#include "fuzz.hpp"
+
+namespace {
+
+using namespace fuzz;
+
+const http::Secrets SECRETS{"KEY-1"};
+
+std::string outcome(const llm::LLMResult& result) {
+  const std::string counts = std::to_string(result.prompt_tokens) + "," + std::to_string(result.completion_tokens);
+  return clean(result.content + "\n" + result.model + "\n" + counts + "\n" + result.finish_reason.value_or("absent"), "\xFF");
+}
+
+std::string outcome(std::vector<std::string> pieces) {
+  playback::Playback transport({{.pieces = std::move(pieces)}});
+  const http::RetryPolicy policy{};
+  const auto read = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m", {.secrets = SECRETS}); };
+  try {
+    return outcome(http::send("http://h", {.policy = policy, .body = {}, .headers = {}, .secrets = SECRETS, .transport = &transport}, read));
+  } catch (const std::runtime_error& error) {
+    require(dynamic_cast<const http::Retryable*>(&error) != nullptr || dynamic_cast<const llm::LLMError*>(&error) != nullptr, error.what());
+    return clean(error.what(), SECRETS[0]);
+  }
+}
+
+// Thrown where two right readers may differ.
+struct Unsure {};
+
+// The other reader refuses half of a surrogate pair. It gets a character of private use instead.
+constexpr std::uint32_t PRIVATE = 0xF0000;
+
+std::string with_halves(std::string_view text, bool hidden) {
+  std::string out;
+  for (std::size_t width = 0; !text.empty(); text.remove_prefix(width)) {
+    const auto [code_point, read] = hidden ? http::read_escape(text) : http::read_utf8(text);
+    const std::uint32_t half = hidden ? code_point : code_point - PRIVATE;
+    width = std::max<std::size_t>(read, 1);
+    half >= 0xD800 && half <= 0xDFFF ? http::append_utf8(out, hidden ? PRIVATE + half : half) : void(out += text.substr(0, width));
+  }
+  if (!hidden) http::join_halves(out);
+  return out;
+}
+
+Json decoded(std::string_view payload) {
+  // The other reader ends at a NUL and passes over a byte order mark.
+  if (payload.find('\0') != std::string_view::npos || payload.starts_with("\uFEFF")) return {};
+  const auto shallow = [](int depth, Json::parse_event_t, const Json&) { return depth < 1000 ? true : throw Unsure(); };
+  try {
+    return Json::parse(with_halves(payload, true), shallow);
+  } catch (const Json::parse_error&) {
+    return {};
+  } catch (const Json::out_of_range&) {  // a number that no double holds
+    throw Unsure();
+  }
+}
+
+// The text of a value, nothing if it is empty in any way.
+std::string text_of(const Json& value) {
+  if (value.is_string()) return value;
+  if (value.empty() || value == false || (value.is_number() && value == 0)) return "";
+  // How a real is written, and which of several members of one name, is nobody's rule.
+  return value.is_structured() || value.is_number_float() ? throw Unsure() : value.dump();
+}
+
+Json member(const Json& object, const char* name) {
+  return object.is_object() && object.contains(name) ? object[name] : Json();
+}
+
+std::string expected(const std::string& body) {
+  std::string content;
+  std::string error;
+  std::string model = "m";
+  std::optional<std::string> finish_reason;
+  std::array<std::int64_t, 2> counts{};
+  for (std::size_t at = body.starts_with("\uFEFF") ? 3 : 0, end = 0; at < body.size(); at = end + 1) {
+    end = std::min(body.find_first_of("\r\n", at), body.size());
+    const std::string_view line = llm::trim(std::string_view(body).substr(at, end - at));
+    if (!http::is_utf8(line)) return "LLM stream is not valid UTF-8";
+    const std::string_view payload = llm::trim(line.starts_with("data:") ? line.substr(5) : "");
+    if (payload == "[DONE]") break;
+    const Json chunk = decoded(payload);
+    const Json told = member(chunk, "error");
+    const std::string message = text_of(member(told, "message"));
+    if (const std::string text = message.empty() ? text_of(told) : message; !text.empty()) {
+      error = http::redact(with_halves(text, false), SECRETS);
+      continue;
+    }
+    if (const std::string text = text_of(member(chunk, "model")); !text.empty()) model = with_halves(text, false);
+    const Json choices = member(chunk, "choices");
+    const Json first = choices.is_array() && !choices.empty() ? choices[0] : Json();
+    content += text_of(member(member(first, "delta"), "content"));
+    if (const std::string text = text_of(member(first, "finish_reason")); !text.empty()) finish_reason = with_halves(text, false);
+    for (std::size_t i = 0; i < 2; ++i) {
+      const Json count = member(member(chunk, "usage"), i == 0 ? "prompt_tokens" : "completion_tokens");
+      counts[i] = llm::_as_int(*http::JsonReader().parse(count.dump()), counts[i]);
+    }
+  }
+  content = llm::_strip_reasoning(with_halves(content, false));
+  if (!finish_reason && !error.empty()) return "stream error: " + error;
+  if (!finish_reason && content.empty()) return "empty stream (no content received)";
+  return outcome({content, model, counts[0], counts[1], finish_reason});
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const Input input(data, size);
+  const std::string told = outcome(std::vector{input.body});
+  require(outcome(input.cut(input.shape % 32 + 1)) == told, told);
+  try {
+    if (input.body.find('\xF3') == std::string::npos && http::lower_case(input.body).find("\\udb") == std::string::npos) require(told.starts_with(expected(input.body)), told);
+  } catch (const Unsure&) {
+  }
+  return 0;
+}
