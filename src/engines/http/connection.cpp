@@ -21,6 +21,9 @@ namespace {
 // A fast sender is held back once so much of a body waits to be taken.
 constexpr std::size_t PAUSE_BYTES = std::size_t{32} << 10U;
 
+// libcurl reads 16 KB at a time. Where a read brought much less, nothing more has come yet.
+constexpr std::size_t HALF_READ_BYTES = std::size_t{8} << 10U;
+
 // No honest head is larger.
 constexpr std::size_t MAX_HEAD_BYTES = std::size_t{256} << 10U;
 
@@ -232,7 +235,7 @@ void Connection::start(Request request, std::string origin) {
   _body = std::move(request.body);
   _head = {};
   _head_bytes = _drained = 0;
-  _head_complete = _failed = _begun = _broken = _paused = _draining = false;
+  _head_complete = _failed = _begun = _broken = _paused = _draining = _has_to_wait = false;
   _room = PAUSE_BYTES;
   _sink = nullptr;
   _early.clear();
@@ -252,7 +255,9 @@ void Connection::start(Request request, std::string origin) {
 void Connection::perform() {
   Handles& curl = *_handles;
   int running = 0;
+  _taken = 0;
   require(curl_multi_perform(curl.multi, &running));
+  _has_to_wait = _taken < HALF_READ_BYTES;
   int queued = 0;
   while (const CURLMsg* const message = curl_multi_info_read(curl.multi, &queued)) {
     if (message->msg != CURLMSG_DONE) continue;
@@ -266,12 +271,14 @@ void Connection::perform() {
 
 bool Connection::poll(std::chrono::milliseconds longest) {
   int ready = 0;
+  _has_to_wait = false;
   require(curl_multi_poll(_handles->multi, nullptr, 0, static_cast<int>(longest.count()), &ready));
   return ready > 0;
 }
 
 void Connection::resume() {
   if (!std::exchange(_paused, false)) return;
+  _has_to_wait = false;
   curl_easy_pause(_handles->easy, CURLPAUSE_CONT);  // hands over what it holds at once
 }
 
@@ -300,6 +307,7 @@ std::size_t Connection::take_body(std::string_view bytes) {
     _drained += bytes.size();
     return _drained > MAX_DRAIN_BYTES ? 0 : bytes.size();
   }
+  _taken += bytes.size();
   (_sink != nullptr ? *_sink : _early).append(bytes);
   _room -= std::min(_room, bytes.size());
   if (_room == 0 && !std::exchange(_paused, true)) {

@@ -36,6 +36,9 @@ class Connection {
   /// Does what can be done without waiting.
   void perform();
 
+  /// Whether it has probably left nothing to do, so that the next step is to `poll`.
+  [[nodiscard]] bool has_to_wait() const noexcept { return _has_to_wait; }
+
   /// Waits until there is something to do, `longest` at most; says whether there is.
   bool poll(std::chrono::milliseconds longest);
 
@@ -80,6 +83,8 @@ class Connection {
   bool _broken = false;  // after that, before a reply
   bool _paused = false;
   bool _draining = false;
+  bool _has_to_wait = false;
+  std::size_t _taken = 0;  // of the body since it last performed
   std::size_t _drained = 0;
   std::size_t _room = 0;         // bytes until the body is held back
   std::string* _sink = nullptr;  // where the body goes

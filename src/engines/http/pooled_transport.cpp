@@ -64,9 +64,8 @@ class PooledExchange final : public Exchange {
       connection.check();
       if (!connection.under_way()) return false;
       watch.check(doing, connection.origin());
+      if (connection.has_to_wait() && connection.poll(watch.patience())) watch.moved();
       connection.perform();
-      if (arrived() || !connection.under_way()) continue;
-      if (connection.poll(watch.patience())) watch.moved();
     }
     watch.moved();
     return true;

@@ -95,6 +95,7 @@ struct Response::Impl {
   }
 
   bool pull(std::string& into) {
+    ++reads;
     return guarded([&] { return exchange->read(into, watch); });
   }
 
@@ -156,6 +157,7 @@ struct Response::Impl {
   Watch watch;
   std::unique_ptr<Exchange> exchange;
   std::string buffer;
+  std::size_t reads = 0;
   std::size_t start = 0;     // of what has not been handed out
   std::size_t line_end = 0;  // of what was handed out last
   Finder line_feed{'\n'};
@@ -194,6 +196,10 @@ std::optional<std::string_view> Response::next_line() {
 
 std::size_t Response::readable_past_line() const noexcept {
   return _impl->buffer.size() - _impl->line_end;
+}
+
+std::size_t Response::reads() const noexcept {
+  return _impl->reads;
 }
 
 std::string Response::read_rest(std::size_t max_bytes) {

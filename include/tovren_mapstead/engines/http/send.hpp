@@ -49,6 +49,10 @@ class Response {
   /// blocks beyond the end of its text may read those.
   [[nodiscard]] std::size_t readable_past_line() const noexcept;
 
+  /// How often bytes have been waited for. Lines between which this stays the same have come at the
+  /// same moment.
+  [[nodiscard]] std::size_t reads() const noexcept;
+
   /// What is left of the body, up to `max_bytes`; more than that is an HttpFailure.
   std::string read_rest(std::size_t max_bytes);
 
