@@ -214,6 +214,7 @@ Memory run(std::chrono::seconds period, std::uint64_t seed, Tally& tally) {
   const auto half = [&] {
     const auto end = Clock::now() + period / 2.0;
     std::vector<std::jthread> callers;
+    callers.reserve(CALLERS);
     for (int i = 0; i < CALLERS; ++i) {
       callers.emplace_back([&] {
         while (Clock::now() < end) make_call(clients, endpoint, draw(seed, next++), tally);
@@ -242,6 +243,7 @@ int soak(std::chrono::seconds period, std::uint64_t seed) {
   Tally tally;
   spdlog::register_logger(std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm",
                                                            std::make_shared<Listener>(tally)));
+  std::jthread([] {}).join();  // with the first one, ThreadSanitizer starts one of its own
   const long descriptors = entries(DESCRIPTORS);
   const long threads = entries(THREADS);
   const Memory grown = run(period, seed, tally);
