@@ -8,9 +8,11 @@
 #include <fstream>
 #include <iterator>
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "tovren_mapstead/engines/copilot.hpp"
@@ -47,7 +49,7 @@ constexpr long RSS_TOLERANCE_KIB = 8192;
 
 struct Tally {
   std::atomic<long> calls = 0, answers = 0, errors = 0, timeouts = 0, stops = 0;
-  std::atomic<long> wrong = 0, late = 0, secrets = 0;
+  std::atomic<long> wrong = 0, late = 0, secrets = 0, inheritable = 0;
 };
 
 // Counts the log lines with a secret in them, and prints none.
@@ -67,6 +69,26 @@ class Listener final : public spdlog::sinks::base_sink<std::mutex> {
 
 long entries(const char* folder) {
   return std::distance(fs::directory_iterator(folder), {});
+}
+
+std::uint64_t number(std::string_view text, std::uint64_t otherwise) {
+  std::uint64_t value = otherwise;
+  std::from_chars(text.data(), text.data() + text.size(), value);
+  return value;
+}
+
+// Connections that a program which this one starts would inherit.
+long inheritable_connections() {
+  long count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    const auto descriptor = static_cast<int>(number(entry.path().filename().string(), 0));
+    int family = 0;
+    socklen_t size = sizeof family;
+    const bool connection =
+        getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &family, &size) == 0 && family == AF_INET;
+    if (connection && (fcntl(descriptor, F_GETFD) & FD_CLOEXEC) == 0) ++count;
+  }
+  return count;
 }
 
 // Of the process, in KiB.
@@ -224,6 +246,7 @@ Memory run(std::chrono::seconds period, std::uint64_t seed, Tally& tally) {
     return Memory::now();
   };
   const Memory first = half();
+  tally.inheritable = inheritable_connections();
   const Memory second = half();
   tally.wrong += endpoint.strange();
   return {.heap = second.heap - first.heap, .rss = second.rss - first.rss};
@@ -262,6 +285,7 @@ int soak(std::chrono::seconds period, std::uint64_t seed) {
   row("wrong outcomes", tally.wrong, true);
   row("calls that outlived their bound", tally.late, true);
   row("secrets in errors and log lines", tally.secrets, true);
+  row("connections that a child would inherit", tally.inheritable, true);
   row("descriptors left", left(DESCRIPTORS, descriptors), true);
   row("threads left", left(THREADS, threads), true);
   if (!SANITIZED) {
@@ -269,12 +293,6 @@ int soak(std::chrono::seconds period, std::uint64_t seed) {
     row("RSS growth since mid-run, KiB (8192 at most)", grown.rss, true, RSS_TOLERANCE_KIB);
   }
   return well ? 0 : 1;
-}
-
-std::uint64_t number(std::string_view text, std::uint64_t otherwise) {
-  std::uint64_t value = otherwise;
-  std::from_chars(text.data(), text.data() + text.size(), value);
-  return value;
 }
 
 }  // namespace
