@@ -80,7 +80,7 @@ Call draw(std::uint64_t seed, std::uint64_t id) {
   call.prompt =
       std::to_string(id) + ' ' + std::string(static_cast<std::size_t>(dice.below(300)), 'p');
   if (dice.one_in(20)) call.prompt.append(50'000, 'q');
-  const int words = dice.one_in(20) ? 3000 : 1 + dice.below(40);
+  const int words = dice.one_in(20) ? 600 : 1 + dice.below(40);
   call.pieces.emplace_back("So,");
   for (int i = 0; i < words; ++i) {
     call.pieces.emplace_back(" ").append(
