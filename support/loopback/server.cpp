@@ -142,7 +142,7 @@ Server::Server(Handler handler, const Options& options)
 Server::~Server() {
   _stopping = true;
   _acceptor.join();
-  for (std::thread& thread : _threads) thread.join();
+  _peers.clear();  // waits for their threads
   close(_listener);
 }
 
@@ -157,7 +157,12 @@ void Server::accept_all() {
     const int socket = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) continue;
     ++_connections;
-    _threads.emplace_back([this, socket] { serve(socket); });
+    std::erase_if(_peers, [](const Peer& peer) { return peer.gone.load(); });
+    Peer& peer = _peers.emplace_back();
+    peer.thread = std::jthread([this, socket, &peer] {
+      serve(socket);
+      peer.gone = true;
+    });
   }
 }
 

@@ -95,6 +95,12 @@ class Server {
  private:
   struct Tls;
 
+  // A connection and the thread that serves it.
+  struct Peer {
+    std::atomic<bool> gone = false;
+    std::jthread thread{};
+  };
+
   void accept_all();
   void serve(int socket);
 
@@ -108,7 +114,7 @@ class Server {
   std::atomic<int> _connections = 0;
   std::atomic<int> _requests = 0;
   std::mutex _mutex;
-  std::list<std::thread> _threads;
+  std::list<Peer> _peers;
   std::thread _acceptor;
 };
 
