@@ -102,9 +102,12 @@ std::string origin_of(std::string_view url) {
 }
 
 struct Connection::Handles {
-  Handles() : multi(curl_multi_init()), easy(curl_easy_init()) {
+  // Delegates, so that what has been made is freed if the other has not.
+  Handles() : Handles(curl_multi_init(), curl_easy_init()) {
     if (multi == nullptr || easy == nullptr) throw std::bad_alloc();
   }
+
+  Handles(CURLM* multi_in, CURL* easy_in) : multi(multi_in), easy(easy_in) {}
 
   Handles(const Handles&) = delete;
   Handles& operator=(const Handles&) = delete;
