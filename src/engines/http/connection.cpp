@@ -8,6 +8,7 @@
 #include <new>
 #include <optional>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include <curl/curl.h>
@@ -124,21 +125,19 @@ struct Connection::Handles {
   }
 
   void set_headers(const Headers& map) {
-    curl_slist* list = nullptr;
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(nullptr, curl_slist_free_all);
     const auto add = [&](const std::string& line) {
-      curl_slist* const longer = curl_slist_append(list, line.c_str());
-      if (longer == nullptr) {
-        curl_slist_free_all(list);
-        throw std::bad_alloc();
-      }
-      list = longer;
+      curl_slist* const longer = curl_slist_append(list.get(), line.c_str());
+      if (longer == nullptr) throw std::bad_alloc();
+      std::ignore = list.release();
+      list.reset(longer);
     };
     for (const auto& [name, value] : map) {
       std::string line = name;
       add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": no value
     }
     add("Expect:");  // to wait for leave to send costs a round trip, or a second where none comes
-    curl_slist_free_all(std::exchange(headers, list));
+    curl_slist_free_all(std::exchange(headers, list.release()));
     set(CURLOPT_HTTPHEADER, headers);
   }
 
