@@ -50,23 +50,27 @@ std::string pem_of(X509* certificate) {
 
 }  // namespace
 
-// A certificate made on the spot for "localhost", signed by itself.
+// A certificate made on the spot, for "localhost" unless it shall be another's.
 struct Server::Tls {
-  Tls() {
+  explicit Tls(Certificate kind) {
+    constexpr long HOUR_S = 3600;
     const std::unique_ptr<EVP_PKEY, decltype([](EVP_PKEY* key) { EVP_PKEY_free(key); })> key(
         EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
     const std::unique_ptr<X509, decltype([](X509* x509) { X509_free(x509); })> x509(X509_new());
     ASN1_INTEGER_set(X509_get_serialNumber(x509.get()), 1);
     X509_set_version(x509.get(), X509_VERSION_3);
-    X509_gmtime_adj(X509_getm_notBefore(x509.get()), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(x509.get()), 86400);
+    X509_gmtime_adj(X509_getm_notBefore(x509.get()), -2 * HOUR_S);
+    X509_gmtime_adj(X509_getm_notAfter(x509.get()),
+                    kind == Certificate::expired ? -HOUR_S : HOUR_S);
     X509_set_pubkey(x509.get(), key.get());
     X509_NAME* const name = X509_get_subject_name(x509.get());
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                                reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
     X509_set_issuer_name(x509.get(), name);
+    const char* const names =
+        kind == Certificate::of_another_host ? "DNS:another.example" : "DNS:localhost";
     X509_EXTENSION* const hosts =
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost");
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, names);
     X509_add_ext(x509.get(), hosts, -1);
     X509_EXTENSION_free(hosts);
     X509_sign(x509.get(), key.get(), EVP_sha256());
@@ -129,10 +133,10 @@ void Exchange::reset() {
   _wire.close(true);
 }
 
-Server::Server(Handler handler, const Options& options)
-    : _handler(std::move(handler)), _hang_up(options.hang_up) {
+Server::Server(Handler handler, Options options)
+    : _handler(std::move(handler)), _greeting(std::move(options.greeting)) {
   if (options.tls) {
-    _tls = std::make_unique<Tls>();
+    _tls = std::make_unique<Tls>(options.certificate);
     _certificate = _tls->certificate;
   }
   _listener = open_listener(128, _port);
@@ -174,7 +178,11 @@ void Server::serve(int socket) {
   pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
   Wire wire(socket, _tls ? _tls->context.get() : nullptr, _stopping);
   if (!wire.greet()) return;
-  if (_hang_up) return wire.close(true);
+  if (_greeting) {
+    Exchange exchange(wire, {});
+    _greeting(exchange);
+    if (wire.closed()) return;
+  }
   while (auto request = wire.next_request()) {
     ++_requests;
     Exchange exchange(wire, std::move(*request));

@@ -63,9 +63,14 @@ class Exchange {
   Request _request;
 };
 
+/// What a server over TLS shows of itself. All are signed by themselves.
+enum class Certificate { good, expired, of_another_host };
+
 struct Options {
   bool tls = false;
-  bool hang_up = false;  ///< Resets every connection after its greeting, unread.
+  Certificate certificate = Certificate::good;
+  /// Plays with each connection, TLS agreed, before its first request is read, if there is any.
+  std::function<void(Exchange&)> greeting{};
 };
 
 /// Serves every connection on a thread of its own until it is destroyed.
@@ -74,7 +79,7 @@ class Server {
   using Handler = std::function<void(Exchange&)>;
 
   /// `handler` is called for every request, on the thread of its connection, several at once.
-  explicit Server(Handler handler, const Options& options = {});
+  explicit Server(Handler handler, Options options = {});
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
   ~Server();
@@ -105,7 +110,7 @@ class Server {
   void serve(int socket);
 
   Handler _handler;
-  bool _hang_up;
+  Handler _greeting;
   std::unique_ptr<Tls> _tls;
   std::string _certificate;
   int _listener = -1;

@@ -74,11 +74,12 @@ class Playback final : public http::Transport {
   std::deque<Reply> _replies;
 };
 
-/// Carries every request to another host, its path kept, over the engine's own transport.
+/// Carries every request to another host, its path kept, over another transport.
 class Detour final : public http::Transport {
  public:
   /// `to`: scheme, host and port.
-  explicit Detour(std::string to) : _to(std::move(to)) {}
+  explicit Detour(std::string to, std::shared_ptr<http::Transport> over = http::make_transport())
+      : _to(std::move(to)), _transport(std::move(over)) {}
 
   std::unique_ptr<http::Exchange> open(http::Request request, http::Watch& watch) override {
     const std::size_t path = request.url.find('/', request.url.find("://") + 3);
@@ -100,7 +101,7 @@ class Detour final : public http::Transport {
   std::string _to;
   mutable std::mutex _mutex;
   std::set<std::string> _meant_for;
-  std::shared_ptr<http::Transport> _transport = http::make_transport();
+  std::shared_ptr<http::Transport> _transport;
 };
 
 }  // namespace playback

@@ -46,36 +46,6 @@ TEST(Lines, MayBeLongAndManyInLinearTime) {
   EXPECT_TRUE(contains(text_of<http::HttpFailure>(too_long), "longer than 16 MiB"));
 }
 
-TEST(Send, TurnsEveryOutcomeIntoOneOfItsOwn) {
-  const http::TransportError cut("cut by KEY-12345678", true);
-  const http::TransportError untrusted("untrusted", false);
-
-  const std::tuple<Reply, bool, std::optional<int>, const char*> cases[] = {
-      // the reply, whether another try may help, the status and the text of the error
-      {{.status = 503, .pieces = {"be\nback"}}, true, 503, "be back"},
-      {{.status = 429, .pieces = {"slow"}, .failure = cut}, true, 429, "slow"},  // its status was told before
-      {{.pieces = {"a"}, .failure = cut}, true, std::nullopt, "cut by ***"},
-      {{.failure = cut}, true, std::nullopt, "cut by ***"},
-      {{.failure = untrusted}, false, std::nullopt, "untrusted"},
-      {{.status = 400, .pieces = {"bad KEY-12345678"}}, false, 400, "bad ***"},
-      {{.status = 404}, false, 404, "check the URL"},
-      {{.status = 302, .location = "https://x/KEY-12345678"}, false, 302, "https://x/***"},
-      {{.pieces = {std::string(101, 'x')}}, false, std::nullopt, "larger than 100 bytes"}};
-  const auto read = [](http::Response& reply) { return reply.read_rest(100); };
-  EXPECT_EQ(play({.status = 204, .pieces = {"a", "b"}}, read), "ab");
-  for (const auto& [reply, transient, status, told] : cases) {
-    try {
-      play(reply, read, POLICY, {"KEY-12345678"});
-      ADD_FAILURE() << "no error: " << told;
-    } catch (const http::Retryable& error) {
-      EXPECT_TRUE(transient && error.status() == status && contains(error.what(), told)) << error.what();
-    } catch (const http::HttpFailure& error) {
-      EXPECT_TRUE(!transient && error.status() == status && contains(error.what(), told)) << error.what();
-      EXPECT_TRUE(error.detail().empty() == reply.pieces.empty() || !status) << error.detail();
-    }
-  }
-}
-
 template <class Read>
 void post(Playback& transport, const std::string& url, const http::Headers& headers, const Json& body, Read read) {
   http::send(url, {.policy = POLICY, .body = body, .headers = headers, .secrets = {}, .transport = &transport}, read);

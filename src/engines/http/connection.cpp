@@ -8,6 +8,7 @@
 #include <new>
 #include <optional>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include <curl/curl.h>
@@ -45,7 +46,7 @@ constexpr std::string_view CHECK_SERVER = "check the URL and that the server run
 constexpr std::string_view CHECK_URL = "check the URL";
 constexpr std::string_view TRY_LATER = "try again later";
 
-constexpr std::array<Outcome, 15> OUTCOMES{{
+constexpr std::array<Outcome, 16> OUTCOMES{{
     {CURLE_COULDNT_RESOLVE_HOST, true, "cannot resolve the name of", CHECK_NETWORK},
     {CURLE_COULDNT_RESOLVE_PROXY, true, "cannot resolve the proxy to", "check the proxy variables"},
     {CURLE_COULDNT_CONNECT, true, "cannot connect to", CHECK_SERVER},
@@ -61,6 +62,9 @@ constexpr std::array<Outcome, 15> OUTCOMES{{
     {CURLE_SSL_CONNECT_ERROR, false, "cannot agree on TLS with", "check that it speaks https"},
     {CURLE_URL_MALFORMAT, false, "malformed URL:", CHECK_URL},
     {CURLE_UNSUPPORTED_PROTOCOL, false, "only http and https are spoken, unlike", CHECK_URL},
+    // What libcurl also says of a header line of more than 100 KB.
+    {CURLE_OUT_OF_MEMORY, false, "out of memory, or a header line is too large, reading from",
+     CHECK_URL},
     {CURLE_WEIRD_SERVER_REPLY, false, "no HTTP server answers at", CHECK_URL},
 }};
 
@@ -104,9 +108,12 @@ std::string origin_of(std::string_view url) {
 }
 
 struct Connection::Handles {
-  Handles() : multi(curl_multi_init()), easy(curl_easy_init()) {
+  // Delegates, so that what has been made is freed if the other has not.
+  Handles() : Handles(curl_multi_init(), curl_easy_init()) {
     if (multi == nullptr || easy == nullptr) throw std::bad_alloc();
   }
+
+  Handles(CURLM* multi_in, CURL* easy_in) : multi(multi_in), easy(easy_in) {}
 
   Handles(const Handles&) = delete;
   Handles& operator=(const Handles&) = delete;
@@ -125,23 +132,21 @@ struct Connection::Handles {
   // A call's headers are mostly those of the call before.
   void set_headers(Headers wanted) {
     if (lines != nullptr && wanted == headers) return;
-    curl_slist* list = nullptr;
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(nullptr, curl_slist_free_all);
     const auto add = [&](const std::string& line) {
-      curl_slist* const longer = curl_slist_append(list, line.c_str());
-      if (longer == nullptr) {
-        curl_slist_free_all(list);
-        throw std::bad_alloc();
-      }
-      list = longer;
+      curl_slist* const longer = curl_slist_append(list.get(), line.c_str());
+      if (longer == nullptr) throw std::bad_alloc();
+      std::ignore = list.release();
+      list.reset(longer);
     };
     for (const auto& [name, value] : wanted) {
       std::string line = name;
       add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": no value
     }
     add("Expect:");  // to wait for leave to send costs a round trip, or a second where none comes
-    curl_slist_free_all(std::exchange(lines, list));
+    set(CURLOPT_HTTPHEADER, list.get());
+    curl_slist_free_all(std::exchange(lines, list.release()));
     headers = std::move(wanted);
-    set(CURLOPT_HTTPHEADER, lines);
   }
 
   CURLM* multi;
@@ -269,7 +274,8 @@ void Connection::perform() {
   while (const CURLMsg* const message = curl_multi_info_read(curl.multi, &queued)) {
     if (message->msg != CURLMSG_DONE) continue;
     curl.result = message->data.result;
-    _failed = curl.result != CURLE_OK;
+    // A peer that closes in the middle of its head has ended it well in libcurl's eyes.
+    _failed = curl.result != CURLE_OK || !_head_complete;
     _under_way = false;
     curl_multi_remove_handle(curl.multi, curl.easy);  // and ends the life of the message
     return;
@@ -353,12 +359,18 @@ void Connection::check() const {
     throw TransportError("the head of the reply is too large from " + _origin, false);
   }
   const Handles& curl = *_handles;
+  if (curl.result == CURLE_OK) {
+    throw TransportError("the head of the reply breaks off from " + _origin, true);
+  }
   // Of a proxy libcurl quotes the whole variable, password included.
   const std::string told = curl.error.data();
   const bool secret =
       curl.result == CURLE_COULDNT_RESOLVE_PROXY || told.starts_with("Unsupported proxy");
   const std::string reason = told.empty() || secret ? curl_easy_strerror(curl.result) : told;
-  const auto* const known = std::ranges::find(OUTCOMES, curl.result, &Outcome::code);
+  // libcurl has one code for a URL and for a reply that are not HTTP's.
+  const bool strange = curl.result == CURLE_UNSUPPORTED_PROTOCOL && _begun;
+  const CURLcode code = strange ? CURLE_WEIRD_SERVER_REPLY : curl.result;
+  const auto* const known = std::ranges::find(OUTCOMES, code, &Outcome::code);
   if (known == OUTCOMES.end()) {
     throw TransportError("the exchange failed with " + _origin + " (" + reason + ")", false);
   }

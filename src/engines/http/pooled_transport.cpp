@@ -1,9 +1,12 @@
 // The engine's own transport: libcurl connections out of a pool, driven on the caller's thread.
+#include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string>
 #include <utility>
+
+#include <pthread.h>
 
 #include "tovren_mapstead/engines/http/transport.hpp"
 
@@ -88,16 +91,32 @@ class PooledTransport final : public Transport {
   std::shared_ptr<Pool> _pool;  // shared with the exchanges, which may outlive the transport
 };
 
+std::string authorities() {
+  const char* const variable = std::getenv("SSL_CERT_FILE");  // NOLINT(concurrency-mt-unsafe)
+  return variable == nullptr ? "" : variable;
+}
+
+// Never destroyed: another thread may be inside a call while the process exits.
+std::atomic<Transport*> process_transport = nullptr;
+
 }  // namespace
 
 std::shared_ptr<Transport> make_transport(const TransportOptions& options) {
-  if (!options.ca_file.empty()) return std::make_shared<PooledTransport>(options.ca_file);
-  const char* const variable = std::getenv("SSL_CERT_FILE");  // NOLINT(concurrency-mt-unsafe)
-  return std::make_shared<PooledTransport>(variable == nullptr ? "" : variable);
+  return std::make_shared<PooledTransport>(options.ca_file.empty() ? authorities()
+                                                                   : options.ca_file);
 }
 
 Transport& default_transport() {
-  static const std::shared_ptr<Transport> transport = make_transport();
+  // A child starts anew. The connections are its parent's, and so are locks held while it forked.
+  [[maybe_unused]] static const int watched =
+      pthread_atfork(nullptr, nullptr, [] { process_transport = nullptr; });
+  Transport* transport = process_transport;
+  if (transport == nullptr) {
+    auto fresh = std::make_unique<PooledTransport>(authorities());
+    if (process_transport.compare_exchange_strong(transport, fresh.get())) {
+      transport = fresh.release();
+    }
+  }
   return *transport;
 }
 

@@ -22,6 +22,44 @@ constexpr int ESCAPE_LEVELS = 4;
 // One is free of the secrets in practice; a secret that is part of them all is cut out.
 constexpr std::array<std::string_view, 3> MASKS{"***", "[redacted]", "#"};
 
+// Too short a secret in Base64 is to be met in any text.
+constexpr std::size_t LEAST_IN_BASE64 = 8;
+
+// The characters of `bytes` in Base64, as far as they do not depend on what stands around them when
+// `before` bytes (0 to 2) precede it in its group of three. RFC 4648, `specials`: the last two
+// digits.
+std::string base64(std::string_view bytes, std::size_t before, std::string_view specials) {
+  std::string out;
+  for (std::size_t bit = (6 - before * 8 % 6) % 6; bit + 6 <= bytes.size() * 8; bit += 6) {
+    const auto byte = [&](std::size_t at) {
+      return at < bytes.size() ? static_cast<unsigned char>(bytes[at]) : 0U;
+    };
+    const unsigned pair = (byte(bit / 8) << 8U) | byte(bit / 8 + 1);
+    const unsigned digit = (pair >> (10 - bit % 8)) & 0x3FU;
+    out += static_cast<char>(digit < 26   ? 'A' + digit
+                             : digit < 52 ? 'a' + digit - 26
+                             : digit < 62 ? '0' + digit - 52
+                                          : static_cast<unsigned char>(specials[digit - 62]));
+  }
+  return out;
+}
+
+// The secrets, and those in Base64, whatever is encoded with them: a user's name before a password.
+Secrets with_base64(const Secrets& secrets) {
+  Secrets all;
+  for (const std::string& secret : secrets) {
+    if (secret.empty()) continue;
+    all.push_back(secret);
+    for (std::size_t before = 0; before < 3 && secret.size() >= LEAST_IN_BASE64; ++before) {
+      for (const char* const specials : {"+/", "-_"}) {
+        std::string coded = base64(secret, before, specials);
+        if (std::ranges::find(all, coded) == all.end()) all.push_back(std::move(coded));
+      }
+    }
+  }
+  return all;
+}
+
 // How servers spell what they echo: in JSON strings, and in URLs (RFC 3986, section 2.1).
 enum class Escapes { json, percent };
 
@@ -198,7 +236,8 @@ void add_cookies(Secrets& secrets, std::string_view cookies) {
 
 }  // namespace
 
-std::string redact(std::string_view text, const Secrets& secrets, Tail tail) {
+std::string redact(std::string_view text, const Secrets& plain, Tail tail) {
+  const Secrets secrets = with_base64(plain);
   const std::vector<Span> spans = occurrences(text, secrets, tail);
   if (spans.empty()) return std::string(text);
   std::string out;

@@ -43,6 +43,8 @@ struct ChatOptions {
 /// A thin OpenAI-compatible chat-completions client.
 /// Immutable and usable from any number of threads at once through a const reference; needs no
 /// closing. Copies share the transport and, for Copilot, the token.
+/// It has to outlive every call on it: to destroy it while another thread is inside `chat` is the
+/// caller's fault.
 class LLMClient {
  public:
   /// Throws std::invalid_argument for a base URL that is not empty and does not start with

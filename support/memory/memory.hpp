@@ -1,0 +1,21 @@
+// Counts what is allocated, by C++ and by libcurl, and lets an allocation fail. A program that
+// links this has its operator new replaced.
+#pragma once
+
+#include <cstddef>
+
+namespace memory {
+
+/// Bytes that are in use now, and the most that were since `forget_peak`; of all threads.
+[[nodiscard]] std::size_t in_use();
+[[nodiscard]] std::size_t peak();
+void forget_peak();
+
+/// Bytes in use that this thread has allocated, less those that it has freed.
+[[nodiscard]] std::ptrdiff_t balance();
+
+/// Lets this thread's `nth` allocation from now on fail, counted from 1; 0: none any more.
+/// Returns whether the one asked for before has failed.
+bool fail(std::size_t nth);
+
+}  // namespace memory
