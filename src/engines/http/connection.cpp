@@ -44,7 +44,7 @@ constexpr std::string_view CHECK_SERVER = "check the URL and that the server run
 constexpr std::string_view CHECK_URL = "check the URL";
 constexpr std::string_view TRY_LATER = "try again later";
 
-constexpr std::array<Outcome, 15> OUTCOMES{{
+constexpr std::array<Outcome, 16> OUTCOMES{{
     {CURLE_COULDNT_RESOLVE_HOST, true, "cannot resolve the name of", CHECK_NETWORK},
     {CURLE_COULDNT_RESOLVE_PROXY, true, "cannot resolve the proxy to", "check the proxy variables"},
     {CURLE_COULDNT_CONNECT, true, "cannot connect to", CHECK_SERVER},
@@ -60,6 +60,9 @@ constexpr std::array<Outcome, 15> OUTCOMES{{
     {CURLE_SSL_CONNECT_ERROR, false, "cannot agree on TLS with", "check that it speaks https"},
     {CURLE_URL_MALFORMAT, false, "malformed URL:", CHECK_URL},
     {CURLE_UNSUPPORTED_PROTOCOL, false, "only http and https are spoken, unlike", CHECK_URL},
+    // What libcurl also says of a header line of more than 100 KB.
+    {CURLE_OUT_OF_MEMORY, false, "out of memory, or a header line is too large, reading from",
+     CHECK_URL},
     {CURLE_WEIRD_SERVER_REPLY, false, "no HTTP server answers at", CHECK_URL},
 }};
 
@@ -262,7 +265,8 @@ void Connection::perform() {
   while (const CURLMsg* const message = curl_multi_info_read(curl.multi, &queued)) {
     if (message->msg != CURLMSG_DONE) continue;
     curl.result = message->data.result;
-    _failed = curl.result != CURLE_OK;
+    // A peer that closes in the middle of its head has ended it well in libcurl's eyes.
+    _failed = curl.result != CURLE_OK || !_head_complete;
     _under_way = false;
     curl_multi_remove_handle(curl.multi, curl.easy);  // and ends the life of the message
     return;
@@ -346,12 +350,18 @@ void Connection::check() const {
     throw TransportError("the head of the reply is too large from " + _origin, false);
   }
   const Handles& curl = *_handles;
+  if (curl.result == CURLE_OK) {
+    throw TransportError("the head of the reply breaks off from " + _origin, true);
+  }
   // Of a proxy libcurl quotes the whole variable, password included.
   const std::string told = curl.error.data();
   const bool secret =
       curl.result == CURLE_COULDNT_RESOLVE_PROXY || told.starts_with("Unsupported proxy");
   const std::string reason = told.empty() || secret ? curl_easy_strerror(curl.result) : told;
-  const auto* const known = std::ranges::find(OUTCOMES, curl.result, &Outcome::code);
+  // libcurl has one code for a URL and for a reply that are not HTTP's.
+  const bool strange = curl.result == CURLE_UNSUPPORTED_PROTOCOL && _begun;
+  const CURLcode code = strange ? CURLE_WEIRD_SERVER_REPLY : curl.result;
+  const auto* const known = std::ranges::find(OUTCOMES, code, &Outcome::code);
   if (known == OUTCOMES.end()) {
     throw TransportError("the exchange failed with " + _origin + " (" + reason + ")", false);
   }
