@@ -12,6 +12,7 @@
 
 #include <curl/curl.h>
 #include <openssl/ssl.h>
+#include <sys/socket.h>
 
 #include "engines/http/text.hpp"
 
@@ -184,6 +185,11 @@ struct Connection::Callbacks {
     return CURL_PREREQFUNC_ABORT;
   }
 
+  // A program that the application starts inherits no connection: it would keep it open.
+  static curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* to) {
+    return socket(to->family, to->socktype | SOCK_CLOEXEC, to->protocol);
+  }
+
   static CURLcode trust(CURL*, void* tls, Connection* self) {
     try {
       SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(tls), self->_trust->store());
@@ -216,6 +222,7 @@ Connection::Connection(std::shared_ptr<Trust> trust) : _trust(std::move(trust)) 
   curl.set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
   curl.set(CURLOPT_PREREQFUNCTION, &Callbacks::begin);
   curl.set(CURLOPT_PREREQDATA, this);
+  curl.set(CURLOPT_OPENSOCKETFUNCTION, &Callbacks::open_socket);
   curl.set(CURLOPT_SSL_CTX_FUNCTION, &Callbacks::trust);
   curl.set(CURLOPT_SSL_CTX_DATA, this);
   curl.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));  // the watch bounds it
