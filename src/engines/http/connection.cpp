@@ -8,6 +8,7 @@
 #include <new>
 #include <optional>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include <curl/curl.h>
@@ -107,9 +108,12 @@ std::string origin_of(std::string_view url) {
 }
 
 struct Connection::Handles {
-  Handles() : multi(curl_multi_init()), easy(curl_easy_init()) {
+  // Delegates, so that what has been made is freed if the other has not.
+  Handles() : Handles(curl_multi_init(), curl_easy_init()) {
     if (multi == nullptr || easy == nullptr) throw std::bad_alloc();
   }
+
+  Handles(CURLM* multi_in, CURL* easy_in) : multi(multi_in), easy(easy_in) {}
 
   Handles(const Handles&) = delete;
   Handles& operator=(const Handles&) = delete;
@@ -128,23 +132,21 @@ struct Connection::Handles {
   // A call's headers are mostly those of the call before.
   void set_headers(Headers wanted) {
     if (lines != nullptr && wanted == headers) return;
-    curl_slist* list = nullptr;
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(nullptr, curl_slist_free_all);
     const auto add = [&](const std::string& line) {
-      curl_slist* const longer = curl_slist_append(list, line.c_str());
-      if (longer == nullptr) {
-        curl_slist_free_all(list);
-        throw std::bad_alloc();
-      }
-      list = longer;
+      curl_slist* const longer = curl_slist_append(list.get(), line.c_str());
+      if (longer == nullptr) throw std::bad_alloc();
+      std::ignore = list.release();
+      list.reset(longer);
     };
     for (const auto& [name, value] : wanted) {
       std::string line = name;
       add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": no value
     }
     add("Expect:");  // to wait for leave to send costs a round trip, or a second where none comes
-    curl_slist_free_all(std::exchange(lines, list));
+    set(CURLOPT_HTTPHEADER, list.get());
+    curl_slist_free_all(std::exchange(lines, list.release()));
     headers = std::move(wanted);
-    set(CURLOPT_HTTPHEADER, lines);
   }
 
   CURLM* multi;
