@@ -44,6 +44,7 @@ TEST(Transport, SortsWhatGoesWrongOnTheWay) {
     if (path == "/reset") return exchange.reset();
     if (path == "/cut") exchange.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\ncut");
     if (path == "/chunk") exchange.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\ncu");
+    if (path == "/half") exchange.send("HTTP/1.1 200 OK\r\nContent-");
     if (path == "/ssh") exchange.send("SSH-2.0-OpenSSH_9\r\n");
     if (path == "/head") exchange.send("HTTP/1.1 200 OK\r\n");
     for (int i = 0; path == "/head" && i < 400; ++i) exchange.send("A: " + std::string(1000, 'x') + "\r\n");
@@ -59,10 +60,11 @@ TEST(Transport, SortsWhatGoesWrongOnTheWay) {
       {server.url() + "/nothing", true, "empty reply"},
       {server.url() + "/cut", true, "breaks off"},
       {server.url() + "/chunk", true, "127.0.0.1"},
+      {server.url() + "/half", true, "head of the reply breaks off"},
       {loopback::refused_url(), true, "cannot connect"},
       {"http://no.such.host.invalid/", true, "cannot resolve"},
       {slow.url(), true, "nothing moved for 0.2 s"},
-      {server.url() + "/ssh", false, "only http"},
+      {server.url() + "/ssh", false, "no HTTP server"},
       {server.url() + "/head", false, "too large"},
       {server.url() + "/moved", false, "not followed"},
       {tls.url(), false, "cannot trust"},
