@@ -63,7 +63,7 @@ void run_cold(benchmark::State& state, Prepare prepare, Run run) {
 void strip(benchmark::State& state, std::string (*make)(std::size_t)) {
   const std::string text = make(static_cast<std::size_t>(state.range(0)));
   run_cold(
-      state, [&] { return text; },
+      state, [&] { return std::string(text); },
       [](std::string content) { return llm::_strip_reasoning(std::move(content)); });
 }
 

@@ -135,7 +135,8 @@ std::string Endpoint::line() {
   if (!_pipe || std::fgets(text.data(), text.size(), _pipe.get()) == nullptr) {
     throw std::runtime_error("the server of the benchmarks does not start");
   }
-  return std::string(text.data(), std::string_view(text.data()).find('\n'));
+  const std::string_view all(text.data());
+  return std::string(all.substr(0, all.find('\n')));
 }
 
 }  // namespace bench

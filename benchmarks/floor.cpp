@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 #include <stdexcept>
+#include <tuple>
 
 #include <emmintrin.h>
 
@@ -55,6 +56,21 @@ void escape(std::string_view text, std::string& out) {
   out.resize(static_cast<std::size_t>(to - out.data()));
 }
 
+void take_choice(const simdjson::dom::element& choices, std::string_view holder, Answer& answer) {
+  simdjson::dom::array list;
+  simdjson::dom::object choice;
+  std::string_view text;
+  if (choices.get(list) != simdjson::SUCCESS) return;
+  if (list.at(0).get(choice) != simdjson::SUCCESS) return;
+  for (const auto& [name, value] : choice) {
+    if (name == holder) {
+      if (value["content"].get(text) == simdjson::SUCCESS) answer.content += text;
+    } else if (name == "finish_reason" && value.get(text) == simdjson::SUCCESS) {
+      answer.finish_reason = text;
+    }
+  }
+}
+
 }  // namespace
 
 Floor::Floor(const std::string& url, bool stream) : _stream(stream) {
@@ -94,28 +110,17 @@ void Floor::reserve(std::size_t room) {
 
 void Floor::take_json(std::size_t start, std::size_t size, std::string_view holder,
                       Answer& answer) {
-  using simdjson::dom::array;
-  using simdjson::dom::object;
-  object root;
+  simdjson::dom::object root;
+  std::string_view text;
   if (_parser.parse(_buffer.get() + start, size, false).get(root) != simdjson::SUCCESS) return;
   for (const auto& [name, value] : root) {
-    std::string_view text;
     if (name == "choices") {
-      array choices;
-      object choice;
-      if (value.get(choices) != simdjson::SUCCESS || choices.at(0).get(choice)) continue;
-      for (const auto& [inner, member] : choice) {
-        if (inner == holder) {
-          if (member["content"].get(text) == simdjson::SUCCESS) answer.content += text;
-        } else if (inner == "finish_reason" && member.get(text) == simdjson::SUCCESS) {
-          answer.finish_reason = text;
-        }
-      }
+      take_choice(value, holder, answer);
     } else if (name == "model") {
       if (value.get(text) == simdjson::SUCCESS) answer.model = text;
     } else if (name == "usage" && value.is_object()) {
-      if (value["prompt_tokens"].get(answer.prompt_tokens)) answer.prompt_tokens = 0;
-      if (value["completion_tokens"].get(answer.completion_tokens)) answer.completion_tokens = 0;
+      std::ignore = value["prompt_tokens"].get(answer.prompt_tokens);
+      std::ignore = value["completion_tokens"].get(answer.completion_tokens);
     }
   }
 }

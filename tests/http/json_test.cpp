@@ -16,6 +16,7 @@ TEST(JsonReader, ReadsWhateverIsJson) {
       // the text, and what its member `a` says; null: it is not JSON
       {R"({"a":"x"})", "x"},
       {R"({"a":1,"b":2,"a":3})", "3"},
+      {R"({"a":[[[[[[[[[[7]]]]]]]]]]})", "[[[[[[[[[[7]]]]]]]]]]"},
       {R"({"\u0061":"escaped name"})", "escaped name"},
       {R"({"a":"\ud83d\ude00"})", "\U0001F600"},
       {R"({"a":"\ud83d"})", "\uFFFD"},

@@ -114,8 +114,9 @@ struct JsonReader::Parser {
     }
     if (text.size() > parser.capacity()) {
       // Twice as much each time, or a stream of slowly growing events would allocate for each.
-      // A small text cannot be deep: it needs little memory.
-      const std::size_t capacity = std::max(text.size(), 2 * parser.capacity());
+      // A small text cannot be deep: it needs little memory. (simdjson makes a parser for fewer
+      // than 32 bytes larger by itself, but not deeper.)
+      const std::size_t capacity = std::max({text.size(), 2 * parser.capacity(), std::size_t{64}});
       error = parser.allocate(capacity, std::min(capacity, simdjson::DEFAULT_MAX_DEPTH));
       if (error != simdjson::SUCCESS) return std::nullopt;
     }
