@@ -196,15 +196,15 @@ class EventStream final : public openai::ChunkStream {
       if (!line.starts_with(PREFIX)) continue;
       const std::string_view payload = trimmed(line.substr(PREFIX.size()));
       if (payload == "[DONE]") break;
-      const auto event = _reader.parse(payload);
-      if (!event || event->kind() != JsonValue::Kind::object) continue;
-      if (const JsonValue error = (*event)["error"]; !error.empty()) {
+      const JsonValue event = _reader.parse_padded(payload);
+      if (event.kind() != JsonValue::Kind::object) continue;
+      if (const JsonValue error = event["error"]; !error.empty()) {
         const JsonValue message = error["message"];
         _error = message.empty() ? error.text() : message.text();
         continue;
       }
-      _finished = _finished || !(*event)["choices"].front()["finish_reason"].empty();
-      return to_chunk(*event);
+      _finished = _finished || !event["choices"].front()["finish_reason"].empty();
+      return to_chunk(event);
     }
     _ended = true;
     // A provider that has told its finish reason has given its answer, whatever it reports besides.

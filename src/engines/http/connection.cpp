@@ -21,7 +21,7 @@ namespace tovren_mapstead::engines::http {
 namespace {
 
 // A fast sender is held back once so much of a body waits to be taken.
-constexpr std::size_t PAUSE_BYTES = std::size_t{32} << 10U;
+constexpr std::size_t PAUSE_BYTES = std::size_t{48} << 10U;
 
 // libcurl reads 16 KB at a time. Where a read brought much less, nothing more has come yet.
 constexpr std::size_t HALF_READ_BYTES = std::size_t{8} << 10U;
