@@ -38,7 +38,7 @@ constexpr std::array WORKS{
     Work{"whole_20k", "/whole/20000", false, 100, 101, 25, 1.3},
     Work{"prompt_100k", "/whole/1", false, 100'000, 101, 13, 1.5},
     Work{"prompt_1m", "/whole/1", false, 1'000'000, 51, 5, 1.5},
-    Work{"paced_200", "/paced/200", true, 100, 15, 1, 1.2},
+    Work{"paced_200", "/paced/200", true, 100, 25, 1, 1.2},
 };
 
 constexpr int THREAD_ROUNDS = 25;

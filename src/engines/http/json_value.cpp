@@ -145,16 +145,19 @@ JsonValue JsonReader::parse_padded(std::string_view text) {
   return _parser->parse({padded.data(), size}, true);
 }
 
-JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
+std::size_t JsonReader::capacity() const noexcept {
+  return _parser->parser.capacity();
+}
+
+JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
   constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
   std::string body = reply.read_rest(policy.max_body_bytes);
   const std::size_t size = body.size();
   body.append(Response::PADDING, '\0');  // so that it is read where it lies
   std::string_view text(body.data(), size);
   if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
-  JsonDocument document;
-  document._root = document._reader.parse_padded(text);
-  if (document._root.present()) return document;
+  const JsonValue root = reply.reader().parse_padded(text);
+  if (root.present()) return root;
   constexpr const char* WRONG =
       "request failed: the reply is not JSON; check that the URL is that of an API";
   const std::string mended = mend(text);

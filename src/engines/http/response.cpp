@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <optional>
 #include <utility>
 
+#include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 
 #include "engines/http/quote.hpp"
@@ -160,6 +162,7 @@ struct Response::Impl {
   bool failed = false;
   Watch watch;
   std::unique_ptr<Exchange> exchange;
+  std::optional<JsonReader> reader;  // where the exchange has none
   std::string buffer;
   std::size_t reads = 0;
   std::size_t start = 0;  // of what has not been handed out
@@ -202,6 +205,12 @@ std::optional<std::string_view> Response::next_line() {
 
 std::size_t Response::reads() const noexcept {
   return _impl->reads;
+}
+
+JsonReader& Response::reader() {
+  if (JsonReader* const kept = _impl->exchange->reader()) return *kept;
+  if (!_impl->reader) _impl->reader.emplace();
+  return *_impl->reader;
 }
 
 std::string Response::read_rest(std::size_t max_bytes) {

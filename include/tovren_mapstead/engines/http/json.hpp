@@ -18,7 +18,7 @@
 namespace tovren_mapstead::engines::http {
 
 /// A value inside a JSON text, or the absence of one. Cheap to copy, read-only; valid as long as
-/// the JsonReader or JsonDocument that it came from, and until that one parses again.
+/// the JsonReader that it came from, and until that one parses again.
 class JsonValue {
  public:
   /// Each in the letter that the parser has for it, so that none needs looking up.
@@ -139,26 +139,17 @@ class JsonReader {
   /// are readable, too.
   JsonValue parse_padded(std::string_view text);
 
+  /// The size of the longest text that it has memory for, in bytes; each takes some 14.
+  [[nodiscard]] std::size_t capacity() const noexcept;
+
  private:
   struct Parser;
   std::unique_ptr<Parser> _parser;
 };
 
-/// A whole JSON text and its root.
-class JsonDocument {
- public:
-  [[nodiscard]] const JsonValue& root() const noexcept { return _root; }
-
- private:
-  friend JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
-
-  JsonReader _reader;
-  JsonValue _root;
-};
-
-/// Reads the whole body of `reply`, at most `policy.max_body_bytes`, as JSON.
-/// Throws Retryable when the text breaks off before its end, HttpFailure, which quotes the start of
-/// the body, when it is not JSON, and what reading throws.
-JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
+/// Reads the whole body of `reply`, at most `policy.max_body_bytes`, as JSON. The value lives as
+/// long as the reply. Throws Retryable when the text breaks off before its end, HttpFailure, which
+/// quotes the start of the body, when it is not JSON, and what reading throws.
+JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
 
 }  // namespace tovren_mapstead::engines::http

@@ -52,6 +52,9 @@ class Response {
   /// same moment.
   [[nodiscard]] std::size_t reads() const noexcept;
 
+  /// A reader for what comes, in memory that later replies use again.
+  [[nodiscard]] JsonReader& reader();
+
   /// What is left of the body, up to `max_bytes`; more than that is an HttpFailure.
   std::string read_rest(std::size_t max_bytes);
 

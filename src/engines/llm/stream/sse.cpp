@@ -89,7 +89,7 @@ LLMResult _parse_sse_stream(http::Response& response, const std::string& fallbac
   constexpr std::string_view PREFIX = "data:";
   const TimeLimit limit(options.timeout_s, options.clock);
   Accumulator stream(fallback_model, options.secrets);
-  http::JsonReader reader;
+  http::JsonReader& reader = response.reader();
   std::size_t reads = 0;
   for (const std::string_view raw : response) {
     // Lines of one read have come together. Only a clock of the caller's could tell them apart.
