@@ -25,22 +25,23 @@ struct Work {
   const char* path;
   bool stream;
   std::size_t prompt_bytes;
-  int calls;  // a round
+  int rounds;  // many and short, so that the two of a round see the same machine
+  int calls;   // a round
   double limit;
 };
 
 constexpr std::array WORKS{
-    Work{"stream_50", "/stream/50", true, 100, 60, 1.4},
-    Work{"stream_1000", "/stream/1000", true, 100, 20, 1.25},
-    Work{"stream_20000", "/stream/20000", true, 100, 2, 1.2},
-    Work{"whole_small", "/whole/1", false, 100, 200, 1.4},
-    Work{"whole_20k", "/whole/20000", false, 100, 100, 1.3},
-    Work{"prompt_100k", "/whole/1", false, 100'000, 50, 1.5},
-    Work{"prompt_1m", "/whole/1", false, 1'000'000, 5, 1.5},
-    Work{"paced_200", "/paced/200", true, 100, 1, 1.2},
+    Work{"stream_50", "/stream/50", true, 100, 101, 15, 1.4},
+    Work{"stream_1000", "/stream/1000", true, 100, 101, 5, 1.25},
+    Work{"stream_20000", "/stream/20000", true, 100, 51, 1, 1.2},
+    Work{"whole_small", "/whole/1", false, 100, 101, 50, 1.4},
+    Work{"whole_20k", "/whole/20000", false, 100, 101, 25, 1.3},
+    Work{"prompt_100k", "/whole/1", false, 100'000, 101, 13, 1.5},
+    Work{"prompt_1m", "/whole/1", false, 1'000'000, 51, 5, 1.5},
+    Work{"paced_200", "/paced/200", true, 100, 25, 1, 1.2},
 };
 
-constexpr int ROUNDS = 15;
+constexpr int THREAD_ROUNDS = 25;
 constexpr int THREADS = 8;
 
 // Like source code: short lines, some quotes.
@@ -89,18 +90,35 @@ double cpu_us_of(int calls, Call call) {
   return 1e6 * (cpu_s() - start) / calls;
 }
 
+struct Compared {
+  double ours;
+  double floor;
+  double ratio;  // the median of the rounds' own
+};
+
+// In turn, so that a machine whose speed drifts spoils both alike.
+template <class Ours, class Floors>
+Compared compare(int rounds, Ours ours, Floors floor) {
+  std::vector<double> mine;
+  std::vector<double> least;
+  std::vector<double> ratios;
+  for (int round = 0; round < rounds; ++round) {
+    mine.push_back(ours());
+    least.push_back(floor());
+    ratios.push_back(mine.back() / least.back());
+  }
+  return {.ours = median(mine), .floor = median(least), .ratio = median(ratios)};
+}
+
 Figure measure(const std::string& url, const Work& work) {
   Subjects subjects(url, work);
-  std::vector<double> ours;
-  std::vector<double> floor;
-  // In turn, so that a machine whose speed drifts spoils both alike.
-  for (int round = 0; round < ROUNDS; ++round) {
-    ours.push_back(cpu_us_of(work.calls, [&] { std::ignore = subjects.ours(); }));
-    floor.push_back(cpu_us_of(work.calls, [&] { std::ignore = subjects.floor(); }));
-  }
+  const auto [ours, floor, ratio] = compare(
+      work.rounds, [&] { return cpu_us_of(work.calls, [&] { std::ignore = subjects.ours(); }); },
+      [&] { return cpu_us_of(work.calls, [&] { std::ignore = subjects.floor(); }); });
   return {.name = work.name,
-          .ours = median(ours),
-          .floor = median(floor),
+          .ours = ours,
+          .floor = floor,
+          .ratio = ratio,
           .unit = "us",
           .limit = work.limit};
 }
@@ -108,7 +126,7 @@ Figure measure(const std::string& url, const Work& work) {
 // How many calls a second some threads make together.
 template <class MakeCall>
 double rate(MakeCall make_call) {
-  constexpr int CALLS = 500;
+  constexpr int CALLS = 300;
   std::vector<std::jthread> threads;
   const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < THREADS; ++i) {
@@ -126,19 +144,19 @@ Figure measure_threads(const std::string& url) {
   const std::string base = url + "/whole/1";
   const llm::LLMClient client({.base_url = base, .model = "m", .api_key = "k", .stream = false});
   const llm::Messages messages{{{"role", "user"}, {"content", prompt_of(100)}}};
-  std::vector<double> ours;
-  std::vector<double> floor;
-  for (int round = 0; round < ROUNDS; ++round) {
-    ours.push_back(rate([&] { return [&] { std::ignore = client.chat(messages); }; }));
-    floor.push_back(rate([&] {
-      return [floor = std::make_shared<Floor>(base, false), prompt = prompt_of(100)] {
-        floor->call(prompt);
-      };
-    }));
-  }
+  const auto ours_once = [&] { std::ignore = client.chat(messages); };
+  const auto make_floor = [&] {
+    return [floor = std::make_shared<Floor>(base, false), prompt = prompt_of(100)] {
+      std::ignore = floor->call(prompt);
+    };
+  };
+  const auto [ours, floor, ratio] = compare(
+      THREAD_ROUNDS, [&] { return rate([&] { return ours_once; }); },
+      [&] { return rate(make_floor); });
   return {.name = "threads_8",
-          .ours = median(ours),
-          .floor = median(floor),
+          .ours = ours,
+          .floor = floor,
+          .ratio = ratio,
           .unit = "calls/s",
           .limit = 0.8,
           .at_least = true};

@@ -99,6 +99,9 @@ void answer(Exchange& exchange, int connections) {
     exchange.end_stream();
   } else if (what == "whole") {
     exchange.reply(200, whole(text_of(number)));
+  } else if (what == "once") {
+    exchange.reply(200, whole(text_of(number)), "application/json", "Connection: close\r\n");
+    exchange.close();
   } else if (what == "connections") {
     exchange.reply(200, whole(std::to_string(connections)));
   } else {

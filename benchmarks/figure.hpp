@@ -12,12 +12,13 @@ struct Figure {
   const std::string name;
   const double ours;
   const std::optional<double> floor{};
+  const std::optional<double> ratio{};  ///< Where it is more than `ours` to `floor`.
   const std::string unit;
   const double limit;           ///< What the ratio, else the figure itself, should not exceed.
   const bool at_least = false;  ///< The limit is what it should reach instead.
 
   /// What is held against the limit.
-  [[nodiscard]] double judged() const { return floor ? ours / *floor : ours; }
+  [[nodiscard]] double judged() const { return ratio ? *ratio : floor ? ours / *floor : ours; }
 
   [[nodiscard]] bool met() const { return at_least ? judged() >= limit : judged() <= limit; }
 };

@@ -98,7 +98,7 @@ std::string expected(const std::string& body) {
     if (const std::string text = text_of(member(first, "finish_reason")); !text.empty()) finish_reason = with_halves(text, false);
     for (std::size_t i = 0; i < 2; ++i) {
       const Json count = member(member(chunk, "usage"), i == 0 ? "prompt_tokens" : "completion_tokens");
-      counts[i] = llm::_as_int(*http::JsonReader().parse(count.dump()), counts[i]);
+      counts[i] = llm::_as_int(http::JsonReader().parse(count.dump()), counts[i]);
     }
   }
   content = llm::_strip_reasoning(with_halves(content, false));

@@ -196,15 +196,15 @@ class EventStream final : public openai::ChunkStream {
       if (!line.starts_with(PREFIX)) continue;
       const std::string_view payload = trimmed(line.substr(PREFIX.size()));
       if (payload == "[DONE]") break;
-      const auto event = _reader.parse(payload);
-      if (!event || event->kind() != JsonValue::Kind::object) continue;
-      if (const JsonValue error = (*event)["error"]; !error.empty()) {
+      const JsonValue event = _reply.reader().parse_padded(payload);
+      if (event.kind() != JsonValue::Kind::object) continue;
+      if (const JsonValue error = event["error"]; !error.empty()) {
         const JsonValue message = error["message"];
         _error = message.empty() ? error.text() : message.text();
         continue;
       }
-      _finished = _finished || !(*event)["choices"].front()["finish_reason"].empty();
-      return to_chunk(*event);
+      _finished = _finished || !event["choices"].front()["finish_reason"].empty();
+      return to_chunk(event);
     }
     _ended = true;
     // A provider that has told its finish reason has given its answer, whatever it reports besides.
@@ -214,7 +214,6 @@ class EventStream final : public openai::ChunkStream {
 
   std::unique_ptr<Bounds> _bounds;
   http::Response _reply;
-  http::JsonReader _reader;
   std::optional<std::string> _error;
   bool _finished = false;
   bool _ended = false;
@@ -275,7 +274,7 @@ class Client final : public openai::OpenAI {
         return std::make_unique<EventStream>(std::move(bounds), std::move(reply));
       }
       openai::Completion completion =
-          to_completion(http::read_json(reply, bounds->policy, bounds->secrets).root());
+          to_completion(http::read_json(reply, bounds->policy, bounds->secrets));
       if (!stream) return completion;
       return std::make_unique<WholeStream>(to_chunk(std::move(completion)));
     });

@@ -71,7 +71,7 @@ TEST(AsInt, ConvertsWhatIsANumber) {
       {"1e999", 77},
       {"\"9223372036854775808\"", 77}};
   http::JsonReader reader;
-  for (const auto& [text, number] : cases) EXPECT_EQ(llm::_as_int(*reader.parse(text), 77), number) << text;
+  for (const auto& [text, number] : cases) EXPECT_EQ(llm::_as_int(reader.parse(text), 77), number) << text;
   EXPECT_EQ(llm::_as_int(http::JsonValue()), 0);
 }
 
@@ -87,7 +87,7 @@ TEST(Completion, IsReadFromAWholeBody) {
            "usage":{"prompt_tokens":"12","completion_tokens":1e999}})",
        {"A", "x", 12, 0, "length"}}};
   http::JsonReader reader;
-  for (const auto& [text, result] : cases) EXPECT_EQ(llm::_parse_completion(*reader.parse(text), "m"), result) << text;
+  for (const auto& [text, result] : cases) EXPECT_EQ(llm::_parse_completion(reader.parse(text), "m"), result) << text;
 }
 
 TEST(Completion, FailsInWords) {
@@ -105,7 +105,7 @@ TEST(Completion, FailsInWords) {
       {R"({"choices":[{"message":{"content":[1]}}]})", "LLM response is malformed: 'content' is not a string" + check + R"({"choices":[{"message":{"content":[1]}}]})"}};
   http::JsonReader reader;
   for (const auto& [text, told] : cases) {
-    const auto payload = *reader.parse(text);
+    const auto payload = reader.parse(text);
     EXPECT_EQ(text_of<llm::LLMError>([&] { std::ignore = llm::_parse_completion(payload, "m", {"KEY-1"}); }), told);
   }
 }

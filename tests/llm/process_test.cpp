@@ -89,7 +89,7 @@ TEST(Process, SurvivesEveryLackOfMemory) {
         const Json body = "x";
         const auto post = [&] {
           return http::send(server.url(), {.policy = POLICY, .body = body, .headers = {{"Authorization", "Bearer sk-1"}}, .secrets = {"sk-1"}, .transport = transport.get()},
-                            [](http::Response& reply) { return llm::_parse_completion(http::read_json(reply, POLICY, {}).root(), "m", {}); });
+                            [](http::Response& reply) { return llm::_parse_completion(http::read_json(reply, POLICY, {}), "m", {}); });
         };
         memory::fail(nth);
         try {

@@ -99,7 +99,7 @@ Token exchange(const std::string& credential, const AuthOptions& options, const 
                                  .max_body_bytes = MAX_REPLY_BYTES};
   const auto read = [&](http::Response& reply) {
     try {
-      return http::read_json(reply, policy, kept_out);
+      return token_in(http::read_json(reply, policy, kept_out), credential, options.unix_time_s());
     } catch (const http::HttpFailure&) {
       // Its text quotes a reply that may hold a token.
       throw CopilotError(
@@ -107,14 +107,13 @@ Token exchange(const std::string& credential, const AuthOptions& options, const 
     }
   };
   try {
-    const http::JsonDocument reply = http::get(TOKEN_URL,
-                                               {.policy = policy,
-                                                .timeout_s = policy.timeout_s,
-                                                .headers = headers,
-                                                .secrets = kept_out,
-                                                .transport = options.transport.get()},
-                                               read);
-    return token_in(reply.root(), credential, options.unix_time_s());
+    return http::get(TOKEN_URL,
+                     {.policy = policy,
+                      .timeout_s = policy.timeout_s,
+                      .headers = headers,
+                      .secrets = kept_out,
+                      .transport = options.transport.get()},
+                     read);
   } catch (const http::HttpFailure& failure) {
     refuse(failure);
   }

@@ -21,7 +21,7 @@ namespace tovren_mapstead::engines::http {
 namespace {
 
 // A fast sender is held back once so much of a body waits to be taken.
-constexpr std::size_t PAUSE_BYTES = std::size_t{32} << 10U;
+constexpr std::size_t PAUSE_BYTES = std::size_t{48} << 10U;
 
 // libcurl reads 16 KB at a time. Where a read brought much less, nothing more has come yet.
 constexpr std::size_t HALF_READ_BYTES = std::size_t{8} << 10U;
@@ -31,6 +31,9 @@ constexpr std::size_t MAX_HEAD_BYTES = std::size_t{256} << 10U;
 
 // To save a connection, so much is read past that follows what the caller wanted.
 constexpr std::size_t MAX_DRAIN_BYTES = std::size_t{64} << 10U;
+
+// The JSON reader of a larger reply is not kept: idle connections would hold its memory.
+constexpr std::size_t MAX_KEPT_TEXT = std::size_t{32} << 10U;
 
 // How a transfer ended that libcurl could not finish, whether another may fare better, and what the
 // user can do. What is not listed is final: repeating what is not understood helps nobody.
@@ -287,6 +290,10 @@ bool Connection::poll(std::chrono::milliseconds longest) {
   _has_to_wait = false;
   require(curl_multi_poll(_handles->multi, nullptr, 0, static_cast<int>(longest.count()), &ready));
   return ready > 0;
+}
+
+void Connection::save_memory() {
+  if (_reader.capacity() > MAX_KEPT_TEXT) _reader = {};
 }
 
 void Connection::resume() {

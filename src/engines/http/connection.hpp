@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/transport.hpp"
 
 #include "engines/http/trust.hpp"
@@ -62,6 +63,12 @@ class Connection {
 
   [[nodiscard]] const std::string& origin() const noexcept { return _origin; }
 
+  /// For the JSON of the reply.
+  [[nodiscard]] JsonReader& reader() noexcept { return _reader; }
+
+  /// Gives back what an idle connection is not to hold. Ends the life of what was read.
+  void save_memory();
+
  private:
   struct Handles;
   struct Callbacks;
@@ -72,6 +79,7 @@ class Connection {
 
   const std::shared_ptr<Trust> _trust;
   std::unique_ptr<Handles> _handles;
+  JsonReader _reader;
   std::string _origin;
   std::string _body;  // of the request; libcurl reads it in place
   Head _head;

@@ -14,44 +14,39 @@ namespace tovren_mapstead::engines::http {
 /// What the parser's elements are as values.
 [[nodiscard]] inline JsonValue::Kind kind_of(simdjson::dom::element_type type) noexcept {
   using simdjson::dom::element_type;
-  switch (type) {
-    case element_type::ARRAY:
-      return JsonValue::Kind::array;
-    case element_type::OBJECT:
-      return JsonValue::Kind::object;
-    case element_type::INT64:
-    case element_type::UINT64:
-      return JsonValue::Kind::integer;
-    case element_type::DOUBLE:
-      return JsonValue::Kind::real;
-    case element_type::STRING:
-      return JsonValue::Kind::string;
-    case element_type::BOOL:
-      return JsonValue::Kind::boolean;
-    case element_type::NULL_VALUE:
-      break;
-  }
-  return JsonValue::Kind::null;
+  using Kind = JsonValue::Kind;
+  const auto is = [](Kind kind, element_type letter) {
+    return static_cast<char>(kind) == static_cast<char>(letter);
+  };
+  static_assert(is(Kind::null, element_type::NULL_VALUE) && is(Kind::boolean, element_type::BOOL) &&
+                is(Kind::integer, element_type::INT64) && is(Kind::real, element_type::DOUBLE) &&
+                is(Kind::string, element_type::STRING) && is(Kind::array, element_type::ARRAY) &&
+                is(Kind::object, element_type::OBJECT));
+  return type == element_type::UINT64 ? Kind::integer : static_cast<Kind>(type);
 }
 
 /// The way between values and the parser's elements.
 struct JsonAccess {
   static JsonValue value(simdjson::dom::element element, bool mended) noexcept {
     JsonValue value;
-    value._place = std::bit_cast<JsonValue::Place>(element);
     value._kind = kind_of(element.type());
     value._mended = mended;
+    if (std::string_view text; element.get(text) == simdjson::SUCCESS) {
+      value._place = {text.data(), text.size()};
+    } else {
+      value._place = std::bit_cast<JsonValue::Place>(element);
+    }
     return value;
   }
 
   static bool mended(const JsonValue& value) noexcept { return value._mended; }
 
-  /// What `value` is, as its own type; else nothing of that type: false, 0, empty.
+  /// What `value` is, as its own type; else nothing of that type: false, 0, empty. Not for strings.
   template <class Type>
   static Type taken(const JsonValue& value) noexcept {
     Type result{};
     const bool found =
-        value._place.document != nullptr &&
+        value._kind != JsonValue::Kind::absent && value._kind != JsonValue::Kind::string &&
         std::bit_cast<simdjson::dom::element>(value._place).get(result) == simdjson::SUCCESS;
     return found ? result : Type{};
   }

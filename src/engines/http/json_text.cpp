@@ -130,6 +130,8 @@ void Writer::string(std::string_view text, const Place* place) {
   if (!simdjson::validate_utf8(text.data(), text.size())) {
     refuse("text that is not valid UTF-8", place);
   }
+  // Room for a text with few escapes, as prompts are: to grow to it would write it twice.
+  _out.reserve(_out.size() + text.size() + text.size() / 8 + 2);
   _out += '"';
   while (!text.empty()) {
     const std::string_view piece = text.substr(0, PIECE);

@@ -15,6 +15,8 @@ namespace {
 
 using simdjson::dom::element;
 
+static_assert(Response::PADDING >= simdjson::SIMDJSON_PADDING);
+
 }  // namespace
 
 bool is_utf8(std::string_view text) noexcept {
@@ -33,7 +35,7 @@ bool JsonValue::holds_nothing() const {
     case Kind::real:
       return real() == 0;
     case Kind::string:
-      return JsonAccess::taken<std::string_view>(*this).empty();
+      return bytes().empty();
     case Kind::array: {
       const auto array = JsonAccess::taken<simdjson::dom::array>(*this);
       return array.begin() == array.end();
@@ -77,25 +79,20 @@ double JsonValue::real() const {
   return JsonAccess::taken<double>(*this);
 }
 
-void JsonValue::append_text(std::string& out) const {
-  const auto add = [&](std::string_view text) {
-    if (_mended) {
-      append_unmended(out, text);
-    } else {
-      out += text;
-    }
-  };
+void JsonValue::append_other(std::string& out) const {
   if (_kind == Kind::absent) return;
-  if (_kind != Kind::string) {
-    add(simdjson::minify(std::bit_cast<element>(_place)));
+  const std::string text = _kind == Kind::string ? std::string(bytes())
+                                                 : simdjson::minify(std::bit_cast<element>(_place));
+  if (_mended) {
+    append_unmended(out, text);
   } else {
-    add(JsonAccess::taken<std::string_view>(*this));
+    out += text;
   }
 }
 
-void JsonValue::assign_text(std::string& out) const {
+void JsonValue::assign_other(std::string& out) const {
   out.clear();
-  append_text(out);
+  append_other(out);
   if (_mended) join_halves(out);
 }
 
@@ -106,28 +103,22 @@ std::string JsonValue::text() const {
 }
 
 struct JsonReader::Parser {
-  std::optional<JsonValue> parse(std::string_view text, std::size_t readable, bool mended) {
-    const char* bytes = text.data();
-    if (readable < simdjson::SIMDJSON_PADDING) {
-      padded.assign(text).append(simdjson::SIMDJSON_PADDING, '\0');
-      bytes = padded.data();
-    }
-    if (text.size() > parser.capacity()) {
+  JsonValue parse(std::string_view padded, bool mended) {
+    if (padded.size() > parser.capacity()) {
       // Twice as much each time, or a stream of slowly growing events would allocate for each.
       // A small text cannot be deep: it needs little memory. (simdjson makes a parser for fewer
       // than 32 bytes larger by itself, but not deeper.)
-      const std::size_t capacity = std::max({text.size(), 2 * parser.capacity(), std::size_t{64}});
+      const std::size_t capacity =
+          std::max({padded.size(), 2 * parser.capacity(), std::size_t{64}});
       error = parser.allocate(capacity, std::min(capacity, simdjson::DEFAULT_MAX_DEPTH));
-      if (error != simdjson::SUCCESS) return std::nullopt;
+      if (error != simdjson::SUCCESS) return {};
     }
     element root;
-    error = parser.parse(bytes, text.size(), false).get(root);
-    if (error != simdjson::SUCCESS) return std::nullopt;
-    return JsonAccess::value(root, mended);
+    error = parser.parse(padded.data(), padded.size(), false).get(root);
+    return error == simdjson::SUCCESS ? JsonAccess::value(root, mended) : JsonValue();
   }
 
   simdjson::dom::parser parser;
-  std::string padded;
   simdjson::error_code error = simdjson::SUCCESS;
 };
 
@@ -137,25 +128,36 @@ JsonReader::JsonReader(JsonReader&&) noexcept = default;
 JsonReader& JsonReader::operator=(JsonReader&&) noexcept = default;
 JsonReader::~JsonReader() = default;
 
-std::optional<JsonValue> JsonReader::parse(std::string_view text, std::size_t readable) {
-  const auto value = _parser->parse(text, readable, false);
-  const simdjson::error_code error = _parser->error;
-  if (error != simdjson::STRING_ERROR && error != simdjson::NUMBER_ERROR) return value;
-  return _parser->parse(mend(text), 0, true);
+JsonValue JsonReader::parse(std::string_view text) {
+  std::string padded(text);
+  padded.append(Response::PADDING, '\0');
+  return parse_padded({padded.data(), text.size()});
 }
 
-JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
+JsonValue JsonReader::parse_padded(std::string_view text) {
+  const JsonValue value = _parser->parse(text, false);
+  if (value.present()) return value;
+  const simdjson::error_code error = _parser->error;
+  if (error != simdjson::STRING_ERROR && error != simdjson::NUMBER_ERROR) return value;
+  std::string padded = mend(text);
+  const std::size_t size = padded.size();
+  padded.append(Response::PADDING, '\0');
+  return _parser->parse({padded.data(), size}, true);
+}
+
+std::size_t JsonReader::capacity() const noexcept {
+  return _parser->parser.capacity();
+}
+
+JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
   constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
   std::string body = reply.read_rest(policy.max_body_bytes);
   const std::size_t size = body.size();
-  body.append(simdjson::SIMDJSON_PADDING, '\0');  // so that it is read where it lies
+  body.append(Response::PADDING, '\0');  // so that it is read where it lies
   std::string_view text(body.data(), size);
   if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
-  JsonDocument document;
-  if (const auto root = document._reader.parse(text, simdjson::SIMDJSON_PADDING)) {
-    document._root = *root;
-    return document;
-  }
+  const JsonValue root = reply.reader().parse_padded(text);
+  if (root.present()) return root;
   constexpr const char* WRONG =
       "request failed: the reply is not JSON; check that the URL is that of an API";
   const std::string mended = mend(text);

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <iterator>
+#include <thread>
 
 namespace tovren_mapstead::engines::http {
 namespace {
@@ -36,9 +37,9 @@ void settle(Connection& connection, Clock::time_point end, const Watch& watch) {
 std::unique_ptr<Connection> Pool::take(const std::string& origin, const Watch& watch) {
   Found found = find(origin);
   if (!found.idle.empty()) {
-    auto& [connection, since] = found.idle.front();
+    auto& connection = found.idle.front().connection;
     const auto end = Clock::now() + (found.crowded ? CROWDED_PATIENCE : PATIENCE);
-    settle(*connection, std::min(end, since + MAX_TAIL_AGE), watch);
+    settle(*connection, std::min(end, found.idle.front().since + MAX_TAIL_AGE), watch);
     if (connection->in_good_order()) return std::move(connection);
     if (connection->under_way() && !found.crowded) {
       const std::lock_guard lock(_mutex);
@@ -56,7 +57,15 @@ Pool::Found Pool::find(const std::string& origin) {
     };
   };
   Found found;
-  const auto ready = std::find_if(_idle.rbegin(), _idle.rend(), leads_there(false));
+  // Of those that are ready the one that this thread has used, which has its memory, and the peer's
+  // thread, near; else the one used last.
+  const auto own = [&](const Idle& idle) {
+    return idle.user == std::this_thread::get_id() && leads_there(false)(idle);
+  };
+  auto ready = std::find_if(_idle.rbegin(), _idle.rend(), own);
+  if (ready == _idle.rend()) {
+    ready = std::find_if(_idle.rbegin(), _idle.rend(), leads_there(false));
+  }
   if (ready != _idle.rend()) {
     found.idle.splice(found.idle.end(), _idle, std::next(ready).base());
     return found;
@@ -71,9 +80,11 @@ Pool::Found Pool::find(const std::string& origin) {
 void Pool::put(std::unique_ptr<Connection> connection) noexcept {
   std::list<Idle> stale;  // closed after the lock is gone
   try {
+    connection->save_memory();
     const auto now = Clock::now();
     std::list<Idle> fresh;
-    fresh.push_back({.connection = std::move(connection), .since = now});
+    fresh.push_back(
+        {.connection = std::move(connection), .since = now, .user = std::this_thread::get_id()});
     const std::lock_guard lock(_mutex);
     _idle.splice(_idle.end(), fresh);
     for (auto next = _idle.begin(); next != _idle.end();) {

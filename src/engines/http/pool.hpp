@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "tovren_mapstead/engines/http/retry.hpp"
@@ -33,6 +34,7 @@ class Pool {
   struct Idle {
     std::unique_ptr<Connection> connection;
     Clock::time_point since;
+    std::thread::id user;
   };
 
   struct Found {

@@ -49,6 +49,8 @@ class PooledExchange final : public Exchange {
     return await(watch, "reading the reply of", [&] { return into.size() > before; });
   }
 
+  JsonReader* reader() noexcept override { return &_connection->reader(); }
+
   void finish() noexcept override {
     try {
       // One look that does not wait catches the common case. A connection whose reply still has no

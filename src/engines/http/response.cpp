@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <optional>
 #include <utility>
 
+#include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 
 #include "engines/http/quote.hpp"
@@ -14,6 +16,10 @@ namespace {
 // How long the text of a failed reply may take to come: its status is known already, so it is not
 // worth the patience that an answer is.
 constexpr double QUOTE_PATIENCE_S = 5.0;
+
+// What a transport may hand out at once of a reply that comes fast, and the padding: room for it
+// all, or growing to it would cost as much again for a while.
+constexpr std::size_t BURST_BYTES = (std::size_t{64} << 10U) + Response::PADDING;
 
 std::string mebibytes(std::size_t bytes) {
   constexpr std::size_t MIB = std::size_t{1} << 20U;
@@ -28,23 +34,18 @@ class Finder {
 
   // The first place at or after `start`, or the size of the buffer.
   std::size_t next(std::string_view buffer, std::size_t start) {
-    if (_found ? _at < start : _at < buffer.size()) {
+    if (_at < start || (_at < buffer.size() && buffer[_at] != _character)) {
       _at = std::min(buffer.find(_character, std::max(_at, start)), buffer.size());
-      _found = _at < buffer.size();
     }
     return _at;
   }
 
   // The buffer has lost its first `count` bytes.
-  void shift(std::size_t count) {
-    _found = _found && _at >= count;
-    _at -= std::min(_at, count);
-  }
+  void shift(std::size_t count) { _at -= std::min(_at, count); }
 
  private:
   char _character;
-  std::size_t _at = 0;  // the place found, else how far there is none
-  bool _found = false;
+  std::size_t _at = 0;  // no such character stands between the start and here
 };
 
 }  // namespace
@@ -101,6 +102,7 @@ struct Response::Impl {
 
   // Gets more of the body into the buffer; false at the end of the body.
   bool fill() {
+    buffer.resize(size);  // takes off the padding
     if (start > 0) {
       buffer.erase(0, start);
       line_feed.shift(start);
@@ -108,13 +110,17 @@ struct Response::Impl {
       start = 0;
     }
     check_line(buffer.size());
-    return pull(buffer);
+    if (reads > 0) buffer.reserve(BURST_BYTES);
+    const bool more = pull(buffer);
+    size = buffer.size();
+    buffer.append(PADDING, '\0');
+    return more;
   }
 
   // Passes over the LF of a CRLF whose CR has ended its line already, so that a sender that stops
   // between the two is not waited for.
   void skip_line_feed() {
-    if (!after_carriage_return || start == buffer.size()) return;
+    if (!after_carriage_return || start == size) return;
     after_carriage_return = false;
     if (buffer[start] == '\n') ++start;
   }
@@ -124,6 +130,7 @@ struct Response::Impl {
     skip_line_feed();
     line_feed = Finder('\n');
     carriage_return = Finder('\r');
+    buffer.resize(std::exchange(size, 0));
     return std::exchange(buffer, {}).substr(std::exchange(start, 0));
   }
 
@@ -137,13 +144,12 @@ struct Response::Impl {
     fail("a line of the reply is longer than " + mebibytes(policy.max_line_bytes));
   }
 
-  // Cuts the line that ends at `end` off the buffer, with `width` bytes of line end.
-  std::string_view take_line(std::size_t end, std::size_t width) {
+  // Cuts the line that ends at `end` off the buffer, with its line end if it has come.
+  std::string_view take_line(std::size_t end) {
     constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
     check_line(end - start);
     std::string_view line(buffer.data() + start, end - start);
-    start = end + width;
-    line_end = end;
+    start = std::min(end + 1, size);
     if (std::exchange(at_body_start, false) && line.starts_with(BYTE_ORDER_MARK)) {
       line.remove_prefix(BYTE_ORDER_MARK.size());
     }
@@ -156,10 +162,11 @@ struct Response::Impl {
   bool failed = false;
   Watch watch;
   std::unique_ptr<Exchange> exchange;
+  std::optional<JsonReader> reader;  // where the exchange has none
   std::string buffer;
   std::size_t reads = 0;
-  std::size_t start = 0;     // of what has not been handed out
-  std::size_t line_end = 0;  // of what was handed out last
+  std::size_t start = 0;  // of what has not been handed out
+  std::size_t size = 0;   // of what has come; behind it is padding
   Finder line_feed{'\n'};
   Finder carriage_return{'\r'};
   bool at_body_start = true;
@@ -182,24 +189,28 @@ std::optional<std::string_view> Response::next_line() {
   Impl& self = *_impl;
   for (;;) {
     self.skip_line_feed();
-    const std::size_t end = std::min(self.line_feed.next(self.buffer, self.start),
-                                     self.carriage_return.next(self.buffer, self.start));
-    if (end < self.buffer.size()) {
+    const std::string_view arrived(self.buffer.data(), self.size);
+    std::size_t end = std::min(self.line_feed.next(arrived, self.start),
+                               self.carriage_return.next(arrived, self.start));
+    if (end < self.size) {
       self.after_carriage_return = self.buffer[end] == '\r';
-      return self.take_line(end, 1);
+    } else {
+      if (self.fill()) continue;
+      if (self.start == self.size) return std::nullopt;
+      end = self.size;
     }
-    if (self.fill()) continue;
-    if (self.start == self.buffer.size()) return std::nullopt;
-    return self.take_line(self.buffer.size(), 0);
+    return self.take_line(end);
   }
-}
-
-std::size_t Response::readable_past_line() const noexcept {
-  return _impl->buffer.size() - _impl->line_end;
 }
 
 std::size_t Response::reads() const noexcept {
   return _impl->reads;
+}
+
+JsonReader& Response::reader() {
+  if (JsonReader* const kept = _impl->exchange->reader()) return *kept;
+  if (!_impl->reader) _impl->reader.emplace();
+  return *_impl->reader;
 }
 
 std::string Response::read_rest(std::size_t max_bytes) {

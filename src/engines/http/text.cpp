@@ -14,7 +14,7 @@ constexpr std::uint32_t as_byte(char c) {
   return static_cast<unsigned char>(c);
 }
 
-// The escape \uXXXX at the start of `text`.
+// The escape at the start of `text`: a backslash, u and four hexadecimal digits.
 Character read_unit(std::string_view text) noexcept {
   constexpr std::size_t WIDTH = 6;
   if (text.size() < WIDTH || text[0] != '\\' || text[1] != 'u') return {};

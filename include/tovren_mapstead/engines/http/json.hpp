@@ -18,17 +18,30 @@
 namespace tovren_mapstead::engines::http {
 
 /// A value inside a JSON text, or the absence of one. Cheap to copy, read-only; valid as long as
-/// the JsonReader or JsonDocument that it came from, and until that one parses again.
+/// the JsonReader that it came from, and until that one parses again.
 class JsonValue {
  public:
-  enum class Kind : std::uint8_t { absent, null, boolean, integer, real, string, array, object };
+  /// Each in the letter that the parser has for it, so that none needs looking up.
+  enum class Kind : char {
+    absent = 0,
+    null = 'n',
+    boolean = 't',
+    integer = 'l',
+    real = 'd',
+    string = '"',
+    array = '[',
+    object = '{'
+  };
 
   JsonValue() = default;
 
   [[nodiscard]] Kind kind() const noexcept { return _kind; }
 
+  [[nodiscard]] bool present() const noexcept { return _kind != Kind::absent; }
+
   /// Absent, null, false, zero, or a string, array or object that holds nothing.
   [[nodiscard]] bool empty() const {
+    if (_kind == Kind::string) return _place.index == 0;
     return _kind == Kind::absent || _kind == Kind::null || holds_nothing();
   }
 
@@ -62,22 +75,41 @@ class JsonValue {
   [[nodiscard]] std::string text() const;
 
   /// `out` becomes `text()`, in the memory that it has.
-  void assign_text(std::string& out) const;
+  void assign_text(std::string& out) const {
+    if (_kind == Kind::string && !_mended) {
+      out = bytes();
+    } else {
+      assign_other(out);
+    }
+  }
 
   /// Appends `text()`, but keeps halves of surrogate pairs, so that the other half may come with
   /// the next value; `join_halves` ends that.
-  void append_text(std::string& out) const;
+  void append_text(std::string& out) const {
+    if (_kind == Kind::string && !_mended) {
+      out += bytes();
+    } else {
+      append_other(out);
+    }
+  }
 
  private:
   friend struct JsonAccess;
 
-  // The parser's own handle to an element, kept opaque here; no document: absent.
+  // The parser's own handle to an element, kept opaque here; of a string its bytes and their
+  // number, which are asked for most.
   struct Place {
     const void* document = nullptr;
     std::size_t index = 0;
   };
 
+  [[nodiscard]] std::string_view bytes() const {
+    return {static_cast<const char*>(_place.document), _place.index};
+  }
+
   [[nodiscard]] bool holds_nothing() const;
+  void assign_other(std::string& out) const;
+  void append_other(std::string& out) const;
   void collect(std::span<const std::string_view> names, std::span<JsonValue> found) const;
 
   Place _place;
@@ -99,31 +131,25 @@ class JsonReader {
   JsonReader& operator=(JsonReader&&) noexcept;
   ~JsonReader();
 
-  /// The value of `text`, or nothing when it is not JSON. Ends the life of the values of the text
-  /// before. The parser reads in blocks: where fewer than 64 bytes after the text are
-  /// `readable`, it reads a copy. The text itself is not needed any more afterwards.
-  std::optional<JsonValue> parse(std::string_view text, std::size_t readable = 0);
+  /// The value of `text`; absent when it is not JSON. Ends the life of the values of the text
+  /// before; the text itself is not needed any more afterwards.
+  JsonValue parse(std::string_view text);
+
+  /// The same without a copy. The parser reads in blocks: Response::PADDING bytes after the text
+  /// are readable, too.
+  JsonValue parse_padded(std::string_view text);
+
+  /// The size of the longest text that it has memory for, in bytes; each takes some 14.
+  [[nodiscard]] std::size_t capacity() const noexcept;
 
  private:
   struct Parser;
   std::unique_ptr<Parser> _parser;
 };
 
-/// A whole JSON text and its root.
-class JsonDocument {
- public:
-  [[nodiscard]] const JsonValue& root() const noexcept { return _root; }
-
- private:
-  friend JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
-
-  JsonReader _reader;
-  JsonValue _root;
-};
-
-/// Reads the whole body of `reply`, at most `policy.max_body_bytes`, as JSON.
-/// Throws Retryable when the text breaks off before its end, HttpFailure, which quotes the start of
-/// the body, when it is not JSON, and what reading throws.
-JsonDocument read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
+/// Reads the whole body of `reply`, at most `policy.max_body_bytes`, as JSON. The value lives as
+/// long as the reply. Throws Retryable when the text breaks off before its end, HttpFailure, which
+/// quotes the start of the body, when it is not JSON, and what reading throws.
+JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
 
 }  // namespace tovren_mapstead::engines::http

@@ -42,16 +42,18 @@ class Response {
   /// The next line of the body without its end, or nothing at the end of the body. Blocks until the
   /// line has arrived. LF, CRLF and a lone CR end a line, and so does the end of the body; a byte
   /// order mark before the first line is passed over (the event-stream format).
-  /// The line is valid until the next read.
+  /// The line is valid until the next read. So are PADDING bytes after it, whatever they are, for a
+  /// parser that reads in blocks.
   std::optional<std::string_view> next_line();
 
-  /// How many bytes after that line have come already, whatever they are. A parser that reads in
-  /// blocks beyond the end of its text may read those.
-  [[nodiscard]] std::size_t readable_past_line() const noexcept;
+  static constexpr std::size_t PADDING = 64;
 
   /// How often bytes have been waited for. Lines between which this stays the same have come at the
   /// same moment.
   [[nodiscard]] std::size_t reads() const noexcept;
+
+  /// A reader for what comes, in memory that later replies use again.
+  [[nodiscard]] JsonReader& reader();
 
   /// What is left of the body, up to `max_bytes`; more than that is an HttpFailure.
   std::string read_rest(std::size_t max_bytes);

@@ -14,6 +14,8 @@
 
 namespace tovren_mapstead::engines::http {
 
+class JsonReader;
+
 enum class Method { get, post };
 
 /// One request. The engine has made sure that neither URL nor headers hold line breaks or NUL.
@@ -96,6 +98,10 @@ class Exchange {
   /// Appends the next bytes of the body to `into`, at least one, or returns false at its end.
   /// Blocks until there is something to say. Throws what `Watch::check` throws, and TransportError.
   virtual bool read(std::string& into, Watch& watch) = 0;
+
+  /// A reader of JSON that is kept for the exchanges after this one, with the memory that it has;
+  /// null: there is none.
+  virtual JsonReader* reader() noexcept { return nullptr; }
 
   /// The caller wants no more of the body: a connection that is still good may serve again.
   /// Blocks for no longer than a few milliseconds.

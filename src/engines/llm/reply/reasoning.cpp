@@ -50,6 +50,14 @@ constexpr char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+std::string_view without_reasoning(std::string_view content) {
+  if (content.find('<') == std::string_view::npos) return content;  // as mostly
+  const auto closes = _tag_positions(content, THINK_CLOSE);
+  if (!closes.empty()) return content.substr(closes.back() + THINK_CLOSE.size());
+  const auto opens = _tag_positions(content, THINK_OPEN);
+  return opens.empty() ? content : content.substr(0, opens.front());
+}
+
 }  // namespace
 
 std::vector<std::size_t> _tag_positions(std::string_view content, std::string_view tag) {
@@ -67,13 +75,7 @@ std::vector<std::size_t> _tag_positions(std::string_view content, std::string_vi
 }
 
 std::string _strip_reasoning(std::string content) {
-  std::string_view answer = content;
-  if (const auto closes = _tag_positions(content, THINK_CLOSE); !closes.empty()) {
-    answer.remove_prefix(closes.back() + THINK_CLOSE.size());
-  } else if (const auto opens = _tag_positions(content, THINK_OPEN); !opens.empty()) {
-    answer = answer.substr(0, opens.front());
-  }
-  answer = trim(answer);
+  const std::string_view answer = trim(without_reasoning(content));
   // In place, so that a long answer is not held twice.
   const auto begin = static_cast<std::size_t>(answer.data() - content.data());
   content.resize(begin + answer.size());

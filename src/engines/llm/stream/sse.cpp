@@ -89,7 +89,7 @@ LLMResult _parse_sse_stream(http::Response& response, const std::string& fallbac
   constexpr std::string_view PREFIX = "data:";
   const TimeLimit limit(options.timeout_s, options.clock);
   Accumulator stream(fallback_model, options.secrets);
-  http::JsonReader reader;
+  http::JsonReader& reader = response.reader();
   std::size_t reads = 0;
   for (const std::string_view raw : response) {
     // Lines of one read have come together. Only a clock of the caller's could tell them apart.
@@ -100,12 +100,14 @@ LLMResult _parse_sse_stream(http::Response& response, const std::string& fallbac
       require_utf8(raw);
       continue;
     }
-    const std::string_view payload = trim(line.substr(PREFIX.size()));
+    std::string_view payload = line.substr(PREFIX.size());
+    if (payload.starts_with(' ')) payload.remove_prefix(1);  // as mostly; `trim` does it at a cost
+    payload = trim(payload);
     if (payload == "[DONE]") break;
-    const auto left_out = static_cast<std::size_t>(raw.end() - payload.end());
-    if (const auto chunk = reader.parse(payload, left_out + response.readable_past_line())) {
-      if (chunk->kind() == JsonValue::Kind::object) stream.add(*chunk);
-    } else {
+    const JsonValue chunk = reader.parse_padded(payload);
+    if (chunk.kind() == JsonValue::Kind::object) {
+      stream.add(chunk);
+    } else if (!chunk.present()) {
       require_utf8(raw);  // what is no JSON is passed over
     }
   }

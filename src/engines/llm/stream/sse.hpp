@@ -16,7 +16,7 @@ struct StreamOptions {
   const double timeout_s = 0;     ///< Wall-clock limit of the whole stream in seconds; 0: none.
   const http::Secrets secrets{};  ///< Kept out of what a reported error says.
   const std::function<http::Clock::time_point()>
-      clock{};  ///< Read for each line; empty: the steady clock.
+      clock{};  ///< Read for each line; empty: the steady clock, read when bytes have come.
 };
 
 /// Reads events from `response` up to the end marker or the end of the body.

@@ -67,8 +67,7 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
     if (stream && http::content_type(reply).find("event-stream") != std::string::npos) {
       return _parse_sse_stream(reply, _config.model, {.timeout_s = timeout_s, .secrets = secrets});
     }
-    const http::JsonDocument payload = http::read_json(reply, policy, secrets);
-    return _parse_completion(payload.root(), _config.model, secrets);
+    return _parse_completion(http::read_json(reply, policy, secrets), _config.model, secrets);
   };
   const auto drop_refused_token = [&](const http::Error& error) {
     if (_copilot_auth && error.status() == 401) _copilot_auth->drop_token(headers);
