@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <bit>
+#include <new>
 
 #include <nlohmann/json.hpp>
 #include <simdjson.h>
@@ -110,12 +111,19 @@ struct JsonReader::Parser {
       // than 32 bytes larger by itself, but not deeper.)
       const std::size_t capacity =
           std::max({padded.size(), 2 * parser.capacity(), std::size_t{64}});
-      error = parser.allocate(capacity, std::min(capacity, simdjson::DEFAULT_MAX_DEPTH));
-      if (error != simdjson::SUCCESS) return {};
+      require_memory(parser.allocate(capacity, std::min(capacity, simdjson::DEFAULT_MAX_DEPTH)));
     }
     element root;
     error = parser.parse(padded.data(), padded.size(), false).get(root);
+    require_memory(error);
     return error == simdjson::SUCCESS ? JsonAccess::value(root, mended) : JsonValue();
+  }
+
+  // A parser that got only some of its memory takes it for all.
+  void require_memory(simdjson::error_code outcome) {
+    if (outcome != simdjson::MEMALLOC) return;
+    parser = simdjson::dom::parser();
+    throw std::bad_alloc();
   }
 
   simdjson::dom::parser parser;
