@@ -75,7 +75,27 @@ TEST(Process, MayForkWhileCallsRun) {
   EXPECT_GT(server.connections(), 8);  // one for each child at least
 }
 
-// Below the client, since its JSON library needs memory to free an object.
+TEST(Process, MayEndWhileCallsRun) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const auto end = [](bool tls) {
+    static Server server([](Exchange& exchange) { contains(exchange.request().body, "stream") ? stream_slowly(exchange) : exchange.stall(); }, {.tls = tls});
+    static const auto transport = faults::trusting(server);
+    for (int i = 0; i < 8; ++i) {
+      std::thread([i] {
+        const LLMClient client({.base_url = server.url(), .model = "m", .api_key = "sk-1", .stream = i % 2 == 0}, {.transport = transport});
+        try {
+          for (;;) std::ignore = client.chat(HELLO);
+        } catch (const llm::LLMStopped&) {
+          std::this_thread::sleep_for(1h);  // what is the thread's own may be gone
+        }
+      }).detach();
+    }
+    std::this_thread::sleep_for(150ms);
+    std::exit(0);
+  };
+  for (int i = 0; i < 10; ++i) EXPECT_EXIT(end(i % 2 != 0), testing::ExitedWithCode(0), "");
+}
+
 TEST(Process, SurvivesEveryLackOfMemory) {
   for (const bool tls : {false, true}) {
     Server server([](Exchange& exchange) { exchange.reply(200, R"({"choices":[{"message":{"content":"hi"}}]})"); }, {.tls = tls});
@@ -85,20 +105,15 @@ TEST(Process, SurvivesEveryLackOfMemory) {
       ++nth;
       for (int round = 0; round < 2; ++round) {  // the second finds what is made once for the process
         balance = memory::balance();
-        const auto transport = faults::trusting(server);
-        const Json body = "x";
-        const auto post = [&] {
-          return http::send(server.url(), {.policy = POLICY, .body = body, .headers = {{"Authorization", "Bearer sk-1"}}, .secrets = {"sk-1"}, .transport = transport.get()},
-                            [](http::Response& reply) { return llm::_parse_completion(http::read_json(reply, POLICY, {}), "m", {}); });
-        };
+        const LLMClient client = client_of(server, faults::trusting(server));
         memory::fail(nth);
         try {
-          std::ignore = post();
+          std::ignore = client.chat(HELLO, {.response_json = true});
         } catch (const std::bad_alloc&) {
-        } catch (const http::Error&) {
+        } catch (const llm::LLMError&) {
         }
         failed = memory::fail(0);
-        EXPECT_EQ(post().content, "hi") << nth;
+        EXPECT_EQ(ask(client), "hi") << nth;
       }
       EXPECT_LE(memory::balance(), balance) << nth;
     }

@@ -9,6 +9,7 @@
 
 #include "engines/http/quote.hpp"
 #include "engines/http/text.hpp"
+#include "engines/http/under_way.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {
@@ -156,6 +157,7 @@ struct Response::Impl {
     return line;
   }
 
+  const UnderWay under_way;
   const int exceptions_before = std::uncaught_exceptions();
   const RetryPolicy& policy;
   const Secrets& secrets;

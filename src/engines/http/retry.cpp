@@ -5,6 +5,7 @@
 
 #include "engines/http/quote.hpp"
 #include "engines/http/time.hpp"
+#include "engines/http/under_way.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -12,6 +13,7 @@ void wait_unless_stopped(double period_s, const StopTest& should_stop,
                          std::optional<Deadline> deadline) {
   const auto end = after(Clock::now(), period_s);
   for (;;) {
+    check_process();
     if (should_stop && should_stop()) throw Stopped("stopped by the caller during a wait");
     const auto now = Clock::now();
     if (deadline && now >= *deadline) throw DeadlineExceeded("the deadline passed during a wait");

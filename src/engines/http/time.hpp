@@ -14,8 +14,8 @@ namespace tovren_mapstead::engines::http {
 /// core.
 inline constexpr std::chrono::milliseconds STOP_POLL{20};
 
-/// The longest sleep where there is no stop test to ask.
-inline constexpr std::chrono::milliseconds LONGEST_NAP{60'000};
+/// The longest sleep where there is no stop test to ask: what the process does is asked as well.
+inline constexpr std::chrono::milliseconds LONGEST_NAP{250};
 
 /// `start` plus `period_s` seconds; `start` for a negative or NaN period, absent for one beyond a
 /// century, which no clock here can count.

@@ -5,6 +5,7 @@
 #include "tovren_mapstead/engines/http/transport.hpp"
 
 #include "engines/http/time.hpp"
+#include "engines/http/under_way.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {
@@ -45,6 +46,7 @@ void Watch::check(std::string_view doing, std::string_view whom) const {
   const auto text = [&](const std::string& what) {
     return (what + " while ").append(doing).append(" ").append(whom);
   };
+  check_process();
   if (_should_stop && _should_stop()) throw Stopped(text("stopped by the caller"));
   const auto now = Clock::now();
   if (_deadline && now >= *_deadline)

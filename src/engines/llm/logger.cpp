@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -12,9 +13,12 @@ namespace {
 
 const std::string NAME = "tovren_mapstead.engines.llm";
 
-// Not registered under its name, or a host that registers its own later would fail.
-const auto FALLBACK =
-    std::make_shared<spdlog::logger>(NAME, std::make_shared<spdlog::sinks::stderr_sink_mt>());
+// Not registered under its name, or a host that registers its own later would fail. The registry is
+// made beforehand all the same, so that it outlives every call.
+const auto FALLBACK = [] {
+  std::ignore = spdlog::get(NAME);
+  return std::make_shared<spdlog::logger>(NAME, std::make_shared<spdlog::sinks::stderr_sink_mt>());
+}();
 
 }  // namespace
 

@@ -3,6 +3,7 @@
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/llm/client.hpp"
 
+#include "engines/http/under_way.hpp"
 #include "engines/llm/client/prompt.hpp"
 
 namespace tovren_mapstead::engines::llm {
@@ -27,6 +28,7 @@ LLMResult LLMClient::chat(const Messages& messages, const ChatOptions& options) 
   };
   // The engine's errors become the client's here and nowhere else.
   try {
+    const http::UnderWay under_way;
     return http::retry(policy, attempt, {.label = "LLM call", .secrets = _secrets});
   } catch (const http::Stopped& stopped) {
     throw LLMStopped(stopped.what());

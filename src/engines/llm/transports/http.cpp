@@ -22,14 +22,41 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-Json to_json(const Messages& messages) {
-  Json list = Json::array();
-  for (const Message& message : messages) {
-    Json object = Json::object();
-    for (const auto& [name, value] : message) object[name] = value;
-    list.push_back(std::move(object));
+// A JSON object. To destroy what stands in an object or an array, nlohmann's own destructor needs
+// memory, and ends the process where there is none: this one begins at the leaves.
+class Object {
+ public:
+  Object() = default;
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+
+  ~Object() { clear(_json); }
+
+  Json& operator[](const std::string& name) { return _json[name]; }
+
+  // A null that is to become an object by itself is left half made where memory runs out.
+  Json& add_object(const std::string& name) { return _json[name] = Json::object(); }
+
+  [[nodiscard]] const Json& json() const { return _json; }
+
+  void reserve(std::size_t members) { _json.get_ref<Json::object_t&>().reserve(members); }
+
+ private:
+  static void clear(Json& json) noexcept {
+    if (!json.is_structured()) return;
+    for (Json& inner : json) clear(inner);
+    json.clear();
   }
-  return list;
+
+  Json _json = Json::object();
+};
+
+void add_messages(const Messages& messages, Json& list) {
+  list = Json::array();
+  for (const Message& message : messages) {
+    Json& object = list.emplace_back(Json::object());
+    for (const auto& [name, value] : message) object[name] = value;
+  }
 }
 
 }  // namespace
@@ -45,19 +72,19 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
                                 const http::RetryPolicy& policy,
                                 std::optional<bool> stream_choice) const {
   const bool stream = stream_choice.value_or(_config.stream);
-  Json body = Json::object();
-  body.get_ref<Json::object_t&>().reserve(7);  // members with constant names are copied to grow
+  Object body;
+  body.reserve(7);  // members with constant names are copied to grow
   body["model"] = _config.model;
-  body["messages"] = to_json(prompt.messages);
+  add_messages(prompt.messages, body["messages"]);
   body["temperature"] = prompt.temperature;
   body["max_tokens"] = prompt.max_tokens;
   http::Headers req_headers = headers;
   if (stream) {
     body["stream"] = true;
-    body["stream_options"] = {{"include_usage", true}};
+    body.add_object("stream_options")["include_usage"] = true;
     req_headers["Accept"] = "text/event-stream";
   }
-  if (prompt.response_json) body["response_format"] = {{"type", "json_object"}};
+  if (prompt.response_json) body.add_object("response_format")["type"] = "json_object";
 
   http::Secrets secrets = _secrets;
   std::ranges::copy(http::secrets_of(headers), std::back_inserter(secrets));
@@ -76,7 +103,7 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
     return http::send(url,
                       {.policy = policy,
                        .timeout_s = timeout_s,
-                       .body = body,
+                       .body = body.json(),
                        .headers = req_headers,
                        .secrets = secrets,
                        .transport = _transport.get()},
