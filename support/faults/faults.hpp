@@ -54,7 +54,7 @@ enum class Bound { none, stop, deadline };
 struct Call {
   std::string name;
   std::string ends;  ///< What is expected of it; for the test alone.
-  loopback::Server::Handler serve = [](loopback::Exchange&) {};
+  loopback::Server::Handler serve = [](loopback::Exchange& exchange) { exchange.close(); };
   loopback::Options options{};
   std::string url{};      ///< Where the call goes instead of to the server.
   std::string scheme{};   ///< How the server is spoken to instead of as it wants.

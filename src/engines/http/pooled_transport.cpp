@@ -98,7 +98,7 @@ std::string authorities() {
   return variable == nullptr ? "" : variable;
 }
 
-// Never destroyed: another thread may be inside a call while the process exits.
+// Never destroyed: a call that outlasts the patience of an exit still uses it.
 std::atomic<Transport*> process_transport = nullptr;
 
 }  // namespace

@@ -134,8 +134,8 @@ struct TransportOptions {
 [[nodiscard]] std::shared_ptr<Transport> make_transport(const TransportOptions& options = {});
 
 /// The transport of every exchange that names none: one pool for the process, made when first used
-/// and kept until the end, so that threads inside a call do no harm at exit. A child process starts
-/// with a new one; a transport that was made otherwise is not for the children of its process.
+/// and never destroyed. A child process starts with a new one; a transport that was made otherwise
+/// is not for the children of its process.
 [[nodiscard]] Transport& default_transport();
 
 }  // namespace tovren_mapstead::engines::http

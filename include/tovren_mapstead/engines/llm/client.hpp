@@ -65,7 +65,8 @@ class LLMClient {
   /// Throws LLMStopped when `should_stop` says true, LLMTimeout at the deadline or as soon as no
   /// attempt can begin before it, and LLMError for every other failure. Both take effect within
   /// 50 ms in every wait, through an OpenAI client library only between attempts. What
-  /// `should_stop` and the client's `wait` throw passes unchanged.
+  /// `should_stop` and the client's `wait` throw passes unchanged. Throws LLMStopped, too, when the
+  /// process exits meanwhile in another thread, which waits a second at most for that.
   [[nodiscard]] LLMResult chat(const Messages& messages, const ChatOptions& options = {}) const;
 
  private:
