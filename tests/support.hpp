@@ -66,12 +66,6 @@ void in_threads(int count, Act act) {
   for (int i = 0; i < count; ++i) threads.emplace_back(act);
 }
 
-/// A server's part in a stream that never is silent and never says anything.
-inline void keep_alive(Exchange& exchange) {
-  for (exchange.start_stream(); exchange.chunk(": still there\n"); exchange.pause(1ms)) {
-  }
-}
-
 inline bool contains(std::string_view text, std::string_view piece) {
   return text.find(piece) != std::string_view::npos;
 }

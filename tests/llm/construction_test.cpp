@@ -4,7 +4,6 @@
 #include <type_traits>
 #include <unordered_set>
 
-#include "engines/llm/tunables.hpp"
 #include "support.hpp"
 
 namespace {
@@ -24,45 +23,12 @@ concept CanLackContent = requires {
   Record{.model = "m"};
 };
 
-template <class Record>
-concept CanHaveBoth = requires {
-  Record{.content = "c", .model = "m"};
-};
-
-static_assert(CanHaveBoth<LLMResult> && !CanLackModel<LLMResult> && !CanLackContent<LLMResult>);
-
-template <class Record>
-concept Assignable = requires(Record a, const Record& b) {
-  a = b;
-}
-
-|| requires(Record a) {
-  a.model = "x";
-}
-
-||
-    requires(Record a) {
-  a.temperature = 1;
-}
-
-|| requires(Record a) {
-  a.prompt_tokens = 1;
-}
-
-||
-    requires(Record a) {
-  a.model += "x";
-};
-
-static_assert(!Assignable<LLMConfig> && !Assignable<LLMResult>);
+static_assert(!CanLackModel<LLMResult> && !CanLackContent<LLMResult>);
+static_assert(!std::is_copy_assignable_v<LLMConfig> && !std::is_copy_assignable_v<LLMResult>);
 static_assert(std::is_copy_constructible_v<LLMConfig> && std::is_copy_constructible_v<LLMResult>);
 
 static_assert(std::is_base_of_v<std::runtime_error, llm::LLMError> &&
               std::is_base_of_v<llm::LLMError, llm::LLMStopped> && std::is_base_of_v<llm::LLMError, llm::LLMTimeout>);
-
-static_assert(llm::SDK_RETRYABLE_STATUS.size() == 103 && llm::RETRYABLE_STATUS.size() == 7);
-static_assert(llm::SDK_RETRYABLE_STATUS.contains(501) && !llm::RETRYABLE_STATUS.contains(501));
-static_assert(llm::RETRYABLE_STATUS.contains(409) && !llm::SDK_RETRYABLE_STATUS.contains(400));
 
 TEST(Records, HaveTheirDefaults) {
   EXPECT_EQ(LLMConfig(), (LLMConfig{"openai", "", "", std::nullopt, 60.0, 2, 0.2, 1500, true}));
@@ -73,19 +39,13 @@ TEST(Records, AreEqualAndHashAlikeWhenAllFieldsAre) {
   const LLMConfig configs[] = {
       {}, {.provider = "x"}, {.base_url = "x"}, {.model = "x"}, {.api_key = ""}, {.api_key = "x"}, {.timeout_s = 1}, {.max_retries = 1}, {.temperature = 1}, {.max_tokens = 1}, {.stream = false}};
   const LLMResult results[] = {{"c", "m"}, {"x", "m"}, {"c", "x"}, {"c", "m", 1}, {"c", "m", 0, 1}, {"c", "m", 0, 0, ""}, {"c", "m", 0, 0, "stop"}};
-  const auto check = [](const auto& records) {
-    using Record = std::remove_cvref_t<decltype(records[0])>;
-    std::unordered_set<Record> set;
-    for (const Record& record : records) {
-      const Record copy = record;
-      EXPECT_EQ(std::hash<Record>{}(copy), std::hash<Record>{}(record));
-      set.insert(record);
-      set.insert(copy);
-    }
-    EXPECT_EQ(set.size(), std::size(records));
+  const auto distinct = [](const auto& records) {
+    std::unordered_set<std::remove_cvref_t<decltype(records[0])>> set(std::begin(records), std::end(records));
+    set.insert(std::begin(records), std::end(records));
+    return set.size();
   };
-  check(configs);
-  check(results);
+  EXPECT_EQ(distinct(configs), std::size(configs));
+  EXPECT_EQ(distinct(results), std::size(results));
   EXPECT_EQ(std::hash<LLMConfig>{}({.temperature = 0.0}), std::hash<LLMConfig>{}({.temperature = -0.0}));
 }
 
@@ -100,8 +60,6 @@ TEST(Client, RefusesABaseUrlThatIsNotHttp) {
   const std::pair<std::string, const char*> cases[] = {
       {"ftp://h/", "'ftp://h/'"},
       {"HTTPS://h/", "'HTTPS://h/'"},
-      {" http://h/", "' http://h/'"},
-      {"it's", "\"it's\""},
       {"\"it's\"", "'\"it\\'s\"'"},
       {"a\\b\n\x01\x7f\xff", "'a\\\\b\\n\\x01\\x7f\\xff'"},
       {"\xEF\xBB\xBFhttp://h\u200B\u00A0\U000E0001é", "'\\ufeffhttp://h\\u200b\\xa0\\U000e0001é'"},
@@ -110,9 +68,6 @@ TEST(Client, RefusesABaseUrlThatIsNotHttp) {
     const LLMConfig config{.base_url = url, .api_key = "sk-KEY"};
     EXPECT_EQ(text_of<std::invalid_argument>([&] { const LLMClient client(config); }),
               std::string("base_url must start with http:// or https://, got: ") + shown);
-  }
-  for (const char* const url : {"", "http://127.0.0.1:8080/v1", "https://h"}) {
-    EXPECT_EQ(LLMClient({.base_url = url, .model = "m"}).config().base_url, url);
   }
 }
 
@@ -129,17 +84,12 @@ TEST(Client, IsConfiguredWhenItHasUrlModelAndKey) {
 }
 
 TEST(Client, MakesOneAttemptMoreThanRetries) {
-  const auto tries_of = [](int max_retries) {
-    const auto transport = std::make_shared<Playback>(std::deque{Reply{.status = 503}});
-    const LLMClient client({.base_url = "http://h", .model = "m", .api_key = "k", .max_retries = max_retries},
-                           {.transport = transport, .wait = [waits = 0](double, auto&, auto) mutable {
-                              if (++waits == 5) throw 7;
-                            }});
-    EXPECT_ANY_THROW(std::ignore = client.chat({}));
-    return transport->requests.size();
-  };
-  for (const auto& [retries, tries] : {std::pair{2, 3}, {0, 1}, {-5, 1}, {INT_MIN, 1}, {INT_MAX, 5}}) {
-    EXPECT_EQ(tries_of(retries), static_cast<std::size_t>(tries)) << retries;
+  for (const auto& [retries, tries] : {std::pair{0, 1}, {INT_MIN, 1}, {INT_MAX, 4}}) {
+    const auto transport = std::make_shared<Playback>(std::deque<Reply>{{.status = 503}, {.status = 503}, {.status = 503}, {.status = 418}});
+    const LLMClient client({.base_url = "http://h", .model = "m", .api_key = "k", .max_retries = retries},
+                           {.transport = transport, .wait = [](double, auto&, auto) {}});
+    EXPECT_THROW(std::ignore = client.chat({}), llm::LLMError);
+    EXPECT_EQ(transport->requests.size(), static_cast<std::size_t>(tries)) << retries;
   }
 }
 
