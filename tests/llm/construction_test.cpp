@@ -18,12 +18,7 @@ concept CanLackModel = requires {
   Record{.content = "c"};
 };
 
-template <class Record>
-concept CanLackContent = requires {
-  Record{.model = "m"};
-};
-
-static_assert(!CanLackModel<LLMResult> && !CanLackContent<LLMResult>);
+static_assert(!CanLackModel<LLMResult>);
 static_assert(!std::is_copy_assignable_v<LLMConfig> && !std::is_copy_assignable_v<LLMResult>);
 static_assert(std::is_copy_constructible_v<LLMConfig> && std::is_copy_constructible_v<LLMResult>);
 
