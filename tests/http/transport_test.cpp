@@ -11,13 +11,14 @@ struct Call {
   std::shared_ptr<http::Transport> transport = http::make_transport();
   double timeout_s = 10;
   Json body = Json::object();
+  http::Headers headers{};
 };
 
 template <class Read>
 auto post(const Call& call, Read read) {
   const http::RetryPolicy policy{};
   return http::send(call.url,
-                    {.policy = policy, .timeout_s = call.timeout_s, .body = call.body, .headers = {}, .secrets = {}, .transport = call.transport.get()},
+                    {.policy = policy, .timeout_s = call.timeout_s, .body = call.body, .headers = call.headers, .secrets = {}, .transport = call.transport.get()},
                     read);
 }
 
@@ -86,7 +87,18 @@ TEST(Transport, TakesASlowReaderForNoSilence) {
 }
 
 TEST(Transport, GoesThroughAProxyWhosePasswordItKeepsToItself) {
-  Server proxy([](Exchange& exchange) { exchange.reply(200, exchange.request().target); });
+  std::atomic<int> tunnels = 0, keys = 0;
+  Server proxy([&](Exchange& exchange) {
+    const bool tunnel = exchange.request().method == "CONNECT";
+    tunnels += tunnel ? 1 : 0;
+    keys += tunnel && exchange.request().headers.contains("authorization") ? 1 : 0;
+    exchange.reply(tunnel ? 403 : 200, exchange.request().target);
+  });
+  setenv("https_proxy", proxy.url().c_str(), 1);
+  EXPECT_THROW(post({.url = "https://no.such.host.invalid/x", .headers = {{"Authorization", "Bearer KEY"}}}), http::Error);
+  EXPECT_EQ(tunnels, 1);
+  EXPECT_EQ(keys, 0);  // the proxy would read them in clear
+  unsetenv("https_proxy");
   setenv("http_proxy", proxy.url().c_str(), 1);
   EXPECT_EQ(post({.url = "http://no.such.host.invalid/x"}), "http://no.such.host.invalid/x");
   setenv("http_proxy", "http://me:SECRET/2@127.0.0.1:9", 1);
