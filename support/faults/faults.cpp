@@ -135,7 +135,7 @@ void forget_authorities() {
   static const auto file =
       fs::temp_directory_path() / ("tovren-authorities-" + std::to_string(getpid()));
   std::ofstream(file) << unused.certificate();
-  setenv("SSL_CERT_FILE", file.c_str(), 1);
+  setenv("SSL_CERT_FILE", file.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before the calls
   std::atexit([] { fs::remove(file); });
 }
 

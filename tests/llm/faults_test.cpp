@@ -233,14 +233,14 @@ TEST(Faults, OfAReply) {
     for (const int status : {400, 401, 402, 404, 418, 422, 501, 429, 500, 503}) {
       for (const auto& [name, body] : {std::pair<std::string, std::string>{"empty", ""}, {"echoing", ECHO}, {"huge", std::string(1 << 20U, 'x') + ECHO}, {"binary", binary}, {"a page", page}, {"JSON", Json{{"error", Json(ECHO).dump()}}.dump()}}) {
         const bool again = status == 429 || status == 500 || status == 503;
-        calls.push_back({.name = std::to_string(status) + " " + name, .ends = (again ? "2 HTTP " : "1 HTTP ") + std::to_string(status), .serve = [=](Exchange& e) { e.reply(status, body); }, .options = {.tls = tls}});
+        calls.push_back({.name = std::to_string(status) + " " + name, .ends = (again ? "2 HTTP " : "1 HTTP ") + std::to_string(status), .serve = [status, body = body](Exchange& e) { e.reply(status, body); }, .options = {.tls = tls}});
       }
     }
   }
   Server other([](Exchange& exchange) { exchange.reply(200, "{}"); });
   for (const int status : {300, 301, 302, 303, 307, 308}) {
     for (const bool copilot : {false, true}) {
-      calls.push_back({.name = "redirect", .ends = "1 not followed", .serve = [&, status](Exchange& e) { e.reply(status, ECHO, "text/html", "Location: " + other.url() + "/" + ECHO + "?key=" + KEY + "\r\n"); }, .copilot = copilot});
+      calls.push_back({.name = "redirect", .ends = "1 not followed", .serve = [&, status](Exchange& e) { e.reply(status, ECHO, "text/html", std::string("Location: ").append(other.url()).append("/").append(ECHO).append("?key=").append(KEY).append("\r\n")); }, .copilot = copilot});
     }
   }
   judge_all(calls);

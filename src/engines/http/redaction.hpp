@@ -22,6 +22,6 @@ enum class Tail { whole, cut };
 
 /// As the public `redact`; for a text that was cut, a longer start of a secret at its end goes,
 /// too.
-[[nodiscard]] std::string redact(std::string_view text, const Secrets& secrets, Tail tail);
+[[nodiscard]] std::string redact(std::string_view text, const Secrets& plain, Tail tail);
 
 }  // namespace tovren_mapstead::engines::http

@@ -43,9 +43,13 @@ class Object {
 
  private:
   static void clear(Json& json) noexcept {
-    if (!json.is_structured()) return;
-    for (Json& inner : json) clear(inner);
-    json.clear();
+    if (auto* const list = json.get_ptr<Json::array_t*>()) {
+      for (Json& inner : *list) clear(inner);
+      list->clear();
+    } else if (auto* const members = json.get_ptr<Json::object_t*>()) {
+      for (auto& [name, inner] : *members) clear(inner);
+      members->clear();
+    }
   }
 
   Json _json = Json::object();
