@@ -138,10 +138,11 @@ std::optional<Request> Wire::next_request() {
 void Wire::stall() {
   while (!_closed && fill()) {
   }
-  if (!_closed) close(false);
+  close(false);
 }
 
 void Wire::close(bool reset) {
+  if (_closed) return;  // the number may be another's by now
   if (reset) {
     const linger at_once{.l_onoff = 1, .l_linger = 0};
     setsockopt(_socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
