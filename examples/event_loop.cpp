@@ -32,7 +32,7 @@ struct Calls {
       try {
         answer = client.chat(asked, {.should_stop = [&] { return stop.stop_requested(); }}).content;
       } catch (const std::exception& error) {
-        answer = error.what();
+        answer = std::string("failed: ") + error.what();
       }
       lock.lock();
       answers.push_back(answer);

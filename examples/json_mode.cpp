@@ -69,7 +69,8 @@ int main(int argc, char** argv) {
     const Description found = describe(llm::build_llm_client_from_config(config), argv[3]);
     std::cout << found.summary << "\n";
     for (const std::string& tag : found.tags) std::cout << "- " << tag << "\n";
-    return std::cout.flush() ? 0 : 1;
+    if (!std::cout.flush()) throw std::runtime_error("cannot write the description");
+    return 0;
   } catch (const std::exception& error) {
     std::cerr << "json_mode: " << error.what() << "\n";
     return 1;

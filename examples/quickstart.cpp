@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 
 #include <tovren_mapstead/engines/llm.hpp>
@@ -28,8 +29,9 @@ int main(int argc, char** argv) {
     const llm::LLMResult result = client.chat(messages, {.deadline = soon});
 
     std::cout << result.content << std::endl;
-    return std::cout ? 0 : 1;
-  } catch (const std::exception& error) {  // LLMError, or a URL that is none
+    if (!std::cout) throw std::runtime_error("cannot write the answer");
+    return 0;
+  } catch (const std::exception& error) {  // an LLMError, mostly
     std::cerr << "quickstart: " << error.what() << "\n";
     return 1;
   }

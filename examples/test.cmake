@@ -34,6 +34,7 @@ elseif(NAME STREQUAL quickstart)
          ${WITH} ${ENV} TOVREN_LLM_API_KEY=another ${PROGRAM} {url} m)
   expect(1 "^$" "^quickstart: [^\n]*not configured[^\n]*\n$" ${ENV} TOVREN_LLM_API_KEY= ${PROGRAM} http://h m)
   expect(1 "^$" "^quickstart: [^\n]*http[^\n]*\n$" ${PROGRAM} ftp://h m)
+  expect(1 "^$" "^quickstart: cannot write[^\n]*\n$" ${WITH} sh -c "\"$0\" $1 m >/dev/full" ${PROGRAM} {url})
   expect(2 "^$" "^usage: " ${PROGRAM} http://h)
 
 elseif(NAME STREQUAL json_mode)
@@ -52,6 +53,7 @@ elseif(NAME STREQUAL custom_transport)
 elseif(NAME STREQUAL event_loop)
   string(REPEAT "m was asked: [abcdef]\n" 6 answers)
   expect(0 "^${answers}$" "^(tick\n)*$" ${WITH} ${PROGRAM} {url} m 60 a b c d e f)
+  expect(0 "^failed: LLM is not configured" "^(tick\n)*$" ${ENV} TOVREN_LLM_API_KEY= ${PROGRAM} http://h m 60 a)
   expect(1 "^m was asked: [^\n]*\n$" "^tick\ntick\n.*5 calls were stopped\n$"
          ${ENV} ENDPOINT_LIMIT=1 ${WITH} ${PROGRAM} {url} m 1 a b c d e f)
 
