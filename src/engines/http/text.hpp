@@ -6,10 +6,12 @@
 #include <string>
 #include <string_view>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::http {
 
 /// `text` with the ASCII letters in lower case.
-[[nodiscard]] std::string lower_case(std::string_view text);
+[[nodiscard]] TOVREN_EXPORT std::string lower_case(std::string_view text);
 
 /// Whether both are the same but for the letter case of ASCII letters.
 [[nodiscard]] bool equal_in_any_case(std::string_view left, std::string_view right) noexcept;

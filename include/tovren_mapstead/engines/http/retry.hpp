@@ -14,6 +14,7 @@
 
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -35,8 +36,8 @@ using Wait = std::function<void(double period_s, const StopTest& should_stop,
 /// Zero, negative or NaN: returns at once.
 /// Throws Stopped within 25 ms of `should_stop` turning true, DeadlineExceeded at `deadline`;
 /// what `should_stop` throws passes through. Safe from any thread.
-void wait_unless_stopped(double period_s, const StopTest& should_stop,
-                         std::optional<Deadline> deadline);
+TOVREN_EXPORT void wait_unless_stopped(double period_s, const StopTest& should_stop,
+                                       std::optional<Deadline> deadline);
 
 /// A set of HTTP statuses, fixed at compile time where it is a constant.
 class StatusSet {
@@ -77,7 +78,7 @@ class StatusSet {
 };
 
 /// How patiently one call is repeated, and within which bounds. Immutable; `with` copies.
-struct RetryPolicy {
+struct TOVREN_EXPORT RetryPolicy {
   const int attempts = 1;            ///< Tries in all, the first included; less than 1 counts as 1.
   const double backoff_s = 1.0;      ///< Seconds before the second try; doubles after each.
   const double timeout_s = 60.0;     ///< Longest silence within one try, in seconds; 0: any.
@@ -108,7 +109,7 @@ struct RetryOptions {
 namespace detail {
 
 /// The book-keeping of one `retry`, apart from the attempt itself.
-class RetryLoop {
+class TOVREN_EXPORT RetryLoop {
  public:
   RetryLoop(const RetryPolicy& policy, const RetryOptions& options)
       : _policy(policy), _options(options), _backoff_s(policy.backoff_s) {}

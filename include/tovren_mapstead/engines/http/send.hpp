@@ -16,13 +16,14 @@
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/engines/http/transport.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
 /// A reply whose body is still arriving. Moves, does not copy; used by one thread at a time.
 /// Reading throws Stopped, DeadlineExceeded, Retryable (silence, a cut body) and HttpFailure (a
 /// line or a body too large), and what the stop test throws.
-class Response {
+class TOVREN_EXPORT Response {
  public:
   /// Sends `request` and waits for the head of its reply, whatever its status. `policy` and
   /// `secrets` are borrowed for the life of this object. Throws like reading.
@@ -99,7 +100,7 @@ class Response {
 };
 
 /// The media type of the reply with its parameters, in lower case; empty when it names none.
-[[nodiscard]] std::string content_type(const Response& reply);
+[[nodiscard]] TOVREN_EXPORT std::string content_type(const Response& reply);
 
 /// What a POST needs. Everything is borrowed for the time of the exchange.
 struct SendOptions {
@@ -123,8 +124,8 @@ struct GetOptions {
 namespace detail {
 
 /// Send a request and return its reply if the status is a success; throw like `send`.
-Response post(const std::string& url, const SendOptions& options);
-Response get(const std::string& url, const GetOptions& options);
+TOVREN_EXPORT Response post(const std::string& url, const SendOptions& options);
+TOVREN_EXPORT Response get(const std::string& url, const GetOptions& options);
 
 }  // namespace detail
 

@@ -11,6 +11,7 @@
 
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -35,7 +36,7 @@ struct Head {
 
 /// What a transport throws when a request fails on the way. The engine makes a Retryable or an
 /// HttpFailure of it and removes the secrets from its text.
-class TransportError : public std::runtime_error {
+class TOVREN_EXPORT TransportError : public std::runtime_error {
  public:
   /// `transient`: the same request may get through when sent again.
   TransportError(const std::string& message, bool transient)
@@ -48,7 +49,7 @@ class TransportError : public std::runtime_error {
 };
 
 /// Nothing moved for longer than the time limit; the engine makes a TimedOut of it.
-class TransportTimeout : public TransportError {
+class TOVREN_EXPORT TransportTimeout : public TransportError {
  public:
   explicit TransportTimeout(const std::string& message) : TransportError(message, true) {}
 };
@@ -56,7 +57,7 @@ class TransportTimeout : public TransportError {
 /// The bounds of every wait in one exchange. A transport that waits does so for at most `patience`
 /// at a time and calls `check` in between, `moved` when bytes have come or gone.
 /// Used on the thread of the call only.
-class Watch {
+class TOVREN_EXPORT Watch {
  public:
   /// `timeout_s`: the longest silence in seconds; 0, NaN or more than the clock can count: any.
   /// `should_stop` is borrowed and must outlive this object.
@@ -86,7 +87,7 @@ class Watch {
 };
 
 /// One request under way, its head received. Destroying it unfinished drops the connection.
-class Exchange {
+class TOVREN_EXPORT Exchange {
  public:
   Exchange() = default;
   Exchange(const Exchange&) = delete;
@@ -110,7 +111,7 @@ class Exchange {
 
 /// Performs HTTP requests. An implementation verifies TLS, follows no redirect and may be called
 /// from any number of threads at once.
-class Transport {
+class TOVREN_EXPORT Transport {
  public:
   Transport() = default;
   Transport(const Transport&) = delete;
@@ -131,11 +132,12 @@ struct TransportOptions {
 
 /// A transport over libcurl, with a pool of connections of its own. It speaks http and https only,
 /// keeps connections alive for reuse and takes proxies from the usual environment variables.
-[[nodiscard]] std::shared_ptr<Transport> make_transport(const TransportOptions& options = {});
+[[nodiscard]] TOVREN_EXPORT std::shared_ptr<Transport> make_transport(
+    const TransportOptions& options = {});
 
 /// The transport of every exchange that names none: one pool for the process, made when first used
 /// and never destroyed. A child process starts with a new one; a transport that was made otherwise
 /// is not for the children of its process.
-[[nodiscard]] Transport& default_transport();
+[[nodiscard]] TOVREN_EXPORT Transport& default_transport();
 
 }  // namespace tovren_mapstead::engines::http

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::llm {
 
 /// Resolved configuration for an OpenAI-compatible chat client.
@@ -29,5 +31,6 @@ struct LLMConfig {
 
 template <>
 struct std::hash<tovren_mapstead::engines::llm::LLMConfig> {
-  std::size_t operator()(const tovren_mapstead::engines::llm::LLMConfig& config) const noexcept;
+  TOVREN_EXPORT std::size_t operator()(
+      const tovren_mapstead::engines::llm::LLMConfig& config) const noexcept;
 };

@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::llm {
 
 /// A string that has to be given: without a default, a record that leaves it out does not compile.
@@ -48,5 +50,6 @@ struct LLMResult {
 
 template <>
 struct std::hash<tovren_mapstead::engines::llm::LLMResult> {
-  std::size_t operator()(const tovren_mapstead::engines::llm::LLMResult& result) const noexcept;
+  TOVREN_EXPORT std::size_t operator()(
+      const tovren_mapstead::engines::llm::LLMResult& result) const noexcept;
 };
