@@ -17,13 +17,15 @@ struct GenerationConfig {
   int max_output_tokens = 1500;     ///< Most tokens of one answer.
   bool stream = true;               ///< Whether answers are streamed.
 
+  /// Whether all settings are the same.
   bool operator==(const GenerationConfig&) const = default;
 };
 
 /// The application's configuration. A plain record; change it as you like before you build from it.
 struct Config {
-  GenerationConfig generation;
+  GenerationConfig generation;  ///< How answers are generated.
 
+  /// Whether all settings are the same.
   bool operator==(const Config&) const = default;
 };
 

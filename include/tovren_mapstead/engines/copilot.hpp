@@ -36,9 +36,9 @@ struct AuthOptions {
 
 /// The bounds of one call.
 struct CallBounds {
-  const double timeout_s = 30.0;  ///< Longest silence during an exchange, in seconds; 0: any.
-  const http::StopTest should_stop{};
-  const std::optional<http::Deadline> deadline{};
+  const double timeout_s = 30.0;       ///< Longest silence during an exchange, in seconds; 0: any.
+  const http::StopTest should_stop{};  ///< True ends the call.
+  const std::optional<http::Deadline> deadline{};  ///< The moment by which the call ends.
 };
 
 /// Holds the short-lived Copilot token of a client and renews it in time.
@@ -46,6 +46,7 @@ struct CallBounds {
 /// exchange between them.
 class TOVREN_EXPORT CopilotAuth {
  public:
+  /// Reads nothing and sends nothing yet.
   explicit CopilotAuth(const AuthOptions& options = {});
   CopilotAuth(const CopilotAuth&) = delete;
   CopilotAuth& operator=(const CopilotAuth&) = delete;

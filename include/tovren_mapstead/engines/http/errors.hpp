@@ -16,6 +16,7 @@ namespace tovren_mapstead::engines::http {
 /// The engine's errors have this base, so that a caller of the engine alone can catch them all.
 class TOVREN_EXPORT Error : public std::runtime_error {
  public:
+  /// `message` is quoted as it is: it must hold no secret.
   explicit Error(const std::string& message, std::optional<int> status = std::nullopt)
       : std::runtime_error(message), _status(status) {}
 

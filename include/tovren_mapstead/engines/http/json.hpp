@@ -36,8 +36,10 @@ class TOVREN_EXPORT JsonValue {
 
   JsonValue() = default;
 
+  /// What it is; a number without fraction and exponent is an integer.
   [[nodiscard]] Kind kind() const noexcept { return _kind; }
 
+  /// Whether there is a value, null included.
   [[nodiscard]] bool present() const noexcept { return _kind != Kind::absent; }
 
   /// Absent, null, false, zero, or a string, array or object that holds nothing.
@@ -122,13 +124,16 @@ class TOVREN_EXPORT JsonValue {
 /// that stay alone. What was valid UTF-8 stays as it is.
 TOVREN_EXPORT void join_halves(std::string& text);
 
+/// Whether `text` is valid UTF-8 (RFC 3629).
 [[nodiscard]] TOVREN_EXPORT bool is_utf8(std::string_view text) noexcept;
 
 /// Parses one text after the other in memory that it keeps. One thread at a time.
 class TOVREN_EXPORT JsonReader {
  public:
   JsonReader();
-  JsonReader(JsonReader&&) noexcept;
+  /// Values of `other` are values of this one from now on.
+  JsonReader(JsonReader&& other) noexcept;
+  /// Ends the life of the values read before.
   JsonReader& operator=(JsonReader&&) noexcept;
   ~JsonReader();
 

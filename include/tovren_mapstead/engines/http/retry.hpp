@@ -44,6 +44,7 @@ class StatusSet {
  public:
   constexpr StatusSet() = default;
 
+  /// A status out of range does not compile in a constant and throws std::out_of_range elsewhere.
   constexpr StatusSet(std::initializer_list<int> statuses) {
     for (const int status : statuses) insert(status);
   }
@@ -55,23 +56,25 @@ class StatusSet {
     return wider;
   }
 
+  /// Whether `status` is in it; any number may be asked for.
   [[nodiscard]] constexpr bool contains(int status) const noexcept {
     return status >= 0 && status < END && _member.at(static_cast<std::size_t>(status));
   }
 
+  /// How many statuses are in it.
   [[nodiscard]] constexpr std::size_t size() const noexcept {
     std::size_t count = 0;
     for (const bool member : _member) count += member ? 1 : 0;
     return count;
   }
 
+  /// Whether the same statuses are in both.
   bool operator==(const StatusSet&) const = default;
 
  private:
   // RFC 9110 gives statuses three digits, of which only 100 to 599 have a class.
   static constexpr int END = 600;
 
-  // A status out of range does not compile in a constant and throws std::out_of_range elsewhere.
   constexpr void insert(int status) { _member.at(static_cast<std::size_t>(status)) = true; }
 
   std::array<bool, END> _member{};
@@ -92,8 +95,8 @@ struct TOVREN_EXPORT RetryPolicy {
 
   /// The two bounds that differ from call to call.
   struct Call {
-    const StopTest should_stop{};
-    const std::optional<Deadline> deadline{};
+    const StopTest should_stop{};              ///< Ends the call; empty: never.
+    const std::optional<Deadline> deadline{};  ///< Ends the call; absent: none.
   };
 
   /// This policy with both bounds replaced, absent ones too.

@@ -30,6 +30,7 @@ class TOVREN_EXPORT Response {
   Response(Transport& transport, Request request, double timeout_s, const RetryPolicy& policy,
            const Secrets& secrets);
 
+  /// What was moved from can only be destroyed.
   Response(Response&&) noexcept;
   Response& operator=(Response&&) = delete;
   Response(const Response&) = delete;
@@ -38,6 +39,7 @@ class TOVREN_EXPORT Response {
   /// Gives the connection back if the reply was left in good order, else closes it.
   ~Response();
 
+  /// Status, content type and location. Lives as long as this object.
   [[nodiscard]] const Head& head() const noexcept;
 
   /// The next line of the body without its end, or nothing at the end of the body. Blocks until the
@@ -47,6 +49,7 @@ class TOVREN_EXPORT Response {
   /// parser that reads in blocks.
   std::optional<std::string_view> next_line();
 
+  /// Bytes that are readable after a line.
   static constexpr std::size_t PADDING = 64;
 
   /// How often bytes have been waited for. Lines between which this stays the same have come at the
@@ -90,8 +93,10 @@ class TOVREN_EXPORT Response {
     std::optional<std::string_view> _line;
   };
 
+  /// The lines from here on: `for (std::string_view line : reply)`. Throws like `next_line`.
   Lines begin() { return Lines(*this); }
 
+  /// The end of the body.
   static std::default_sentinel_t end() noexcept { return {}; }
 
  private:
@@ -114,11 +119,11 @@ struct SendOptions {
 
 /// What a GET needs: the same without a body.
 struct GetOptions {
-  const RetryPolicy& policy;
-  const double timeout_s = 60.0;
-  const Headers& headers;
-  const Secrets& secrets;
-  Transport* const transport = nullptr;
+  const RetryPolicy& policy;             ///< As for SendOptions.
+  const double timeout_s = 60.0;         ///< Longest silence, in seconds; 0: any.
+  const Headers& headers;                ///< Sent as they are.
+  const Secrets& secrets;                ///< Kept out of every error text.
+  Transport* const transport = nullptr;  ///< Absent: `default_transport`.
 };
 
 namespace detail {

@@ -17,14 +17,15 @@ namespace tovren_mapstead::engines::http {
 
 class JsonReader;
 
+/// The methods that the engine uses.
 enum class Method { get, post };
 
 /// One request. The engine has made sure that neither URL nor headers hold line breaks or NUL.
 struct Request {
-  Method method = Method::post;
-  std::string url;
-  Headers headers;
-  std::string body;
+  Method method = Method::post;  ///< A GET has no body.
+  std::string url;               ///< Absolute; http or https.
+  Headers headers;               ///< All of them but those that HTTP itself needs.
+  std::string body;              ///< Sent as it is.
 };
 
 /// The head of a reply, as far as the engine uses it.
@@ -42,6 +43,7 @@ class TOVREN_EXPORT TransportError : public std::runtime_error {
   TransportError(const std::string& message, bool transient)
       : std::runtime_error(message), _transient(transient) {}
 
+  /// Whether the same request may get through when sent again.
   [[nodiscard]] bool transient() const noexcept { return _transient; }
 
  private:
@@ -51,6 +53,7 @@ class TOVREN_EXPORT TransportError : public std::runtime_error {
 /// Nothing moved for longer than the time limit; the engine makes a TimedOut of it.
 class TOVREN_EXPORT TransportTimeout : public TransportError {
  public:
+  /// `message` says what was waited for.
   explicit TransportTimeout(const std::string& message) : TransportError(message, true) {}
 };
 
@@ -94,6 +97,7 @@ class TOVREN_EXPORT Exchange {
   Exchange& operator=(const Exchange&) = delete;
   virtual ~Exchange() = default;
 
+  /// Of the final reply. Lives as long as this object.
   [[nodiscard]] virtual const Head& head() const noexcept = 0;
 
   /// Appends the next bytes of the body to `into`, at least one, or returns false at its end.

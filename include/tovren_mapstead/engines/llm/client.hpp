@@ -24,6 +24,7 @@ namespace tovren_mapstead::engines::llm {
 
 /// One message: its members, usually `role` and `content`, in the order in which they are sent.
 using Message = std::vector<std::pair<std::string, std::string>>;
+/// The messages of a call, the oldest first.
 using Messages = std::vector<Message>;
 
 /// What a client may be given beside its configuration.
@@ -53,8 +54,10 @@ class TOVREN_EXPORT LLMClient {
   /// see `is_configured`.
   explicit LLMClient(LLMConfig config, const ClientOptions& options = {});
 
+  /// As it was given. Lives as long as the client.
   [[nodiscard]] const LLMConfig& config() const noexcept { return _config; }
 
+  /// The model of the configuration; a reply may name another.
   [[nodiscard]] const std::string& model() const noexcept { return _config.model; }
 
   /// Whether the client has what its provider needs: URL, model and key, or for Copilot a model and

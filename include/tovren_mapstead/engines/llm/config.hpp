@@ -24,13 +24,16 @@ struct LLMConfig {
   const int max_tokens = 1500;                 ///< Most tokens of an answer, unless a call says.
   const bool stream = true;                    ///< Whether answers are streamed.
 
+  /// Whether all settings are the same.
   bool operator==(const LLMConfig&) const = default;
 };
 
 }  // namespace tovren_mapstead::engines::llm
 
+/// @cond a reference of std is not ours to write
 template <>
 struct std::hash<tovren_mapstead::engines::llm::LLMConfig> {
   TOVREN_EXPORT std::size_t operator()(
       const tovren_mapstead::engines::llm::LLMConfig& config) const noexcept;
 };
+/// @endcond

@@ -16,9 +16,11 @@ namespace tovren_mapstead::engines::llm {
 /// A string that has to be given: without a default, a record that leaves it out does not compile.
 class RequiredString : public std::string {
  public:
+  /// A plain string is one.
   RequiredString(std::string text) noexcept  // NOLINT(google-explicit-constructor): is a string
       : std::string(std::move(text)) {}
 
+  /// So is a literal. `text` must not be null.
   RequiredString(const char* text) : std::string(text) {}  // NOLINT(google-explicit-constructor)
 };
 
@@ -43,13 +45,16 @@ struct LLMResult {
     return prompt_tokens + completion_tokens;
   }
 
+  /// Whether all of it is the same.
   bool operator==(const LLMResult&) const = default;
 };
 
 }  // namespace tovren_mapstead::engines::llm
 
+/// @cond a reference of std is not ours to write
 template <>
 struct std::hash<tovren_mapstead::engines::llm::LLMResult> {
   TOVREN_EXPORT std::size_t operator()(
       const tovren_mapstead::engines::llm::LLMResult& result) const noexcept;
 };
+/// @endcond
