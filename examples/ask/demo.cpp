@@ -8,18 +8,16 @@
 #include <filesystem>
 #include <map>
 #include <set>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "ask/sources.hpp"
+#include "endpoint/completion.hpp"
 
 namespace ask {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using endpoint::Json;
 
 const std::map<std::string, std::string> LANGUAGES{
     {".c", "C"},       {".cc", "C++"},      {".cpp", "C++"},       {".h", "C/C++ header"},
@@ -133,21 +131,7 @@ std::string as_json(const Prompt& prompt, const Survey& survey) {
   return object.dump(2);
 }
 
-// Pieces of a text of some bytes each, never through a character.
-std::vector<std::string_view> pieces(std::string_view text) {
-  constexpr std::size_t SIZE = 24;
-  std::vector<std::string_view> parts;
-  while (!text.empty()) {
-    std::size_t size = std::min(SIZE, text.size());
-    while (size < text.size() && (static_cast<unsigned char>(text[size]) & 0xC0U) == 0x80U) ++size;
-    parts.push_back(text.substr(0, size));
-    text.remove_prefix(size);
-  }
-  return parts;
-}
-
 void answer(loopback::Exchange& exchange) {
-  constexpr std::size_t BYTES_PER_TOKEN = 4;
   const Json request = Json::parse(exchange.request().body);
   std::string sent;
   for (const Json& message : request.at("messages"))
@@ -157,34 +141,8 @@ void answer(loopback::Exchange& exchange) {
   const std::string reasoning = "<think>\nCounting " + std::to_string(prompt.files.size()) +
                                 " files by language and size.\n</think>\n\n";
   const std::string text =
-      reasoning +
-      (request.contains("response_format") ? as_json(prompt, found) : in_words(prompt, found));
-  const Json& model = request.at("model");
-  const Json usage{{"prompt_tokens", exchange.request().body.size() / BYTES_PER_TOKEN},
-                   {"completion_tokens", text.size() / BYTES_PER_TOKEN}};
-  if (!request.value("stream", false)) {
-    const Json choice{{"index", 0},
-                      {"message", {{"role", "assistant"}, {"content", text}}},
-                      {"finish_reason", "stop"}};
-    exchange.reply(
-        200, Json{{"model", model}, {"choices", Json::array({choice})}, {"usage", usage}}.dump());
-    return;
-  }
-  exchange.start_stream();
-  const auto event = [&](const Json& choices, const Json& counts) {
-    return exchange.chunk(
-        "data: " + Json{{"model", model}, {"choices", choices}, {"usage", counts}}.dump() + "\n\n");
-  };
-  for (const std::string_view piece : pieces(text)) {
-    exchange.pause(std::chrono::milliseconds(2));
-    const Json choice{{"index", 0}, {"delta", {{"content", piece}}}, {"finish_reason", nullptr}};
-    if (!event(Json::array({choice}), nullptr)) return;
-  }
-  const Json last{{"index", 0}, {"delta", Json::object()}, {"finish_reason", "stop"}};
-  event(Json::array({last}), nullptr);
-  event(Json::array(), usage);
-  exchange.chunk("data: [DONE]\n\n");
-  exchange.end_stream();
+      request.contains("response_format") ? as_json(prompt, found) : in_words(prompt, found);
+  endpoint::reply(exchange, request, {.text = reasoning + text}, std::chrono::milliseconds(2));
 }
 
 }  // namespace
