@@ -28,7 +28,7 @@ function(ask program)
   endif()
 endfunction()
 
-# consume(FILE [OPTION]...): builds the quickstart by that file of the README, and runs it.
+# consume(NAME BLOCK [OPTION]...): builds the quickstart by that block of the README, and runs it.
 function(consume name block)
   set(folder ${WORK}/${name})
   extract(${block} ${folder}/CMakeLists.txt)
@@ -39,7 +39,7 @@ function(consume name block)
   ask(${folder}/build/app)
 endfunction()
 
-# consume_bare(NAME PREFIX [VARIABLE=VALUE]...): the same by the README's line for pkg-config.
+# consume_bare(NAME PREFIX [VARIABLE=VALUE]...): the same by its line for pkg-config.
 function(consume_bare name prefix)
   set(folder ${WORK}/${name})
   extract(pkg-config ${folder}/build.sh)
@@ -65,19 +65,21 @@ run(${CMAKE_COMMAND} -E chdir ${ROOT} ${CMAKE_COMMAND} --preset debian -B ${DEBI
 run(${CMAKE_COMMAND} --build ${DEBIAN})
 
 run(${CMAKE_COMMAND} --install ${DEBIAN} --prefix ${WORK}/shared)
-file(GLOB_RECURSE objects ${WORK}/shared/*/lib*.so)
+file(GLOB objects ${WORK}/shared/lib*/lib*.so ${WORK}/shared/lib/*/lib*.so)
 foreach(object IN LISTS objects)
   cmake_path(GET object FILENAME name)
   run(readelf --dynamic --wide ${object})
   if(NOT told MATCHES "SONAME[^\n]*\\[${name}\\.[0-9]+\\.[0-9]+\\]")
     message(SEND_ERROR "${object}: ${told}")
   endif()
-  run(nm --dynamic --defined-only --demangle --format=posix ${object})
-  string(REGEX REPLACE "[^\n]*tovren_mapstead::[^\n]*\n" "" told "${told}")
-  if(told MATCHES " [TV] ")
-    message(SEND_ERROR "${object} shows what is not its own:\n${told}")
+  run(nm --dynamic --defined-only --format=posix ${object})
+  string(REGEX REPLACE "(^|\n)_Z[A-Z]+(St4hashIN)?15tovren_mapstead[^\n]*" "" foreign "${told}")
+  string(STRIP "${foreign}" foreign)
+  if(foreign OR told STREQUAL "")
+    message(SEND_ERROR "${object} shows what is not its own:\n${foreign}")
   endif()
 endforeach()
+list(GET objects 0 object)
 cmake_path(GET object PARENT_PATH libraries)
 consume_bare(from_shared_bare ${WORK}/shared LD_LIBRARY_PATH=${libraries})
 
