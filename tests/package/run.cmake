@@ -59,7 +59,7 @@ if(NOT DEBIAN)
 endif()
 
 file(GLOB old ${DEBIAN}/*.deb)
-file(REMOVE_RECURSE ${WORK}/shared ${WORK}/deb ${old})
+file(REMOVE_RECURSE ${WORK}/shared ${WORK}/deb ${WORK}/deb_openai ${old})
 run(${CMAKE_COMMAND} -E chdir ${ROOT} ${CMAKE_COMMAND} --preset debian -B ${DEBIAN}
     -DCMAKE_CXX_COMPILER=${CXX} -DTOVREN_WERROR=ON)
 run(${CMAKE_COMMAND} --build ${DEBIAN})
@@ -90,12 +90,20 @@ if(NOT count EQUAL 3)
   message(FATAL_ERROR "packages: ${packages}")
 endif()
 foreach(package IN LISTS packages)
-  run(dpkg-deb --extract ${package} ${WORK}/deb)
+  if(package MATCHES "openai")
+    run(dpkg-deb --extract ${package} ${WORK}/deb_openai)
+  else()
+    run(dpkg-deb --extract ${package} ${WORK}/deb)
+  endif()
 endforeach()
+file(GLOB_RECURSE library ${WORK}/deb/*/libtovren_mapstead_http.so)
+cmake_path(GET library PARENT_PATH libraries)
+set(ENV{LD_LIBRARY_PATH} ${libraries})  # the loader knows them where they are installed for good
 consume(from_deb find_package -DCMAKE_PREFIX_PATH=${WORK}/deb/usr)
-file(GLOB_RECURSE binding ${WORK}/deb/*/libtovren_openai.so)
-cmake_path(GET binding PARENT_PATH libraries)
-ask(${WORK}/from_deb/build/app LD_LIBRARY_PATH=${libraries})  # by way of the binding
+file(GLOB_RECURSE binding ${WORK}/deb_openai/*/libtovren_openai.so)
+cmake_path(GET binding PARENT_PATH folder)
+ask(${WORK}/from_deb/build/app LD_LIBRARY_PATH=${libraries}:${folder} LD_BIND_NOW=1)
+unset(ENV{LD_LIBRARY_PATH})
 
 consume(from_source fetch_content -DFETCHCONTENT_SOURCE_DIR_TOVREN_MAPSTEAD=${ROOT})
 file(STRINGS ${WORK}/from_source/build/CMakeCache.txt leaks

@@ -27,7 +27,7 @@ struct Character {
 };
 
 /// The character at the start of `text`, if that is valid UTF-8.
-[[nodiscard]] Character read_utf8(std::string_view text) noexcept;
+[[nodiscard]] TOVREN_EXPORT Character read_utf8(std::string_view text) noexcept;
 
 [[nodiscard]] constexpr bool is_high_half(std::uint32_t code_point) noexcept {
   return code_point >= 0xD800 && code_point <= 0xDBFF;
