@@ -23,16 +23,16 @@ enum class Method { get, post };
 /// One request. The engine has made sure that neither URL nor headers hold line breaks or NUL.
 struct Request {
   Method method = Method::post;  ///< A GET has no body.
-  std::string url;               ///< Absolute; http or https.
-  Headers headers;               ///< All of them but those that HTTP itself needs.
-  std::string body;              ///< Sent as it is.
+  std::string url{};             ///< Absolute; http or https.
+  Headers headers{};             ///< All of them but those that HTTP itself needs.
+  std::string body{};            ///< Sent as it is.
 };
 
 /// The head of a reply, as far as the engine uses it.
 struct Head {
-  int status = 0;            ///< Of the final reply, never an interim 1xx.
-  std::string content_type;  ///< As sent; empty when absent.
-  std::string location;      ///< As sent; empty when absent.
+  int status = 0;              ///< Of the final reply, never an interim 1xx.
+  std::string content_type{};  ///< As sent; empty when absent.
+  std::string location{};      ///< As sent; empty when absent.
 };
 
 /// What a transport throws when a request fails on the way. The engine makes a Retryable or an
