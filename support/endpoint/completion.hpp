@@ -27,7 +27,7 @@ struct Answer {
 
 /// Replies to `asked`, the body of a request, with `answer`: whole, or where a stream is asked for
 /// in pieces of some bytes with a `pause` before each.
-/// Throws nlohmann's exceptions, before anything is sent, when `asked` names no model.
+/// Throws nlohmann's exceptions, before anything is sent, when `asked` is no such body.
 void reply(loopback::Exchange& exchange, const Json& asked, const Answer& answer,
            std::chrono::milliseconds pause = {});
 

@@ -63,14 +63,14 @@ std::string error_body(const std::string& message) {
 
 // What the model says to a request, as far as its limit of tokens allows.
 endpoint::Answer answer_to(const Json& asked, const std::optional<std::string>& told) {
-  constexpr std::size_t QUOTED_BYTES = 80;
+  constexpr std::size_t QUOTED_BYTES = 100;
   std::string question;
   for (const Json& message : asked.at("messages")) {
     if (message.at("role") == "user") question = message.at("content").get<std::string>();
   }
-  const std::string line = question.substr(0, question.find('\n'));
+  std::ranges::replace(question, '\n', ' ');
   std::string text = asked.at("model").get<std::string>() + " was asked: ";
-  text += endpoint::start_of(line, QUOTED_BYTES);
+  text += endpoint::start_of(question, QUOTED_BYTES);
   if (asked.contains("response_format")) {
     text = Json{{"summary", text}, {"tags", {"demo", "loopback"}}}.dump();
   }
@@ -100,6 +100,7 @@ void serve(loopback::Exchange& exchange, const std::optional<std::string>& told)
 int run(std::vector<std::string> command, const std::string& url) {
   std::ranges::replace(command, "{url}", url);
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (std::string& argument : command) arguments.push_back(argument.data());
   arguments.push_back(nullptr);
   pid_t child = 0;

@@ -1,0 +1,77 @@
+// Tests code that asks a model, without a network and without waiting: the transport plays replies
+// and keeps what was sent, waits are noted. Not asked where an OpenAI client library is installed.
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+#include <tovren_mapstead/engines/llm.hpp>
+
+namespace {
+
+namespace http = tovren_mapstead::engines::http;
+namespace llm = tovren_mapstead::engines::llm;
+
+// A reply whose body comes in one read.
+struct Reply final : http::Exchange {
+  Reply(int status, std::string text) : body(std::move(text)) { top.status = status; }
+
+  [[nodiscard]] const http::Head& head() const noexcept override { return top; }
+
+  bool read(std::string& into, http::Watch&) override {
+    into += body;
+    return !std::exchange(body, "").empty();
+  }
+
+  http::Head top{.content_type = "application/json", .location = ""};
+  std::string body;
+};
+
+// Serves one thread: a test has no more.
+struct Script final : http::Transport {
+  std::unique_ptr<http::Exchange> open(http::Request request, http::Watch& watch) override {
+    watch.check("waiting for the reply of", "the script");  // asks the stop test and the deadline
+    requests.push_back(std::move(request));
+    if (requests.size() > replies.size()) throw http::TransportError("no reply is left", false);
+    return std::move(replies[requests.size() - 1]);
+  }
+
+  std::vector<std::unique_ptr<Reply>> replies;
+  std::vector<http::Request> requests;
+};
+
+// The code under test: it is handed its client.
+std::string title_of(const llm::LLMClient& client, const std::string& text) {
+  return client.chat({{{"role", "user"}, {"content", "A title for: " + text}}}).content;
+}
+
+void expect(bool holds, const std::string& what) {
+  if (!holds) throw std::runtime_error("not so: " + what);
+}
+
+}  // namespace
+
+int main() {
+  try {
+    const auto script = std::make_shared<Script>();
+    script->replies.push_back(std::make_unique<Reply>(503, "busy"));
+    script->replies.push_back(
+        std::make_unique<Reply>(200, R"({"choices": [{"message": {"content": "On Patience"}}]})"));
+    std::vector<double> waits;
+    const auto wait = [&waits](double s, auto&, auto) { waits.push_back(s); };
+    const llm::LLMClient client({.base_url = "http://any/v1", .model = "m", .api_key = "k"},
+                                {.transport = script, .wait = wait});
+
+    expect(title_of(client, "a tale") == "On Patience", "the second attempt has the answer");
+    expect(waits == std::vector{1.0}, "a second passes between the two");
+    const auto sent = nlohmann::json::parse(script->requests.at(1).body);
+    expect(sent["messages"][0]["content"] == "A title for: a tale", "the text is in the prompt");
+  } catch (const std::exception& error) {
+    std::cerr << "custom_transport: " << error.what() << "\n";
+    return 1;
+  }
+}

@@ -1,0 +1,79 @@
+// Calls in an application with an event loop: threads make them, the loop's thread has the answers.
+//   TOVREN_LLM_API_KEY=... event_loop URL MODEL SECONDS QUESTION...   (then it stops the rest)
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <iostream>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <tovren_mapstead/engines/llm.hpp>
+#include <unistd.h>
+
+namespace llm = tovren_mapstead::engines::llm;
+
+struct Calls {
+  ~Calls() { close(answered); }
+
+  // A thread's work until `stop`, which ends the call under way; those that wait fail at once.
+  void make(const std::stop_token& stop) {
+    std::unique_lock lock(mutex);
+    while (changed.wait(lock, stop, [this] { return !questions.empty(); })) {
+      const llm::Messages asked{{{"role", "user"}, {"content", questions.front()}}};
+      questions.pop_front();
+      lock.unlock();
+      std::string answer;
+      try {
+        answer = client.chat(asked, {.should_stop = [&] { return stop.stop_requested(); }}).content;
+      } catch (const std::exception& error) {
+        answer = error.what();
+      }
+      lock.lock();
+      answers.push_back(answer);
+      eventfd_write(answered, 1);
+    }
+  }
+
+  const llm::LLMClient client;
+  std::deque<std::string> questions;
+  std::deque<std::string> answers{};
+  std::mutex mutex{};                                           // of both
+  std::condition_variable_any changed{};                        // to be notified of a question
+  const int answered = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // readable after an answer
+};
+
+int main(int argc, char** argv) {
+  try {
+    const int seconds = argc < 5 ? 0 : std::atoi(argv[3]);
+    if (seconds < 1) throw std::invalid_argument("usage: event_loop URL MODEL SECONDS QUESTION...");
+    const tovren_mapstead::Config config{.generation = {.base_url = argv[1], .model = argv[2]}};
+    Calls calls{llm::build_llm_client_from_config(config), {argv + 4, argv + argc}};
+    std::deque<std::jthread> threads(4);
+    for (auto& thread : threads) thread = std::jthread([&](auto stop) { calls.make(stop); });
+
+    pollfd ready{.fd = calls.answered, .events = POLLIN, .revents = 0};
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    int open = argc - 4;
+    while (open > 0 && std::chrono::steady_clock::now() < end) {
+      if (poll(&ready, 1, 100) == 0) std::cerr << "tick\n";  // the loop's own work goes on
+      eventfd_t count = 0;
+      eventfd_read(calls.answered, &count);
+      std::unique_lock lock(calls.mutex);
+      const std::deque<std::string> answers = std::exchange(calls.answers, {});
+      lock.unlock();
+      for (const std::string& answer : answers) std::cout << answer << std::endl;
+      open -= static_cast<int>(answers.size());
+    }
+    for (auto& thread : threads) thread.request_stop();  // all at once; each is joined later
+    if (open > 0) throw std::runtime_error(std::to_string(open) + " calls were stopped");
+  } catch (const std::exception& error) {
+    std::cerr << error.what() << "\n";
+    return 1;
+  }
+}

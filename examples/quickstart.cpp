@@ -1,0 +1,36 @@
+// The first program: one question, one answer, one line that says what is wrong.
+//
+//   TOVREN_LLM_API_KEY=... quickstart URL MODEL [QUESTION]
+#include <chrono>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <tovren_mapstead/engines/llm.hpp>
+
+namespace llm = tovren_mapstead::engines::llm;
+
+int main(int argc, char** argv) {
+  if (argc < 3 || argc > 4) {
+    std::cerr << "usage: quickstart URL MODEL [QUESTION]\n";
+    return 2;
+  }
+  const std::string question = argc > 3 ? argv[3] : "What is an exponential backoff?";
+  try {
+    tovren_mapstead::Config config;
+    config.generation.base_url = argv[1];  // such as https://api.example.org/v1
+    config.generation.model = argv[2];
+    const llm::LLMClient client = llm::build_llm_client_from_config(config);
+
+    const llm::Messages messages{{{"role", "system"}, {"content", "Answer in one paragraph."}},
+                                 {{"role", "user"}, {"content", question}}};
+    const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const llm::LLMResult result = client.chat(messages, {.deadline = soon});
+
+    std::cout << result.content << std::endl;
+    return std::cout ? 0 : 1;
+  } catch (const std::exception& error) {  // LLMError, or a URL that is none
+    std::cerr << "quickstart: " << error.what() << "\n";
+    return 1;
+  }
+}
