@@ -22,13 +22,10 @@ install(FILES ${PROJECT_BINARY_DIR}/tovren_mapstead-config.cmake
         DESTINATION ${config_dir} COMPONENT development)
 
 # tovren_add_pc(COMPONENT DESCRIPTION LIBS REQUIRES OF_ITS_OWN): a pkg-config file. What a library
-# needs for its own concerns its users only where it is static.
+# needs for its own concerns its users only where it is static; pkg-config insists on what is named.
 function(tovren_add_pc component description libs requires of_its_own)
-  set(requires_private "")
   set(definition "")
-  if(BUILD_SHARED_LIBS)
-    set(requires_private "${of_its_own}")
-  else()
+  if(NOT BUILD_SHARED_LIBS)
     string(APPEND requires " ${of_its_own}")
     set(definition -DTOVREN_MAPSTEAD_STATIC)
   endif()

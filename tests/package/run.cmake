@@ -94,7 +94,10 @@ foreach(object IN LISTS objects)
 endforeach()
 list(GET objects 0 object)
 cmake_path(GET object PARENT_PATH libraries)
+set(ENV{PKG_CONFIG_LIBDIR} /usr/share/pkgconfig)  # no library's own: its users need none of them
 consume_bare(from_shared_bare ${WORK}/shared LD_LIBRARY_PATH=${libraries})
+
+unset(ENV{PKG_CONFIG_LIBDIR})
 
 run(cpack --config ${DEBIAN}/CPackConfig.cmake -B ${DEBIAN})
 file(GLOB packages ${DEBIAN}/*.deb)
