@@ -1,5 +1,6 @@
 // Calls in an application with an event loop: threads make them, the loop's thread has the answers.
-//   TOVREN_LLM_API_KEY=... event_loop URL MODEL SECONDS QUESTION...   (then it stops the rest)
+//   TOVREN_LLM_API_KEY=... event_loop URL MODEL SECONDS QUESTION...
+// After SECONDS it shuts down and stops the calls that have no answer yet.
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -9,7 +10,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include <poll.h>
 #include <sys/eventfd.h>

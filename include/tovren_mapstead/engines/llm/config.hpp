@@ -36,4 +36,5 @@ struct std::hash<tovren_mapstead::engines::llm::LLMConfig> {
   TOVREN_EXPORT std::size_t operator()(
       const tovren_mapstead::engines::llm::LLMConfig& config) const noexcept;
 };
+
 /// @endcond

@@ -57,4 +57,5 @@ struct std::hash<tovren_mapstead::engines::llm::LLMResult> {
   TOVREN_EXPORT std::size_t operator()(
       const tovren_mapstead::engines::llm::LLMResult& result) const noexcept;
 };
+
 /// @endcond
