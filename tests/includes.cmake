@@ -19,7 +19,9 @@ forbid("/engines/http/" "engines/(llm|copilot)|tovren_mapstead/config")
 forbid("/engines/http/([^c]|c[^l]).*$" "tovren_mapstead/openai")  # its classifier alone knows it
 forbid("/openai" "engines/")
 forbid("/engines/copilot" "engines/llm|tovren_mapstead/config")
-forbid("^include/" "\"engines/|<(curl|openssl|re2|spdlog)/")
+forbid("^include/" "\"engines/|<(curl|openssl|re2|spdlog)/|<simdjson")
+# Who only asks a client compiles no third party's header.
+forbid("^include/.*(copilot|llm.*|classify|errors|retry|secrets|transport)\\.hpp" "http/(send|json)\\.hpp|<nlohmann/")
 forbid("^src/engines/llm/(reply|stream)/" "<thread>|<mutex>|<sys/|engines/http/transport|engines/llm/client")
 list(FILTER files EXCLUDE REGEX "^src/engines/http/connection.cpp$")
 forbid("." "<curl/")

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <latch>
 #include <string>
 #include <thread>
 #include <utility>
@@ -61,9 +62,10 @@ std::string text_of(Act act) {
 /// Runs `act` on so many threads at once and waits for them.
 template <class Act>
 void in_threads(int count, Act act) {
+  std::latch all(count);  // none is done before the last has begun
   std::vector<std::jthread> threads;
   threads.reserve(static_cast<std::size_t>(count));
-  for (int i = 0; i < count; ++i) threads.emplace_back(act);
+  for (int i = 0; i < count; ++i) threads.emplace_back([&, act] { all.arrive_and_wait(), act(); });
 }
 
 inline bool contains(std::string_view text, std::string_view piece) {

@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev nlohmann-json3-dev
-  libsimdjson-dev libre2-dev libspdlog-dev libssl-dev libgtest-dev libbenchmark-dev ca-certificates)
+  libsimdjson-dev libre2-dev libspdlog-dev libssl-dev libgtest-dev libbenchmark-dev ca-certificates dpkg-dev file)
 
 # need PACKAGE...: installs those that are missing; all its output goes to stderr.
 need() {

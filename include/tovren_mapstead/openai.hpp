@@ -27,39 +27,43 @@ inline constexpr const char* ENTRY_POINT = "tovren_openai_library";
 /// three bytes of its number, where a server cut a character in two.
 using Scalar = std::variant<std::monostate, bool, std::int64_t, double, std::string>;
 
+/// Token counts.
 struct Usage {
-  Scalar prompt_tokens;
-  Scalar completion_tokens;
+  Scalar prompt_tokens;      ///< Of the messages.
+  Scalar completion_tokens;  ///< Of the answer.
 };
 
+/// A message, or a piece of one.
 struct Message {
-  Scalar content;
+  Scalar content;  ///< Its text.
 };
 
+/// One of the answers; the first counts.
 struct Choice {
-  std::optional<Message> message;
-  Scalar finish_reason;
+  std::optional<Message> message;  ///< The answer.
+  Scalar finish_reason;            ///< Why it ends here.
 };
 
 /// A whole reply.
 struct Completion {
-  Scalar model;
-  std::optional<std::vector<Choice>> choices;
-  std::optional<Usage> usage;
+  Scalar model;                                ///< Who answered.
+  std::optional<std::vector<Choice>> choices;  ///< The answers.
+  std::optional<Usage> usage;                  ///< What was counted.
   std::string text;  ///< A readable rendering of all of it, for error texts.
 };
 
+/// The next piece of one of the answers.
 struct ChunkChoice {
-  std::optional<Message> delta;
-  Scalar finish_reason;
+  std::optional<Message> delta;  ///< What is added to it.
+  Scalar finish_reason;          ///< Why it ends here; absent before its end.
 };
 
 /// A piece of a streamed reply.
 struct Chunk {
-  Scalar model;
-  std::optional<std::vector<ChunkChoice>> choices;
-  std::optional<Usage> usage;
-  std::string text;  ///< As for `Completion`; may be empty.
+  Scalar model;                                     ///< Who answers.
+  std::optional<std::vector<ChunkChoice>> choices;  ///< Pieces of the answers.
+  std::optional<Usage> usage;                       ///< What was counted; in the last chunk.
+  std::string text;                                 ///< As for `Completion`; may be empty.
 };
 
 /// A streamed reply, read once from start to end.
@@ -78,29 +82,31 @@ class ChunkStream {
 /// The arguments of one request, in the order in which they are sent. Those that are absent are not
 /// sent at all.
 struct CreateArguments {
+  /// What a stream is to hold beside the answer.
   struct StreamOptions {
-    bool include_usage = true;
+    bool include_usage = true;  ///< Token counts, in the last chunk.
   };
 
+  /// The form of the answer.
   struct ResponseFormat {
-    std::string type;
+    std::string type;  ///< "json_object".
   };
 
-  std::string model;
+  std::string model;                                                       ///< Who is to answer.
   std::vector<std::vector<std::pair<std::string, std::string>>> messages;  ///< Members in order.
-  double temperature = 0;
-  int max_tokens = 0;
-  std::optional<bool> stream{};
-  std::optional<StreamOptions> stream_options{};
-  std::optional<ResponseFormat> response_format{};
+  double temperature = 0;                           ///< Sampling temperature.
+  int max_tokens = 0;                               ///< Most tokens of the answer.
+  std::optional<bool> stream{};                     ///< Whether to send the answer in pieces.
+  std::optional<StreamOptions> stream_options{};    ///< With `stream` only.
+  std::optional<ResponseFormat> response_format{};  ///< Absent: any text.
 };
 
 /// What a client is made with.
 struct ClientArguments {
-  std::string base_url;
-  std::string api_key;
-  double timeout = 0;   ///< Seconds; bounds every wait of a request. 0: none.
-  int max_retries = 0;  ///< 0: exactly one try a request.
+  std::string base_url;  ///< What "/chat/completions" is appended to.
+  std::string api_key;   ///< A secret; must be in no error text.
+  double timeout = 0;    ///< Seconds; bounds every wait of a request. 0: none.
+  int max_retries = 0;   ///< 0: exactly one try a request.
 };
 
 /// A client of one endpoint. Its destructor closes it and what it holds. Used by one thread.
@@ -120,6 +126,7 @@ class OpenAI {
 /// Any failure of a request. The text quotes what the provider says.
 class [[gnu::visibility("default")]] OpenAIError : public std::runtime_error {
  public:
+  /// `message` is redacted by who catches it; better that it holds no secret.
   explicit OpenAIError(const std::string& message, std::optional<int> status = std::nullopt)
       : std::runtime_error(message), _status(status) {}
 
@@ -153,6 +160,7 @@ class [[gnu::visibility("default")]] APITimeoutError : public APIConnectionError
 /// What the entry point returns: who made the object, and how to make a client.
 struct Library {
   std::uint32_t interface_version;  ///< INTERFACE_VERSION of the header it was built with.
+  /// Makes a client. Throws an OpenAIError.
   std::unique_ptr<OpenAI> (*open)(const ClientArguments& arguments);
 };
 

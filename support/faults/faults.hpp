@@ -64,6 +64,7 @@ struct Call {
   double timeout_s = 30;  ///< The client's.
   std::size_t size = 10;  ///< Bytes of the message.
   Bound bound = Bound::none;
+  std::chrono::milliseconds until{60};  ///< From the call to its bound.
   http::Wait wait = [](double, auto&, auto) {};
 };
 
@@ -75,7 +76,7 @@ struct Outcome {
   bool shows_key;    ///< Whether more of the key than its first characters is in the text.
 };
 
-/// Makes a call with one try after the first. Its bound comes after 60 ms.
+/// Makes a call with one try after the first.
 [[nodiscard]] Outcome make(const Call& call);
 
 /// Whether the text shows the key in any spelling.

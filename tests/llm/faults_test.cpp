@@ -39,7 +39,7 @@ double judge(const Call& call) {
 
 // Makes the calls on some threads; afterwards no descriptor is left, and the log has kept the key, too.
 // How soon a bound ends a call shows in the shortest of three delays, whatever else the machine does.
-void judge_all(const std::vector<Call>& calls) {
+void judge_all(std::vector<Call> calls) {
   ASSERT_EQ(std::signal(SIGPIPE, SIG_DFL), SIG_DFL);
   setenv("COPILOT_GITHUB_TOKEN", KEY.c_str(), 1);
   forget_authorities();
@@ -51,10 +51,15 @@ void judge_all(const std::vector<Call>& calls) {
   std::atomic<std::size_t> next = 0;
   in_threads(12, [&] {
     for (std::size_t i = next++; i < calls.size(); i = next++) {
-      const bool bounded = calls[i].bound != Bound::none;
-      double late = judge(calls[i]);
-      for (int round = 1; round < 3 && bounded; ++round) late = std::min(late, judge(calls[i]));
-      EXPECT_LT(late, bounded ? 0.1 : 20) << calls[i].name;
+      Call& call = calls[i];
+      const double most = call.bound != Bound::none ? 0.1 : 20;
+      double late = judge(call);
+      // A busy machine, or a sanitizer, may not even have begun to send.
+      for (int round = 1; round < 3 && late >= most; ++round) {
+        call.until *= 4;
+        late = judge(call);
+      }
+      EXPECT_LT(late, most) << call.name;
     }
   });
   for (int i = 0; i < 250 && descriptors() > before; ++i) std::this_thread::sleep_for(20ms);  // a name look-up outlives its call
@@ -67,6 +72,7 @@ void judge_all(const std::vector<Call>& calls) {
 // The same call once for each bound.
 void add_bounded(std::vector<Call>& calls, Call call) {
   call.timeout_s = 60;
+  if (call.size > 1U << 20U) call.until = 1s;  // it has to be written first
   for (const auto& [bound, end] : {std::pair(Bound::stop, "stopped"), {Bound::deadline, "late"}}) {
     calls.push_back(call);
     calls.back().name.append(", ").append(calls.back().ends = end);
@@ -130,7 +136,7 @@ TEST(Faults, OfThePeerEndTheCallAtAnyMoment) {
       }
     }
   }
-  judge_all(calls);
+  judge_all(std::move(calls));
 }
 
 TEST(Faults, OnTheWayToARequest) {
@@ -180,7 +186,7 @@ TEST(Faults, OnTheWayToARequest) {
   }
   const Call wait{.name = "wait between tries", .ends = "", .serve = [](Exchange& e) { e.reply(503, ECHO); }, .wait = http::wait_unless_stopped};
   add_bounded(calls, wait);
-  judge_all(calls);
+  judge_all(std::move(calls));
 }
 
 TEST(Faults, OfAReply) {
@@ -243,7 +249,7 @@ TEST(Faults, OfAReply) {
       calls.push_back({.name = "redirect", .ends = "1 not followed", .serve = [&, status](Exchange& e) { e.reply(status, ECHO, "text/html", std::string("Location: ").append(other.url()).append("/").append(ECHO).append("?key=").append(KEY).append("\r\n")); }, .copilot = copilot});
     }
   }
-  judge_all(calls);
+  judge_all(std::move(calls));
   EXPECT_EQ(other.connections(), 0);
 }
 

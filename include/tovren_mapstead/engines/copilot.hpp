@@ -10,6 +10,7 @@
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/engines/http/transport.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::copilot {
 
@@ -22,7 +23,7 @@ inline constexpr const char* NO_CREDENTIAL =
     "COPILOT_GITHUB_TOKEN to an OAuth token of such a sign-in.";
 
 /// Why there is no Copilot token. The text says what to do and holds no credential and no token.
-class CopilotError : public std::runtime_error {
+class TOVREN_EXPORT CopilotError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -35,16 +36,17 @@ struct AuthOptions {
 
 /// The bounds of one call.
 struct CallBounds {
-  const double timeout_s = 30.0;  ///< Longest silence during an exchange, in seconds; 0: any.
-  const http::StopTest should_stop{};
-  const std::optional<http::Deadline> deadline{};
+  const double timeout_s = 30.0;       ///< Longest silence during an exchange, in seconds; 0: any.
+  const http::StopTest should_stop{};  ///< True ends the call.
+  const std::optional<http::Deadline> deadline{};  ///< The moment by which the call ends.
 };
 
 /// Holds the short-lived Copilot token of a client and renews it in time.
 /// Usable from any number of threads at once: those that need a token at the same moment make one
 /// exchange between them.
-class CopilotAuth {
+class TOVREN_EXPORT CopilotAuth {
  public:
+  /// Reads nothing and sends nothing yet.
   explicit CopilotAuth(const AuthOptions& options = {});
   CopilotAuth(const CopilotAuth&) = delete;
   CopilotAuth& operator=(const CopilotAuth&) = delete;

@@ -61,7 +61,7 @@ constexpr std::array<Outcome, 16> OUTCOMES{{
     {CURLE_HTTP2, true, "the HTTP/2 connection failed with", TRY_LATER},
     {CURLE_HTTP2_STREAM, true, "the HTTP/2 stream failed from", TRY_LATER},
     {CURLE_PEER_FAILED_VERIFICATION, false, "cannot trust the TLS certificate of",
-     "check the host name; SSL_CERT_FILE may name a file of further authorities"},
+     "check the host name; SSL_CERT_FILE may name a file of the authorities to trust"},
     {CURLE_SSL_CONNECT_ERROR, false, "cannot agree on TLS with", "check that it speaks https"},
     {CURLE_URL_MALFORMAT, false, "malformed URL:", CHECK_URL},
     {CURLE_UNSUPPORTED_PROTOCOL, false, "only http and https are spoken, unlike", CHECK_URL},

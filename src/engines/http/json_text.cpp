@@ -120,8 +120,8 @@ class Writer {
 void Writer::refuse(const std::string& what, const Place* place) {
   std::string path;
   for (; place != nullptr; place = place->above) {
-    path.insert(
-        0, "/" + (place->name.empty() ? std::to_string(place->index) : std::string(place->name)));
+    path.insert(0, place->name.empty() ? std::to_string(place->index) : std::string(place->name));
+    path.insert(path.begin(), '/');
   }
   throw HttpFailure("request cannot be written: " + what + (path.empty() ? "" : " at " + path));
 }

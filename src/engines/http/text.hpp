@@ -6,10 +6,12 @@
 #include <string>
 #include <string_view>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::http {
 
 /// `text` with the ASCII letters in lower case.
-[[nodiscard]] std::string lower_case(std::string_view text);
+[[nodiscard]] TOVREN_EXPORT std::string lower_case(std::string_view text);
 
 /// Whether both are the same but for the letter case of ASCII letters.
 [[nodiscard]] bool equal_in_any_case(std::string_view left, std::string_view right) noexcept;
@@ -25,7 +27,7 @@ struct Character {
 };
 
 /// The character at the start of `text`, if that is valid UTF-8.
-[[nodiscard]] Character read_utf8(std::string_view text) noexcept;
+[[nodiscard]] TOVREN_EXPORT Character read_utf8(std::string_view text) noexcept;
 
 [[nodiscard]] constexpr bool is_high_half(std::uint32_t code_point) noexcept {
   return code_point >= 0xD800 && code_point <= 0xDBFF;

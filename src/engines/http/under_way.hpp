@@ -2,11 +2,13 @@
 // the libraries under it need.
 #pragma once
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::http {
 
 /// Held by a thread as long as it is inside the engine. Where `exit` has begun, those calls are
 /// stopped, and it waits a second at most for their threads to leave.
-class UnderWay {
+class TOVREN_EXPORT UnderWay {
  public:
   /// Throws Stopped when the process ends.
   UnderWay();

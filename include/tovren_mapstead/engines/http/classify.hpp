@@ -5,13 +5,15 @@
 #include <optional>
 
 #include "tovren_mapstead/engines/http/retry.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
 /// The HTTP status that an error of the OpenAI client library carries, if any.
-[[nodiscard]] std::optional<int> status_of(const std::exception& error);
+[[nodiscard]] TOVREN_EXPORT std::optional<int> status_of(const std::exception& error);
 
 /// Whether `error` is a timeout, a failed connection, or carries a status of `statuses`.
-[[nodiscard]] bool is_transient(const std::exception& error, const StatusSet& statuses);
+[[nodiscard]] TOVREN_EXPORT bool is_transient(const std::exception& error,
+                                              const StatusSet& statuses);
 
 }  // namespace tovren_mapstead::engines::http

@@ -9,11 +9,14 @@
 #include <string>
 #include <string_view>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::http {
 
 /// The engine's errors have this base, so that a caller of the engine alone can catch them all.
-class Error : public std::runtime_error {
+class TOVREN_EXPORT Error : public std::runtime_error {
  public:
+  /// `message` is quoted as it is: it must hold no secret.
   explicit Error(const std::string& message, std::optional<int> status = std::nullopt)
       : std::runtime_error(message), _status(status) {}
 
@@ -25,20 +28,20 @@ class Error : public std::runtime_error {
 };
 
 /// A failure that another attempt may mend: `retry` makes one if its policy has any left.
-class Retryable : public Error {
+class TOVREN_EXPORT Retryable : public Error {
  public:
   using Error::Error;
 };
 
 /// The peer was silent for longer than the time limit.
-class TimedOut : public Retryable {
+class TOVREN_EXPORT TimedOut : public Retryable {
  public:
   using Retryable::Retryable;
 };
 
 /// A failure that no repetition mends: a refusing status, a bad URL, a certificate, a request that
 /// cannot be written.
-class HttpFailure : public Error {
+class TOVREN_EXPORT HttpFailure : public Error {
  public:
   /// The text is `what`, followed by ": " and `detail` unless that is empty.
   explicit HttpFailure(const std::string& what, std::optional<int> status = std::nullopt,
@@ -56,19 +59,19 @@ class HttpFailure : public Error {
 };
 
 /// The caller's stop test said stop.
-class Stopped : public Error {
+class TOVREN_EXPORT Stopped : public Error {
  public:
   using Error::Error;
 };
 
 /// The caller's deadline passed, or the next attempt could only have begun after it.
-class DeadlineExceeded : public Error {
+class TOVREN_EXPORT DeadlineExceeded : public Error {
  public:
   using Error::Error;
 };
 
 /// Every attempt of a retry loop failed in a way that called for another.
-class Exhausted : public Error {
+class TOVREN_EXPORT Exhausted : public Error {
  public:
   using Error::Error;
 };

@@ -14,12 +14,13 @@
 #include <string_view>
 
 #include "tovren_mapstead/engines/http/send.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
 /// A value inside a JSON text, or the absence of one. Cheap to copy, read-only; valid as long as
 /// the JsonReader that it came from, and until that one parses again.
-class JsonValue {
+class TOVREN_EXPORT JsonValue {
  public:
   /// Each in the letter that the parser has for it, so that none needs looking up.
   enum class Kind : char {
@@ -35,8 +36,10 @@ class JsonValue {
 
   JsonValue() = default;
 
+  /// What it is; a number without fraction and exponent is an integer.
   [[nodiscard]] Kind kind() const noexcept { return _kind; }
 
+  /// Whether there is a value, null included.
   [[nodiscard]] bool present() const noexcept { return _kind != Kind::absent; }
 
   /// Absent, null, false, zero, or a string, array or object that holds nothing.
@@ -119,15 +122,18 @@ class JsonValue {
 
 /// Joins the halves of surrogate pairs that `append_text` left and puts U+FFFD in place of those
 /// that stay alone. What was valid UTF-8 stays as it is.
-void join_halves(std::string& text);
+TOVREN_EXPORT void join_halves(std::string& text);
 
-[[nodiscard]] bool is_utf8(std::string_view text) noexcept;
+/// Whether `text` is valid UTF-8 (RFC 3629).
+[[nodiscard]] TOVREN_EXPORT bool is_utf8(std::string_view text) noexcept;
 
 /// Parses one text after the other in memory that it keeps. One thread at a time.
-class JsonReader {
+class TOVREN_EXPORT JsonReader {
  public:
   JsonReader();
-  JsonReader(JsonReader&&) noexcept;
+  /// Values of `other` are values of this one from now on.
+  JsonReader(JsonReader&& other) noexcept;
+  /// Ends the life of the values read before.
   JsonReader& operator=(JsonReader&&) noexcept;
   ~JsonReader();
 
@@ -150,6 +156,7 @@ class JsonReader {
 /// Reads the whole body of `reply`, at most `policy.max_body_bytes`, as JSON. The value lives as
 /// long as the reply. Throws Retryable when the text breaks off before its end, HttpFailure, which
 /// quotes the start of the body, when it is not JSON, and what reading throws.
-JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets);
+TOVREN_EXPORT JsonValue read_json(Response& reply, const RetryPolicy& policy,
+                                  const Secrets& secrets);
 
 }  // namespace tovren_mapstead::engines::http

@@ -14,6 +14,7 @@
 
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -35,14 +36,15 @@ using Wait = std::function<void(double period_s, const StopTest& should_stop,
 /// Zero, negative or NaN: returns at once.
 /// Throws Stopped within 25 ms of `should_stop` turning true, DeadlineExceeded at `deadline`;
 /// what `should_stop` throws passes through. Safe from any thread.
-void wait_unless_stopped(double period_s, const StopTest& should_stop,
-                         std::optional<Deadline> deadline);
+TOVREN_EXPORT void wait_unless_stopped(double period_s, const StopTest& should_stop,
+                                       std::optional<Deadline> deadline);
 
 /// A set of HTTP statuses, fixed at compile time where it is a constant.
 class StatusSet {
  public:
   constexpr StatusSet() = default;
 
+  /// A status out of range does not compile in a constant and throws std::out_of_range elsewhere.
   constexpr StatusSet(std::initializer_list<int> statuses) {
     for (const int status : statuses) insert(status);
   }
@@ -54,30 +56,32 @@ class StatusSet {
     return wider;
   }
 
+  /// Whether `status` is in it; any number may be asked for.
   [[nodiscard]] constexpr bool contains(int status) const noexcept {
     return status >= 0 && status < END && _member.at(static_cast<std::size_t>(status));
   }
 
+  /// How many statuses are in it.
   [[nodiscard]] constexpr std::size_t size() const noexcept {
     std::size_t count = 0;
     for (const bool member : _member) count += member ? 1 : 0;
     return count;
   }
 
+  /// Whether the same statuses are in both.
   bool operator==(const StatusSet&) const = default;
 
  private:
   // RFC 9110 gives statuses three digits, of which only 100 to 599 have a class.
   static constexpr int END = 600;
 
-  // A status out of range does not compile in a constant and throws std::out_of_range elsewhere.
   constexpr void insert(int status) { _member.at(static_cast<std::size_t>(status)) = true; }
 
   std::array<bool, END> _member{};
 };
 
 /// How patiently one call is repeated, and within which bounds. Immutable; `with` copies.
-struct RetryPolicy {
+struct TOVREN_EXPORT RetryPolicy {
   const int attempts = 1;            ///< Tries in all, the first included; less than 1 counts as 1.
   const double backoff_s = 1.0;      ///< Seconds before the second try; doubles after each.
   const double timeout_s = 60.0;     ///< Longest silence within one try, in seconds; 0: any.
@@ -91,8 +95,8 @@ struct RetryPolicy {
 
   /// The two bounds that differ from call to call.
   struct Call {
-    const StopTest should_stop{};
-    const std::optional<Deadline> deadline{};
+    const StopTest should_stop{};              ///< Ends the call; empty: never.
+    const std::optional<Deadline> deadline{};  ///< Ends the call; absent: none.
   };
 
   /// This policy with both bounds replaced, absent ones too.
@@ -108,7 +112,7 @@ struct RetryOptions {
 namespace detail {
 
 /// The book-keeping of one `retry`, apart from the attempt itself.
-class RetryLoop {
+class TOVREN_EXPORT RetryLoop {
  public:
   RetryLoop(const RetryPolicy& policy, const RetryOptions& options)
       : _policy(policy), _options(options), _backoff_s(policy.backoff_s) {}

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::http {
 
 /// Strings that must not occur in any text the engine makes. Empty ones are ignored.
@@ -19,11 +21,11 @@ using Headers = std::map<std::string, std::string>;
 /// Afterwards no secret occurs in the result, whatever the secrets are: the mask is one that holds
 /// none of them, and where every mask would, the secrets are cut out instead.
 /// Linear in the text for any fixed set of secrets. Safe from any thread.
-[[nodiscard]] std::string redact(std::string_view text, const Secrets& secrets);
+[[nodiscard]] TOVREN_EXPORT std::string redact(std::string_view text, const Secrets& secrets);
 
 /// The credentials in `headers`: what follows the scheme of an `Authorization` or
 /// `Proxy-Authorization` (all of it where there is no scheme), the value of `Api-Key`, `X-Api-Key`
 /// and their like, and of every cookie. Header names in any letter case. Safe from any thread.
-[[nodiscard]] Secrets secrets_of(const Headers& headers);
+[[nodiscard]] TOVREN_EXPORT Secrets secrets_of(const Headers& headers);
 
 }  // namespace tovren_mapstead::engines::http

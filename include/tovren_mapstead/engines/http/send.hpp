@@ -16,19 +16,21 @@
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/engines/http/transport.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
 /// A reply whose body is still arriving. Moves, does not copy; used by one thread at a time.
 /// Reading throws Stopped, DeadlineExceeded, Retryable (silence, a cut body) and HttpFailure (a
 /// line or a body too large), and what the stop test throws.
-class Response {
+class TOVREN_EXPORT Response {
  public:
   /// Sends `request` and waits for the head of its reply, whatever its status. `policy` and
   /// `secrets` are borrowed for the life of this object. Throws like reading.
   Response(Transport& transport, Request request, double timeout_s, const RetryPolicy& policy,
            const Secrets& secrets);
 
+  /// What was moved from can only be destroyed.
   Response(Response&&) noexcept;
   Response& operator=(Response&&) = delete;
   Response(const Response&) = delete;
@@ -37,6 +39,7 @@ class Response {
   /// Gives the connection back if the reply was left in good order, else closes it.
   ~Response();
 
+  /// Status, content type and location. Lives as long as this object.
   [[nodiscard]] const Head& head() const noexcept;
 
   /// The next line of the body without its end, or nothing at the end of the body. Blocks until the
@@ -46,6 +49,7 @@ class Response {
   /// parser that reads in blocks.
   std::optional<std::string_view> next_line();
 
+  /// Bytes that are readable after a line.
   static constexpr std::size_t PADDING = 64;
 
   /// How often bytes have been waited for. Lines between which this stays the same have come at the
@@ -89,8 +93,10 @@ class Response {
     std::optional<std::string_view> _line;
   };
 
+  /// The lines from here on: `for (std::string_view line : reply)`. Throws like `next_line`.
   Lines begin() { return Lines(*this); }
 
+  /// The end of the body.
   static std::default_sentinel_t end() noexcept { return {}; }
 
  private:
@@ -99,7 +105,7 @@ class Response {
 };
 
 /// The media type of the reply with its parameters, in lower case; empty when it names none.
-[[nodiscard]] std::string content_type(const Response& reply);
+[[nodiscard]] TOVREN_EXPORT std::string content_type(const Response& reply);
 
 /// What a POST needs. Everything is borrowed for the time of the exchange.
 struct SendOptions {
@@ -113,18 +119,18 @@ struct SendOptions {
 
 /// What a GET needs: the same without a body.
 struct GetOptions {
-  const RetryPolicy& policy;
-  const double timeout_s = 60.0;
-  const Headers& headers;
-  const Secrets& secrets;
-  Transport* const transport = nullptr;
+  const RetryPolicy& policy;             ///< As for SendOptions.
+  const double timeout_s = 60.0;         ///< Longest silence, in seconds; 0: any.
+  const Headers& headers;                ///< Sent as they are.
+  const Secrets& secrets;                ///< Kept out of every error text.
+  Transport* const transport = nullptr;  ///< Absent: `default_transport`.
 };
 
 namespace detail {
 
 /// Send a request and return its reply if the status is a success; throw like `send`.
-Response post(const std::string& url, const SendOptions& options);
-Response get(const std::string& url, const GetOptions& options);
+TOVREN_EXPORT Response post(const std::string& url, const SendOptions& options);
+TOVREN_EXPORT Response get(const std::string& url, const GetOptions& options);
 
 }  // namespace detail
 

@@ -11,36 +11,39 @@
 
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
 class JsonReader;
 
+/// The methods that the engine uses.
 enum class Method { get, post };
 
 /// One request. The engine has made sure that neither URL nor headers hold line breaks or NUL.
 struct Request {
-  Method method = Method::post;
-  std::string url;
-  Headers headers;
-  std::string body;
+  Method method = Method::post;  ///< A GET has no body.
+  std::string url{};             ///< Absolute; http or https.
+  Headers headers{};             ///< All of them but those that HTTP itself needs.
+  std::string body{};            ///< Sent as it is.
 };
 
 /// The head of a reply, as far as the engine uses it.
 struct Head {
-  int status = 0;            ///< Of the final reply, never an interim 1xx.
-  std::string content_type;  ///< As sent; empty when absent.
-  std::string location;      ///< As sent; empty when absent.
+  int status = 0;              ///< Of the final reply, never an interim 1xx.
+  std::string content_type{};  ///< As sent; empty when absent.
+  std::string location{};      ///< As sent; empty when absent.
 };
 
 /// What a transport throws when a request fails on the way. The engine makes a Retryable or an
 /// HttpFailure of it and removes the secrets from its text.
-class TransportError : public std::runtime_error {
+class TOVREN_EXPORT TransportError : public std::runtime_error {
  public:
   /// `transient`: the same request may get through when sent again.
   TransportError(const std::string& message, bool transient)
       : std::runtime_error(message), _transient(transient) {}
 
+  /// Whether the same request may get through when sent again.
   [[nodiscard]] bool transient() const noexcept { return _transient; }
 
  private:
@@ -48,15 +51,16 @@ class TransportError : public std::runtime_error {
 };
 
 /// Nothing moved for longer than the time limit; the engine makes a TimedOut of it.
-class TransportTimeout : public TransportError {
+class TOVREN_EXPORT TransportTimeout : public TransportError {
  public:
+  /// `message` says what was waited for.
   explicit TransportTimeout(const std::string& message) : TransportError(message, true) {}
 };
 
 /// The bounds of every wait in one exchange. A transport that waits does so for at most `patience`
 /// at a time and calls `check` in between, `moved` when bytes have come or gone.
 /// Used on the thread of the call only.
-class Watch {
+class TOVREN_EXPORT Watch {
  public:
   /// `timeout_s`: the longest silence in seconds; 0, NaN or more than the clock can count: any.
   /// `should_stop` is borrowed and must outlive this object.
@@ -86,13 +90,14 @@ class Watch {
 };
 
 /// One request under way, its head received. Destroying it unfinished drops the connection.
-class Exchange {
+class TOVREN_EXPORT Exchange {
  public:
   Exchange() = default;
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
   virtual ~Exchange() = default;
 
+  /// Of the final reply. Lives as long as this object.
   [[nodiscard]] virtual const Head& head() const noexcept = 0;
 
   /// Appends the next bytes of the body to `into`, at least one, or returns false at its end.
@@ -110,7 +115,7 @@ class Exchange {
 
 /// Performs HTTP requests. An implementation verifies TLS, follows no redirect and may be called
 /// from any number of threads at once.
-class Transport {
+class TOVREN_EXPORT Transport {
  public:
   Transport() = default;
   Transport(const Transport&) = delete;
@@ -131,11 +136,12 @@ struct TransportOptions {
 
 /// A transport over libcurl, with a pool of connections of its own. It speaks http and https only,
 /// keeps connections alive for reuse and takes proxies from the usual environment variables.
-[[nodiscard]] std::shared_ptr<Transport> make_transport(const TransportOptions& options = {});
+[[nodiscard]] TOVREN_EXPORT std::shared_ptr<Transport> make_transport(
+    const TransportOptions& options = {});
 
 /// The transport of every exchange that names none: one pool for the process, made when first used
 /// and never destroyed. A child process starts with a new one; a transport that was made otherwise
 /// is not for the children of its process.
-[[nodiscard]] Transport& default_transport();
+[[nodiscard]] TOVREN_EXPORT Transport& default_transport();
 
 }  // namespace tovren_mapstead::engines::http

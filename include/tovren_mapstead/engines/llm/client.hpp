@@ -14,6 +14,7 @@
 #include "tovren_mapstead/engines/llm/config.hpp"
 #include "tovren_mapstead/engines/llm/errors.hpp"
 #include "tovren_mapstead/engines/llm/result.hpp"
+#include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::copilot {
 class CopilotAuth;
@@ -23,6 +24,7 @@ namespace tovren_mapstead::engines::llm {
 
 /// One message: its members, usually `role` and `content`, in the order in which they are sent.
 using Message = std::vector<std::pair<std::string, std::string>>;
+/// The messages of a call, the oldest first.
 using Messages = std::vector<Message>;
 
 /// What a client may be given beside its configuration.
@@ -45,15 +47,17 @@ struct ChatOptions {
 /// closing. Copies share the transport and, for Copilot, the token.
 /// It has to outlive every call on it: to destroy it while another thread is inside `chat` is the
 /// caller's fault.
-class LLMClient {
+class TOVREN_EXPORT LLMClient {
  public:
   /// Throws std::invalid_argument for a base URL that is not empty and does not start with
   /// "http://" or "https://". A client without URL, model or key is built all the same:
   /// see `is_configured`.
   explicit LLMClient(LLMConfig config, const ClientOptions& options = {});
 
+  /// As it was given. Lives as long as the client.
   [[nodiscard]] const LLMConfig& config() const noexcept { return _config; }
 
+  /// The model of the configuration; a reply may name another.
   [[nodiscard]] const std::string& model() const noexcept { return _config.model; }
 
   /// Whether the client has what its provider needs: URL, model and key, or for Copilot a model and
@@ -91,12 +95,12 @@ class LLMClient {
 
 /// Whether the OpenAI client library (`openai`) can be loaded, in which case plain providers are
 /// reached through it. Looked for once in the life of the process. Safe from any thread.
-[[nodiscard]] bool _openai_available();
+[[nodiscard]] TOVREN_EXPORT bool _openai_available();
 
 /// Builds a client from the application's configuration and, unless the provider is "copilot", the
 /// key in the environment variable TOVREN_LLM_API_KEY. The client may be unconfigured.
 /// Throws std::invalid_argument like the constructor. Reads the environment, so not to be called
 /// while another thread changes it.
-[[nodiscard]] LLMClient build_llm_client_from_config(const Config& config);
+[[nodiscard]] TOVREN_EXPORT LLMClient build_llm_client_from_config(const Config& config);
 
 }  // namespace tovren_mapstead::engines::llm

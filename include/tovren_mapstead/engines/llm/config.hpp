@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::llm {
 
 /// Resolved configuration for an OpenAI-compatible chat client.
@@ -22,12 +24,17 @@ struct LLMConfig {
   const int max_tokens = 1500;                 ///< Most tokens of an answer, unless a call says.
   const bool stream = true;                    ///< Whether answers are streamed.
 
+  /// Whether all settings are the same.
   bool operator==(const LLMConfig&) const = default;
 };
 
 }  // namespace tovren_mapstead::engines::llm
 
+/// @cond a reference of std is not ours to write
 template <>
 struct std::hash<tovren_mapstead::engines::llm::LLMConfig> {
-  std::size_t operator()(const tovren_mapstead::engines::llm::LLMConfig& config) const noexcept;
+  TOVREN_EXPORT std::size_t operator()(
+      const tovren_mapstead::engines::llm::LLMConfig& config) const noexcept;
 };
+
+/// @endcond

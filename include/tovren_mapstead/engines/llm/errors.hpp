@@ -3,23 +3,25 @@
 
 #include <stdexcept>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::llm {
 
 /// Raised when an LLM chat completion fails (after retries). Its text says what to do and holds no
 /// secret. Where one failure caused another, it is nested (`std::rethrow_if_nested`).
-class LLMError : public std::runtime_error {
+class TOVREN_EXPORT LLMError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
 /// Raised when the call was asked to stop (`should_stop`) before it had an answer.
-class LLMStopped : public LLMError {
+class TOVREN_EXPORT LLMStopped : public LLMError {
  public:
   using LLMError::LLMError;
 };
 
 /// Raised when the call ran out of its `deadline`.
-class LLMTimeout : public LLMError {
+class TOVREN_EXPORT LLMTimeout : public LLMError {
  public:
   using LLMError::LLMError;
 };

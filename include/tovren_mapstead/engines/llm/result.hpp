@@ -9,14 +9,18 @@
 #include <string>
 #include <utility>
 
+#include "tovren_mapstead/export.hpp"
+
 namespace tovren_mapstead::engines::llm {
 
 /// A string that has to be given: without a default, a record that leaves it out does not compile.
 class RequiredString : public std::string {
  public:
+  /// A plain string is one.
   RequiredString(std::string text) noexcept  // NOLINT(google-explicit-constructor): is a string
       : std::string(std::move(text)) {}
 
+  /// So is a literal. `text` must not be null.
   RequiredString(const char* text) : std::string(text) {}  // NOLINT(google-explicit-constructor)
 };
 
@@ -41,12 +45,17 @@ struct LLMResult {
     return prompt_tokens + completion_tokens;
   }
 
+  /// Whether all of it is the same.
   bool operator==(const LLMResult&) const = default;
 };
 
 }  // namespace tovren_mapstead::engines::llm
 
+/// @cond a reference of std is not ours to write
 template <>
 struct std::hash<tovren_mapstead::engines::llm::LLMResult> {
-  std::size_t operator()(const tovren_mapstead::engines::llm::LLMResult& result) const noexcept;
+  TOVREN_EXPORT std::size_t operator()(
+      const tovren_mapstead::engines::llm::LLMResult& result) const noexcept;
 };
+
+/// @endcond

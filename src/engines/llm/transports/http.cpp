@@ -101,7 +101,7 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
     return _parse_completion(http::read_json(reply, policy, secrets), _config.model, secrets);
   };
   const auto drop_refused_token = [&](const http::Error& error) {
-    if (_copilot_auth && error.status() == 401) _copilot_auth->drop_token(headers);
+    if (_copilot_auth && error.status().value_or(0) == 401) _copilot_auth->drop_token(headers);
   };
   try {
     return http::send(url,
