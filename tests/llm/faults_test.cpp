@@ -129,7 +129,7 @@ TEST(Faults, OfThePeerEndTheCallAtAnyMoment) {
         const bool cut_short = ends != nullptr && (fault.ends == &Moment::silence || contains(ends, "exceeded"));
         // Long enough for the status that is to be quoted, and for no other.
         const double patience = !cut_short || answers ? 30 : contains(ends, "HTTP") ? 1
-                                                                                    : 0.2;
+                                                                                    : 0.5;
         const Call call{.name = fault.name + std::string(" ") + moment.name + (road % 2 != 0 ? ", TLS" : "") + (road > 1 ? ", exchange" : ""), .ends = ends == nullptr ? "" : ends, .serve = serve, .options = {.tls = road % 2 != 0}, .copilot = road > 1, .timeout_s = patience};
         if (ends != nullptr) calls.push_back(call);
         if (fault.lasts && !answers) add_bounded(calls, call);
@@ -179,8 +179,9 @@ TEST(Faults, OnTheWayToARequest) {
   for (const Place& place : places) {
     for (const bool tls : {false, true}) {
       if (tls && place.size != MUCH) continue;
-      Call call{.name = place.name + std::string(tls ? ", TLS" : ""), .ends = place.ends != nullptr ? place.ends : "", .options = {.tls = tls, .greeting = place.greeting}, .url = place.url, .scheme = place.scheme, .reached = false, .timeout_s = 0.2, .size = place.size};
-      if (place.ends != nullptr) calls.push_back(call);
+      const std::string ends = place.ends != nullptr ? place.ends : "";
+      Call call{.name = place.name + std::string(tls ? ", TLS" : ""), .ends = ends, .options = {.tls = tls, .greeting = place.greeting}, .url = place.url, .scheme = place.scheme, .reached = false, .timeout_s = contains(ends, "nothing moved") ? 0.5 : 30, .size = place.size};
+      if (!ends.empty()) calls.push_back(call);
       if (place.lasts) add_bounded(calls, call);
     }
   }
