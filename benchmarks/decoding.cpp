@@ -102,7 +102,7 @@ class Borrowed final : public http::Transport {
     }
 
    private:
-    const http::Head _head{.status = 200, .content_type = "text/event-stream", .location = {}};
+    const http::Head _head{.status = 200, .content_type = "text/event-stream"};
     std::string_view _rest;
     std::size_t _piece;
   };

@@ -27,7 +27,7 @@ struct Reply final : http::Exchange {
     return !std::exchange(body, "").empty();
   }
 
-  http::Head top{.content_type = "application/json", .location = ""};
+  http::Head top{.content_type = "application/json"};
   std::string body;
 };
 

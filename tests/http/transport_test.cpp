@@ -125,7 +125,7 @@ TEST(Transport, HoldsAFastSenderBack) {
   });
   const http::StopTest none;
   http::Watch watch(5, none, {});
-  const auto exchange = http::default_transport().open({.method = http::Method::get, .url = server.url(), .headers = {}, .body = {}}, watch);
+  const auto exchange = http::default_transport().open({.method = http::Method::get, .url = server.url()}, watch);
   std::string body;
   std::size_t before = 0;
   do {

@@ -113,7 +113,7 @@ Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
 namespace detail {
 
 Response post(const std::string& url, const SendOptions& options) {
-  Request request{.method = Method::post, .url = url, .headers = options.headers, .body = {}};
+  Request request{.method = Method::post, .url = url, .headers = options.headers};
   try {
     request.body = write_json(options.body);
   } catch (const HttpFailure& failure) {  // names a place in the body, which may hold a secret
@@ -125,7 +125,7 @@ Response post(const std::string& url, const SendOptions& options) {
 }
 
 Response get(const std::string& url, const GetOptions& options) {
-  return exchange({.method = Method::get, .url = url, .headers = options.headers, .body = {}},
+  return exchange({.method = Method::get, .url = url, .headers = options.headers},
                   options.timeout_s, options.policy, options.secrets, options.transport);
 }
 
