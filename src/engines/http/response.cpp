@@ -7,9 +7,9 @@
 #include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 
+#include "engines/http/process.hpp"
 #include "engines/http/quote.hpp"
 #include "engines/http/text.hpp"
-#include "engines/http/under_way.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {

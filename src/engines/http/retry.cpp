@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <thread>
 
+#include "engines/http/process.hpp"
 #include "engines/http/quote.hpp"
 #include "engines/http/time.hpp"
-#include "engines/http/under_way.hpp"
 
 namespace tovren_mapstead::engines::http {
 

@@ -4,8 +4,8 @@
 
 #include "tovren_mapstead/engines/http/transport.hpp"
 
+#include "engines/http/process.hpp"
 #include "engines/http/time.hpp"
-#include "engines/http/under_way.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {

@@ -3,7 +3,7 @@
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/llm/client.hpp"
 
-#include "engines/http/under_way.hpp"
+#include "engines/http/process.hpp"
 #include "engines/llm/client/prompt.hpp"
 
 namespace tovren_mapstead::engines::llm {

@@ -1,0 +1,70 @@
+// The process around the calls: what it makes once, its forks, and its end.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <utility>
+
+#include "tovren_mapstead/export.hpp"
+
+namespace tovren_mapstead::engines::http {
+
+/// Held by a thread for as long as it is inside the engine. Once `exit` has begun, those calls are
+/// stopped, and the process waits up to a second for their threads to leave.
+class TOVREN_EXPORT UnderWay {
+ public:
+  /// Throws Stopped when the process is ending.
+  UnderWay();
+  UnderWay(const UnderWay&) = delete;
+  UnderWay& operator=(const UnderWay&) = delete;
+  ~UnderWay();
+};
+
+/// Throws Stopped when the process is ending. To be called in every wait.
+TOVREN_EXPORT void check_process();
+
+/// Held while a thread changes what a fork must not copy half changed: a lock, or the insides of
+/// libcurl and OpenSSL. `fork` waits until no other thread holds one. May be nested; held for short
+/// steps only, never during a wait.
+class TOVREN_EXPORT ForkGuard {
+ public:
+  ForkGuard() noexcept;
+  ForkGuard(const ForkGuard&) = delete;
+  ForkGuard& operator=(const ForkGuard&) = delete;
+  ~ForkGuard();
+};
+
+/// How many forks lie between the first process and this one. State that was made under another
+/// number belongs to a parent, and its locks and threads do not work here.
+[[nodiscard]] TOVREN_EXPORT unsigned fork_generation() noexcept;
+
+/// A value that is made when first used, once for each process, and never destroyed: usable before
+/// `main`, after `exit` has begun and in forked children. To be a constant-initialised global.
+template <class Value>
+class Once {
+ public:
+  /// The value; `make()` returns it by value if there is none. Lock-free: threads that race make one
+  /// each, and one of these is kept.
+  template <class Make>
+  Value& get(Make make) {
+    Entry* entry = _entry.load(std::memory_order_acquire);
+    if (entry != nullptr && entry->generation == fork_generation()) return entry->value;
+    auto fresh = std::make_unique<Entry>(fork_generation(), make);
+    // A parent's value is left alone: its locks may be held by threads that do not exist here.
+    if (_entry.compare_exchange_strong(entry, fresh.get())) return fresh.release()->value;
+    return entry->value;
+  }
+
+ private:
+  struct Entry {
+    template <class Make>
+    Entry(unsigned generation_in, Make& make) : generation(generation_in), value(make()) {}
+
+    const unsigned generation;
+    Value value;
+  };
+
+  std::atomic<Entry*> _entry = nullptr;
+};
+
+}  // namespace tovren_mapstead::engines::http
