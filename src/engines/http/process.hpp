@@ -38,13 +38,14 @@ class TOVREN_EXPORT ForkGuard {
 /// number belongs to a parent, and its locks and threads do not work here.
 [[nodiscard]] TOVREN_EXPORT unsigned fork_generation() noexcept;
 
-/// A value that is made when first used, once for each process, and never destroyed: usable before
-/// `main`, after `exit` has begun and in forked children. To be a constant-initialised global.
+/// A value that is made when first used, once for each process: usable in forked children and, as a
+/// constant-initialised global, before `main` and after `exit` has begun. Nothing destroys it
+/// unless its owner calls `discard`.
 template <class Value>
 class Once {
  public:
-  /// The value; `make()` returns it by value if there is none. Lock-free: threads that race make one
-  /// each, and one of these is kept.
+  /// The value; `make()` returns it by value if there is none. Lock-free: threads that race make
+  /// one each, and one of these is kept.
   template <class Make>
   Value& get(Make make) {
     Entry* entry = _entry.load(std::memory_order_acquire);
@@ -53,6 +54,12 @@ class Once {
     // A parent's value is left alone: its locks may be held by threads that do not exist here.
     if (_entry.compare_exchange_strong(entry, fresh.get())) return fresh.release()->value;
     return entry->value;
+  }
+
+  /// Destroys the value, unless it belongs to a parent. No thread may use it any more.
+  void discard() noexcept {
+    Entry* const entry = _entry.exchange(nullptr);
+    if (entry != nullptr && entry->generation == fork_generation()) delete entry;
   }
 
  private:

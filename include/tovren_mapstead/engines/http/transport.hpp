@@ -39,15 +39,21 @@ struct Head {
 /// HttpFailure of it and removes the secrets from its text.
 class TOVREN_EXPORT TransportError : public std::runtime_error {
  public:
-  /// `transient`: the same request may get through when sent again.
-  TransportError(const std::string& message, bool transient)
-      : std::runtime_error(message), _transient(transient) {}
+  /// `transient`: the same request may get through when sent again. `status`: of a reply that stands
+  /// for a server's, such as a proxy's refusal; it is sorted like one, and `transient` does not count.
+  TransportError(const std::string& message, bool transient,
+                 std::optional<int> status = std::nullopt)
+      : std::runtime_error(message), _transient(transient), _status(status) {}
 
   /// Whether the same request may get through when sent again.
   [[nodiscard]] bool transient() const noexcept { return _transient; }
 
+  /// The HTTP status by which it is sorted; absent for any other failure.
+  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+
  private:
   bool _transient;
+  std::optional<int> _status;
 };
 
 /// Nothing moved for longer than the time limit; the engine makes a TimedOut of it.
@@ -77,6 +83,9 @@ class TOVREN_EXPORT Watch {
   /// host. What the stop test throws passes through.
   void check(std::string_view doing, std::string_view whom) const;
 
+  /// The longest silence in seconds, as given or shortened.
+  [[nodiscard]] double timeout_s() const noexcept { return _timeout_s; }
+
   /// How long to wait at most before the next `check`; never negative.
   [[nodiscard]] std::chrono::milliseconds patience() const noexcept;
 
@@ -103,6 +112,10 @@ class TOVREN_EXPORT Exchange {
   /// Appends the next bytes of the body to `into`, at least one, or returns false at its end.
   /// Blocks until there is something to say. Throws what `Watch::check` throws, and TransportError.
   virtual bool read(std::string& into, Watch& watch) = 0;
+
+  /// Credentials that this exchange has besides those of its request, such as a proxy's: what may be
+  /// echoed and must not be shown.
+  [[nodiscard]] virtual Secrets secrets() const { return {}; }
 
   /// A reader of JSON that is kept for the exchanges after this one, with the memory that it has;
   /// null: there is none.
@@ -135,7 +148,8 @@ struct TransportOptions {
 };
 
 /// A transport over libcurl, with a pool of connections of its own. It speaks http and https only,
-/// keeps connections alive for reuse and takes proxies from the usual environment variables.
+/// keeps connections alive for reuse and takes proxies from the usual environment variables, which are
+/// read when it is made.
 [[nodiscard]] TOVREN_EXPORT std::shared_ptr<Transport> make_transport(
     const TransportOptions& options = {});
 

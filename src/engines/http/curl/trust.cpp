@@ -1,4 +1,4 @@
-#include "engines/http/trust.hpp"
+#include "engines/http/curl/trust.hpp"
 
 #include <new>
 

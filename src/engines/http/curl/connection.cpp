@@ -1,0 +1,200 @@
+#include "engines/http/curl/connection.hpp"
+
+#include <array>
+#include <atomic>
+#include <new>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include <openssl/err.h>
+
+#include "engines/http/process.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// The JSON reader of a larger reply is not kept: idle connections would hold its memory.
+constexpr std::size_t MAX_KEPT_TEXT = std::size_t{32} << 10U;
+
+[[noreturn]] void fail(const char* reason) {
+  throw TransportError(std::string("libcurl cannot be set up: ") + reason, false);
+}
+
+void start_libcurl() {
+  static std::atomic<bool> started = false;
+  if (started) return;
+  require(curl_global_init(CURL_GLOBAL_DEFAULT));  // safe from any thread since 7.84
+  const std::string_view tls = curl_version_info(CURLVERSION_NOW)->ssl_version;
+  if (!tls.starts_with("OpenSSL/")) fail("it is built without OpenSSL");
+  started = true;
+}
+
+CURLM* make_multi() {
+  const ForkGuard guard;
+  start_libcurl();
+  CURLM* const multi = curl_multi_init();
+  if (multi == nullptr) throw std::bad_alloc();
+  return multi;
+}
+
+CURL* make_easy() {
+  const ForkGuard guard;
+  CURL* const easy = curl_easy_init();
+  if (easy == nullptr) throw std::bad_alloc();
+  return easy;
+}
+
+}  // namespace
+
+void require(CURLcode code) {
+  if (code == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (code != CURLE_OK) fail(curl_easy_strerror(code));
+}
+
+void require(CURLMcode code) {
+  if (code == CURLM_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (code != CURLM_OK) fail(curl_multi_strerror(code));
+}
+
+// Called from C code, which no exception may cross.
+struct Connection::Callbacks {
+  // Hands the socket over. libcurl asks for another if it finds the first one closed: before the
+  // request, or after it to send it again, unasked. Both are the retry loop's to decide.
+  static curl_socket_t open_socket(Connection* self, curlsocktype, curl_sockaddr*) {
+    return self->_socket.release();
+  }
+
+  static int connected(void*, curl_socket_t, curlsocktype) {
+    return CURL_SOCKOPT_ALREADY_CONNECTED;
+  }
+
+  static CURLcode trust(CURL*, void* tls, Connection* self) {
+    try {
+      auto* const context = static_cast<SSL_CTX*>(tls);
+      SSL_CTX_set1_cert_store(context, self->_trust->store());
+#ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
+      // A body that ends with the connection is whole only if TLS says so (RFC 9112, section 9.8).
+      SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+#endif
+      return CURLE_OK;
+    } catch (...) {
+      self->_thrown = std::current_exception();
+      return CURLE_ABORTED_BY_CALLBACK;
+    }
+  }
+};
+
+Connection::Connection(Route route, Line line, std::shared_ptr<Trust> trust)
+    : _route(std::move(route)),
+      _trust(std::move(trust)),
+      _socket(std::move(line.socket)),
+      _descriptor(_socket.get()),
+      _multi(make_multi()),
+      _easy(make_easy()) {
+  const ForkGuard guard;
+  // One connection a pair: more would only keep some that no request asks for again.
+  require(curl_multi_setopt(_multi.get(), CURLMOPT_MAXCONNECTS, 1L));
+  // Threads forbid signals. No write raises SIGPIPE either: libcurl, TLS records included, sends
+  // with MSG_NOSIGNAL.
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
+  // A connection carries one request at a time, so HTTP/2 would gain nothing, and libcurl 7.88 may
+  // wait without end there for a reply that has come already.
+  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set(CURLOPT_FOLLOWLOCATION, 0L);
+  set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  // libcurl would read the authorities' certificates for every connection.
+  set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  set(CURLOPT_ERRORBUFFER, _error.data());
+  set(CURLOPT_SSL_CTX_FUNCTION, &Callbacks::trust);
+  set(CURLOPT_SSL_CTX_DATA, this);
+  set(CURLOPT_OPENSOCKETFUNCTION, &Callbacks::open_socket);
+  set(CURLOPT_OPENSOCKETDATA, this);
+  set(CURLOPT_SOCKOPTFUNCTION, &Callbacks::connected);
+  // An empty proxy, and an empty list of hosts without one, keep libcurl from the environment.
+  set(CURLOPT_PROXY, _route.proxy ? _route.proxy->url.c_str() : "");
+  set(CURLOPT_NOPROXY, "");
+  const std::string at = _route.service.host + ":" + std::to_string(_route.service.port) + ":";
+  _address.reset(curl_slist_append(nullptr, (at + line.address).c_str()));
+  if (!_address) throw std::bad_alloc();
+  set(CURLOPT_RESOLVE, _address.get());
+}
+
+void Connection::Close::operator()(CURLM* multi) const noexcept {
+  const ForkGuard guard;
+  curl_multi_cleanup(multi);
+}
+
+void Connection::Clean::operator()(CURL* easy) const noexcept {
+  const ForkGuard guard;
+  curl_easy_cleanup(easy);
+}
+
+bool Connection::at_rest() noexcept {
+  const ForkGuard guard;
+  try {
+    return _tls == nullptr ? is_silent(_descriptor) : tls_at_rest();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+// libcurl only peeks at the socket, where a session ticket and the farewell of the server look the
+// same. OpenSSL can tell, but not through libcurl's own BIOs, which work during a transfer only.
+bool Connection::tls_at_rest() {
+  std::unique_ptr<BIO, Free> in(BIO_new_socket(_descriptor, BIO_NOCLOSE));
+  std::unique_ptr<BIO, Free> out(BIO_new(BIO_s_mem()));  // what OpenSSL wants to answer
+  if (!in || !out) throw std::bad_alloc();
+  BIO* const answer = out.get();
+  BIO_up_ref(answer);
+  const std::unique_ptr<BIO, Free> kept(answer);
+  BIO* const libcurl_in = SSL_get_rbio(_tls);
+  BIO* const libcurl_out = SSL_get_wbio(_tls);
+  BIO_up_ref(libcurl_in);
+  BIO_up_ref(libcurl_out);
+  SSL_set0_rbio(_tls, in.release());
+  SSL_set0_wbio(_tls, out.release());
+  // libcurl would keep the session of a ticket, but not outside of a transfer.
+  SSL_CTX* const context = SSL_get_SSL_CTX(_tls);
+  const auto keep_session = SSL_CTX_sess_get_new_cb(context);
+  SSL_CTX_sess_set_new_cb(context, nullptr);
+  ERR_clear_error();
+  char byte = 0;
+  const int result = SSL_peek(_tls, &byte, 1);
+  const bool silent = result <= 0 && SSL_get_error(_tls, result) == SSL_ERROR_WANT_READ &&
+                      SSL_has_pending(_tls) == 0 && BIO_pending(answer) == 0;
+  ERR_clear_error();  // the queue is the thread's, and libcurl reads it
+  SSL_CTX_sess_set_new_cb(context, keep_session);
+  SSL_set0_rbio(_tls, libcurl_in);
+  SSL_set0_wbio(_tls, libcurl_out);
+  return silent;
+}
+
+void Connection::save_memory() {
+  if (_reader.capacity() > MAX_KEPT_TEXT) _reader = {};
+}
+
+// A call's headers are mostly those of the call before.
+void Connection::set_headers(Headers wanted) {
+  if (_lines && wanted == _headers) return;
+  List list;
+  const auto add = [&](const std::string& line) {
+    curl_slist* const longer = curl_slist_append(list.get(), line.c_str());
+    if (longer == nullptr) throw std::bad_alloc();
+    std::ignore = list.release();
+    list.reset(longer);
+  };
+  for (const auto& [name, value] : wanted) {
+    std::string line = name;
+    add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": no value
+  }
+  add("Expect:");  // to wait for leave to send costs a round trip, or a second where none comes
+  set(CURLOPT_HTTPHEADER, list.get());
+  _lines = std::move(list);
+  _headers = std::move(wanted);
+}
+
+}  // namespace tovren_mapstead::engines::http

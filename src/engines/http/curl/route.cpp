@@ -1,0 +1,63 @@
+#include "engines/http/curl/route.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "tovren_mapstead/engines/http/transport.hpp"
+
+#include "engines/http/curl/url.hpp"
+#include "engines/http/text.hpp"
+
+namespace tovren_mapstead::engines::http {
+
+std::string origin_of(std::string_view url) {
+  const std::size_t colon = url.find("://");
+  const std::size_t start = colon == std::string_view::npos ? 0 : colon + 3;
+  const auto ends = [](char c) { return c == '/' || c == '?' || c == '#' || c == '\\'; };
+  std::string_view authority = url.substr(start);
+  authority = {authority.begin(), std::ranges::find_if(authority, ends)};
+  const std::size_t at = authority.find_last_of('@');
+  if (at != std::string_view::npos) authority.remove_prefix(at + 1);
+  // What is no port can be the start of a password with a slash in it that was not escaped.
+  const std::size_t bracket = authority.find(']');  // of an IPv6 address
+  const std::size_t port = std::min(
+      authority.find(':', bracket == std::string_view::npos ? 0 : bracket), authority.size());
+  if (authority.find_first_not_of("0123456789", port + 1) != std::string_view::npos) {
+    authority = authority.substr(0, port);
+  }
+  return lower_case(url.substr(0, start)).append(authority);
+}
+
+Route route_to(const std::string& url, const Proxies& proxies) {
+  const std::string origin = origin_of(url);
+  std::string reason;
+  const auto parts = parse_url(url, reason);
+  if (!parts) {
+    throw TransportError("malformed URL: " + origin + " (" + reason + "); check the URL", false);
+  }
+  const bool tls = parts->scheme == "https";
+  if (!tls && parts->scheme != "http") {
+    throw TransportError("only http and https are supported, unlike " + origin + "; check the URL",
+                         false);
+  }
+  Route route{.origin = origin,
+              .tls = tls,
+              .proxy = proxies.find(parts->scheme, parts->host),
+              .service = {}};
+  if (route.proxy) {
+    route.service = {.host = route.proxy->host,
+                     .port = route.proxy->port,
+                     .whom = "the proxy to " + origin,
+                     .advice = "check the proxy variables"};
+  } else {
+    constexpr std::uint16_t HTTP = 80;
+    constexpr std::uint16_t HTTPS = 443;
+    route.service = {.host = parts->host,
+                     .port = parts->port.value_or(tls ? HTTPS : HTTP),
+                     .whom = origin,
+                     .advice = "check the URL, the network and that the server runs"};
+  }
+  return route;
+}
+
+}  // namespace tovren_mapstead::engines::http

@@ -1,0 +1,300 @@
+#include "engines/http/curl/transfer.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "engines/http/curl/failure.hpp"
+#include "engines/http/process.hpp"
+#include "engines/http/text.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// A fast sender is held back once so much of a body waits to be taken.
+constexpr std::size_t PAUSE_BYTES = std::size_t{48} << 10U;
+
+// libcurl reads 16 KB at a time. Where a read brought much less, nothing more has come yet.
+constexpr std::size_t HALF_READ_BYTES = std::size_t{8} << 10U;
+
+// No honest head is larger.
+constexpr std::size_t MAX_HEAD_BYTES = std::size_t{256} << 10U;
+
+// To save a connection, so much is read past that follows what the caller wanted.
+constexpr std::size_t MAX_DRAIN_BYTES = std::size_t{64} << 10U;
+
+// How long a connection may be idle if its server does not say: less than the 5 s of Node.js and
+// uvicorn, the shortest of the common servers (load balancers keep 60 s, nginx 75 s). A request
+// that is sent while the server closes is lost, and may have cost money.
+constexpr double IDLE_S = 4;
+
+// What is kept at most: libcurl uses no connection again after 118 s.
+constexpr double MAX_IDLE_S = 110;
+
+// A server's own figure less the way of the next request: half of one second, else one second.
+double idle_s_of(std::string_view keep_alive) {
+  constexpr std::string_view TIMEOUT = "timeout=";
+  const std::string text = lower_case(keep_alive);
+  const std::size_t at = text.find(TIMEOUT);
+  unsigned seconds = 0;
+  if (at == std::string::npos) return IDLE_S;
+  const char* const digits = text.data() + at + TIMEOUT.size();
+  if (std::from_chars(digits, text.data() + text.size(), seconds).ec != std::errc()) return IDLE_S;
+  return seconds < 2 ? seconds / 2.0 : seconds - 1.0;
+}
+
+// libcurl's bound for TLS and a proxy's tunnel together. The watch sees silence, but no peer that
+// sends a byte now and then; it ends a call that is both a little earlier, in words of its own.
+long connect_ms(double timeout_s) {
+  constexpr double MARGIN_MS = 50;
+  const double ms = std::ceil(timeout_s * 1000) + MARGIN_MS;
+  return timeout_s > 0 && ms < INT_MAX ? static_cast<long>(ms) : INT_MAX;
+}
+
+}  // namespace
+
+// Called from C code, which no exception may cross.
+struct Transfer::Callbacks {
+  static std::size_t body(const char* bytes, std::size_t, std::size_t count, Transfer* self) {
+    try {
+      return self->take_body({bytes, count});
+    } catch (...) {
+      self->_connection->_thrown = std::current_exception();
+      return 0;
+    }
+  }
+
+  static std::size_t head(const char* bytes, std::size_t, std::size_t count, Transfer* self) {
+    try {
+      self->_taken += count;
+      self->_head_bytes += count;
+      if (!self->head_complete()) self->take_head_line({bytes, count});  // else it is a trailer
+      return self->_head_bytes > MAX_HEAD_BYTES ? 0 : count;
+    } catch (...) {
+      self->_connection->_thrown = std::current_exception();
+      return 0;
+    }
+  }
+
+  // The connection stands, TLS agreed: from here on the server may get the request.
+  static int sending(Transfer* self, char*, char*, int, int) {
+    if (std::exchange(self->_phase, Phase::sent) != Phase::connecting) return CURL_PREREQFUNC_ABORT;
+    Connection& connection = *self->_connection;
+    const bool nested = connection._route.proxy && connection._route.proxy->over_tls;
+    curl_tlssessioninfo* tls = nullptr;
+    if (connection._route.tls && !nested && connection._tls == nullptr &&
+        curl_easy_getinfo(connection._easy.get(), CURLINFO_TLS_SSL_PTR, &tls) == CURLE_OK &&
+        tls != nullptr && tls->backend == CURLSSLBACKEND_OPENSSL) {
+      connection._tls = static_cast<SSL*>(tls->internals);
+    }
+    return CURL_PREREQFUNC_OK;
+  }
+
+  // Asked while a proxy answers CONNECT: libcurl reads that in one go, however long it lasts.
+  static int progress(Transfer* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    if (self->_phase != Phase::connecting) return 0;
+    try {
+      self->_watch.check("waiting for the proxy to connect to", self->route().origin);
+      return 0;
+    } catch (...) {
+      self->_connection->_thrown = std::current_exception();
+      return 1;
+    }
+  }
+};
+
+Transfer::Transfer(std::unique_ptr<Connection> connection, Request request, const Watch& watch)
+    : _connection(std::move(connection)),
+      _request(std::move(request)),
+      _watch(watch),
+      _idle_s(IDLE_S),
+      _room(PAUSE_BYTES) {
+  const ForkGuard guard;
+  Connection& curl = *_connection;
+  curl._thrown = nullptr;
+  curl._error.front() = '\0';
+  if (!curl._used) {
+    curl.set(CURLOPT_WRITEFUNCTION, &Callbacks::body);
+    curl.set(CURLOPT_HEADERFUNCTION, &Callbacks::head);
+    curl.set(CURLOPT_PREREQFUNCTION, &Callbacks::sending);
+    curl.set(CURLOPT_XFERINFOFUNCTION, &Callbacks::progress);
+    curl.set(CURLOPT_CONNECTTIMEOUT_MS, connect_ms(watch.timeout_s()));
+  }
+  curl.set(CURLOPT_WRITEDATA, this);
+  curl.set(CURLOPT_HEADERDATA, this);
+  curl.set(CURLOPT_PREREQDATA, this);
+  curl.set(CURLOPT_XFERINFODATA, this);
+  const bool tunnel = curl._route.proxy && curl._route.tls && !curl._used;
+  curl.set(CURLOPT_NOPROGRESS, tunnel ? 0L : 1L);
+  if (curl._used) curl.set(CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
+  curl.set(CURLOPT_URL, _request.url.c_str());
+  curl.set_headers(std::move(_request.headers));
+  if (_request.method == Method::get) {
+    curl.set(CURLOPT_HTTPGET, 1L);
+  } else {
+    curl.set(CURLOPT_POST, 1L);
+    curl.set(CURLOPT_POSTFIELDS, _request.body.data());
+    curl.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(_request.body.size()));
+  }
+  require(curl_multi_add_handle(curl._multi.get(), curl._easy.get()));
+}
+
+Transfer::~Transfer() {
+  if (!_connection || ended()) return;
+  const ForkGuard guard;
+  // Before the easy handle is cleaned up, or libcurl leaks the decoders of the body.
+  curl_multi_remove_handle(_connection->_multi.get(), _connection->_easy.get());
+}
+
+bool Transfer::perform() {
+  bool waited = false;
+  {
+    const ForkGuard guard;
+    const Connection& curl = *_connection;
+    int running = 0;
+    _taken = 0;
+    require(curl_multi_perform(curl._multi.get(), &running));
+    waited = std::exchange(_waited, false);
+    _has_to_wait = _taken < HALF_READ_BYTES;
+    int queued = 0;
+    while (const CURLMsg* const message = curl_multi_info_read(curl._multi.get(), &queued)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      end(message->data.result);
+      return true;
+    }
+  }
+  if (_taken > 0) return true;
+  if (!waited) return false;
+  // An upload, a handshake, or part of a TLS record.
+  const std::uint64_t moved = bytes_moved(_connection->_descriptor);
+  if (std::exchange(_moved, moved) != moved) return true;
+  // The socket is ready, and yet nothing happens: do not spin until the time limit ends this.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return false;
+}
+
+void Transfer::end(CURLcode result) {
+  const Connection& curl = *_connection;
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  _result = result;
+  _open = result == CURLE_OK && head_complete() &&
+          curl_easy_getinfo(curl._easy.get(), CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
+          socket == curl._descriptor;
+  curl_multi_remove_handle(curl._multi.get(), curl._easy.get());
+}
+
+Request Transfer::take_request() {
+  _request.headers = _connection->_headers;
+  return std::move(_request);
+}
+
+std::unique_ptr<Connection> Transfer::release() noexcept {
+  if (!_open) return nullptr;
+  _open = false;
+  _connection->_used = true;
+  _connection->idle_until =
+      Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                         std::chrono::duration<double>(std::min(_idle_s, MAX_IDLE_S)));
+  return std::move(_connection);
+}
+
+void Transfer::poll(std::chrono::milliseconds longest) {
+  int ready = 0;
+  _has_to_wait = false;
+  require(curl_multi_poll(_connection->_multi.get(), nullptr, 0, static_cast<int>(longest.count()),
+                          &ready));
+  _waited = ready > 0;
+}
+
+void Transfer::resume() {
+  if (!std::exchange(_paused, false)) return;
+  const ForkGuard guard;
+  _has_to_wait = false;
+  curl_easy_pause(_connection->_easy.get(), CURLPAUSE_CONT);  // hands over what it holds at once
+}
+
+void Transfer::pour_into(std::string* sink) {
+  _sink = sink;
+  _room = PAUSE_BYTES;
+  if (sink == nullptr) return;
+  if (_early.empty()) return resume();
+  if (sink->empty()) {
+    sink->swap(_early);
+  } else {
+    sink->append(_early);
+    _early.clear();
+  }
+}
+
+bool Transfer::drain() {
+  _phase = Phase::tail;
+  if (!ended()) resume();
+  if (!ended()) perform();
+  return ended();
+}
+
+std::size_t Transfer::take_body(std::string_view bytes) {
+  if (_phase == Phase::tail) {
+    _drained += bytes.size();
+    return _drained > MAX_DRAIN_BYTES ? 0 : bytes.size();
+  }
+  _taken += bytes.size();
+  (_sink != nullptr ? *_sink : _early).append(bytes);
+  _room -= std::min(_room, bytes.size());
+  if (_room == 0 && !std::exchange(_paused, true)) {
+    // What libcurl holds already, 16 KB at most, still comes. To refuse it would make a copy of it.
+    curl_easy_pause(_connection->_easy.get(), CURLPAUSE_RECV);
+  }
+  return bytes.size();
+}
+
+void Transfer::take_head_line(std::string_view line) {
+  const auto value_of = [&](std::string_view name) -> std::optional<std::string> {
+    if (!equal_in_any_case(line.substr(0, name.size()), name)) return std::nullopt;
+    const std::size_t begin = line.find_first_not_of(" \t\r\n", name.size());
+    if (begin == std::string_view::npos) return "";
+    return std::string(line.substr(begin, line.find_last_not_of(" \t\r\n") + 1 - begin));
+  };
+  if (line.starts_with("HTTP/")) {
+    _head = {};  // whatever came before was an interim reply
+    _idle_s = IDLE_S;
+  } else if (line == "\r\n" || line == "\n") {
+    long status = 0;
+    require(curl_easy_getinfo(_connection->_easy.get(), CURLINFO_RESPONSE_CODE, &status));
+    _head.status = static_cast<int>(status);
+    // An interim reply is none, though it looks like one.
+    if (status >= 200 || status == 101) _phase = Phase::body;
+  } else if (auto type = value_of("content-type:")) {
+    _head.content_type = std::move(*type);
+  } else if (auto location = value_of("location:")) {
+    _head.location = std::move(*location);
+  } else if (const auto keep_alive = value_of("keep-alive:")) {
+    _idle_s = idle_s_of(*keep_alive);
+  }
+}
+
+void Transfer::check() const {
+  if (_connection->_thrown) std::rethrow_exception(_connection->_thrown);
+  if (!ended() || (_result == CURLE_OK && head_complete())) return;
+  if (_head_bytes > MAX_HEAD_BYTES) {
+    throw TransportError("the head of the reply is too large from " + route().origin, false);
+  }
+  if (_result == CURLE_OK) {  // libcurl finds nothing wrong with that
+    throw TransportError("the head of the reply breaks off from " + route().origin, true);
+  }
+  long proxy_status = 0;
+  if (_phase == Phase::connecting) {
+    curl_easy_getinfo(_connection->_easy.get(), CURLINFO_HTTP_CONNECTCODE, &proxy_status);
+  }
+  throw_failure({.code = *_result,
+                 .text = _connection->_error.data(),
+                 .sent = _phase != Phase::connecting,
+                 .proxy_status = static_cast<int>(proxy_status)},
+                route());
+}
+
+}  // namespace tovren_mapstead::engines::http

@@ -1,0 +1,180 @@
+// The engine's own transport: connections out of a pool, driven on the thread of the call.
+#include "tovren_mapstead/engines/http/transport.hpp"
+
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "engines/http/curl/dial.hpp"
+#include "engines/http/curl/pool.hpp"
+#include "engines/http/curl/proxies.hpp"
+#include "engines/http/curl/route.hpp"
+#include "engines/http/curl/transfer.hpp"
+#include "engines/http/curl/trust.hpp"
+#include "engines/http/process.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// What the exchanges of one transport in one process share.
+struct Shared {
+  explicit Shared(const std::string& ca_file) : trust(std::make_shared<Trust>(ca_file)) {}
+
+  // A connection to the origin of `url`: one that is at rest, else a new one.
+  std::unique_ptr<Connection> connect(const std::string& url, Watch& watch) {
+    if (auto idle = pool.take(origin_of(url), watch)) return idle;
+    Route route = route_to(url, proxies);
+    Line line = dial(names, route.service, watch);
+    return std::make_unique<Connection>(std::move(route), std::move(line), trust);
+  }
+
+  const std::shared_ptr<Trust> trust;
+  const Proxies proxies;
+  Names names;
+  Pool pool;
+};
+
+class PooledExchange final : public Exchange {
+ public:
+  PooledExchange(std::shared_ptr<Shared> shared, Request request, Watch& watch)
+      : _shared(std::move(shared)) {
+    for (;;) {
+      auto connection = _shared->connect(request.url, watch);
+      _transfer = std::make_unique<Transfer>(std::move(connection), std::move(request), watch);
+      try {
+        await(watch, "waiting for the reply of", [&] { return _transfer->head_complete(); });
+        return;
+      } catch (...) {
+        if (_transfer->unsent()) {
+          request = _transfer->take_request();
+          continue;
+        }
+        drop_suspects();
+        throw;
+      }
+    }
+  }
+
+  PooledExchange(const PooledExchange&) = delete;
+  PooledExchange& operator=(const PooledExchange&) = delete;
+
+  ~PooledExchange() override {
+    if (_transfer) _shared->pool.put(_transfer->release());
+  }
+
+  [[nodiscard]] const Head& head() const noexcept override { return _transfer->head(); }
+
+  bool read(std::string& into, Watch& watch) override {
+    struct Pouring {
+      Transfer& transfer;
+
+      ~Pouring() { transfer.pour_into(nullptr); }
+    };
+
+    watch.moved();  // what the caller did since the last read is no silence of the peer's
+    const Pouring pouring{*_transfer};
+    const std::size_t before = into.size();
+    _transfer->pour_into(&into);
+    return await(watch, "reading the reply of", [&] { return into.size() > before; });
+  }
+
+  JsonReader* reader() noexcept override { return &_transfer->reader(); }
+
+  [[nodiscard]] Secrets secrets() const override {
+    const auto& proxy = _transfer->route().proxy;
+    return proxy ? proxy->secrets : Secrets();
+  }
+
+  void finish() noexcept override {
+    try {
+      // One look that does not wait catches the common case. A reply that still has no end is
+      // looked at again when its connection is next wanted.
+      if (_transfer->drain()) {
+        _shared->pool.put(_transfer->release());
+        _transfer.reset();
+      } else {
+        _shared->pool.park(std::move(_transfer));
+      }
+    } catch (const std::exception&) {  // the connection is closed instead
+    }
+  }
+
+ private:
+  // Drives the transfer until `arrived`; false if it ended before that, in good order.
+  template <class Arrived>
+  bool await(Watch& watch, std::string_view doing, Arrived arrived) {
+    Transfer& transfer = *_transfer;
+    while (!arrived()) {
+      transfer.check();
+      if (transfer.ended()) return false;
+      watch.check(doing, transfer.route().origin);
+      if (transfer.has_to_wait()) transfer.poll(watch.patience());
+      if (transfer.perform()) watch.moved();
+    }
+    watch.moved();
+    return true;
+  }
+
+  // A network that has forgotten one idle connection has forgotten them all: the next attempt is
+  // not to find the next of them.
+  void drop_suspects() noexcept {
+    if (!_transfer->suspects_connection()) return;
+    try {
+      throw;
+    } catch (const Stopped&) {  // the caller's choice says nothing of the connection
+    } catch (...) {
+      _shared->pool.drop(_transfer->route().origin);
+    }
+  }
+
+  std::shared_ptr<Shared> _shared;
+  std::unique_ptr<Transfer> _transfer;
+};
+
+class PooledTransport final : public Transport {
+ public:
+  explicit PooledTransport(std::string ca_file) : _ca_file(std::move(ca_file)) {}
+
+  PooledTransport(const PooledTransport&) = delete;
+  PooledTransport& operator=(const PooledTransport&) = delete;
+
+  ~PooledTransport() override { _shared.discard(); }
+
+  std::unique_ptr<Exchange> open(Request request, Watch& watch) override {
+    return std::make_unique<PooledExchange>(shared(), std::move(request), watch);
+  }
+
+  // A forked child makes its own: the connections are its parent's.
+  std::shared_ptr<Shared> shared() {
+    return _shared.get([&] { return std::make_shared<Shared>(_ca_file); });
+  }
+
+ private:
+  const std::string _ca_file;
+  Once<std::shared_ptr<Shared>> _shared;  // also the exchanges', which may outlive the transport
+};
+
+std::string authorities() {
+  const char* const variable = std::getenv("SSL_CERT_FILE");  // NOLINT(concurrency-mt-unsafe)
+  return variable == nullptr ? "" : variable;
+}
+
+// Never destroyed: a call that outlasts the patience of an exit still uses it.
+Once<PooledTransport> process_transport;
+
+}  // namespace
+
+std::shared_ptr<Transport> make_transport(const TransportOptions& options) {
+  auto transport =
+      std::make_shared<PooledTransport>(options.ca_file.empty() ? authorities() : options.ca_file);
+  transport->shared();  // reads the environment here and not at a call's
+  return transport;
+}
+
+Transport& default_transport() {
+  return process_transport.get([] { return PooledTransport(authorities()); });
+}
+
+}  // namespace tovren_mapstead::engines::http
