@@ -72,7 +72,7 @@ struct Connection::Callbacks {
   static CURLcode trust(CURL*, void* tls, Connection* self) {
     try {
       auto* const context = static_cast<SSL_CTX*>(tls);
-      SSL_CTX_set1_cert_store(context, self->_trust->store());
+      SSL_CTX_set1_cert_store(context, self->_trust->store().get());
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
       // A body that ends with the connection is whole only if TLS says so (RFC 9112, section 9.8).
       SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);

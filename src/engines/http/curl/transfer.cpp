@@ -286,6 +286,9 @@ void Transfer::check() const {
   if (_result == CURLE_OK) {  // libcurl finds nothing wrong with that
     throw TransportError("the head of the reply breaks off from " + route().origin, true);
   }
+  if (_result == CURLE_SSL_CONNECT_ERROR || _result == CURLE_PEER_FAILED_VERIFICATION) {
+    _connection->_trust->forget();
+  }
   long proxy_status = 0;
   if (_phase == Phase::connecting) {
     curl_easy_getinfo(_connection->_easy.get(), CURLINFO_HTTP_CONNECTCODE, &proxy_status);

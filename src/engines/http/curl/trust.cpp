@@ -8,23 +8,31 @@
 
 namespace tovren_mapstead::engines::http {
 
-X509_STORE* Trust::store() {
-  std::call_once(_read, [&] {
-    std::unique_ptr<X509_STORE, Free> store(X509_STORE_new());
-    if (!store) throw std::bad_alloc();
-    // An intermediate authority may be trusted by itself, as libcurl holds it.
-    X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
-    const bool read = _file.empty() ? X509_STORE_set_default_paths(store.get()) == 1
-                                    : X509_STORE_load_file(store.get(), _file.c_str()) == 1;
-    ERR_clear_error();  // the queue is the thread's, and libcurl reads it
-    if (!read) {
-      const std::string where = _file.empty() ? "the system's folders" : _file;
-      throw TransportError(
-          "cannot read the trusted certificates in " + where + "; check SSL_CERT_FILE", false);
-    }
-    _store = std::move(store);
-  });
-  return _store.get();
+std::shared_ptr<X509_STORE> Trust::store() {
+  const std::lock_guard lock(_mutex);
+  if (!_store) _store = read();
+  return _store;
+}
+
+void Trust::forget() noexcept {
+  const std::lock_guard lock(_mutex);
+  _store.reset();
+}
+
+std::shared_ptr<X509_STORE> Trust::read() const {
+  std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
+  if (!store) throw std::bad_alloc();
+  // An intermediate authority may be trusted by itself, as libcurl holds it.
+  X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
+  const bool done = _file.empty() ? X509_STORE_set_default_paths(store.get()) == 1
+                                  : X509_STORE_load_file(store.get(), _file.c_str()) == 1;
+  ERR_clear_error();  // the queue is the thread's, and libcurl reads it
+  if (!done) {
+    const std::string where = _file.empty() ? "the system's folders" : _file;
+    throw TransportError(
+        "cannot read the trusted certificates in " + where + "; check SSL_CERT_FILE", false);
+  }
+  return store;
 }
 
 }  // namespace tovren_mapstead::engines::http

@@ -10,25 +10,26 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Certificate authorities, read once and shared by all connections of a transport: reading them
-/// takes longer than all the rest of a handshake. Safe from any thread.
+/// Certificate authorities, read when first needed and shared by all connections of a transport:
+/// reading them takes longer than all the rest of a handshake. Safe from any thread.
 class Trust {
  public:
   /// `file`: a PEM file of the authorities to trust; empty: the system's.
   explicit Trust(std::string file) : _file(std::move(file)) {}
 
-  /// The authorities, for as long as this object lives. Throws a TransportError if they cannot be
-  /// read.
-  X509_STORE* store();
+  /// Returns the authorities. Throws a TransportError if they cannot be read.
+  std::shared_ptr<X509_STORE> store();
+
+  /// Lets the next connection read them again: a handshake has failed, perhaps for authorities that
+  /// were changed since, or read while memory was short.
+  void forget() noexcept;
 
  private:
-  struct Free {
-    void operator()(X509_STORE* store) const noexcept { X509_STORE_free(store); }
-  };
+  [[nodiscard]] std::shared_ptr<X509_STORE> read() const;
 
   const std::string _file;
-  std::once_flag _read;
-  std::unique_ptr<X509_STORE, Free> _store;
+  std::mutex _mutex;
+  std::shared_ptr<X509_STORE> _store;
 };
 
 }  // namespace tovren_mapstead::engines::http
