@@ -126,11 +126,23 @@ void Exchange::pause(std::chrono::milliseconds period) {
 }
 
 void Exchange::close() {
-  _wire.close(false);
+  _wire.close();
+}
+
+void Exchange::cut() {
+  _wire.close(Farewell::fin);
 }
 
 void Exchange::reset() {
-  _wire.close(true);
+  _wire.close(Farewell::rst);
+}
+
+void Exchange::close_notify() {
+  _wire.close_notify();
+}
+
+void Exchange::ticket() {
+  _wire.ticket();
 }
 
 Server::Server(Handler handler, Options options)

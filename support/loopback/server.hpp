@@ -54,9 +54,14 @@ class Exchange {
   /// Lets time pass, less if the server stops.
   void pause(std::chrono::milliseconds period);
 
-  /// Closes the connection after this exchange; `reset` without the usual farewell.
+  /// Closes the connection after this exchange; `cut` without close_notify, `reset` with a RST.
   void close();
+  void cut();
   void reset();
+
+  /// Sends a TLS close_notify, or a new session ticket, on a connection that stays open.
+  void close_notify();
+  void ticket();
 
  private:
   Wire& _wire;

@@ -27,7 +27,7 @@ Wire::Wire(int socket, SSL_CTX* context, const std::atomic<bool>& stopping)
 }
 
 Wire::~Wire() {
-  if (!_closed) close(false);
+  if (!_closed) close();
 }
 
 bool Wire::wait(short events) {
@@ -138,19 +138,29 @@ std::optional<Request> Wire::next_request() {
 void Wire::stall() {
   while (!_closed && fill()) {
   }
-  close(false);
+  close();
 }
 
-void Wire::close(bool reset) {
+void Wire::close(Farewell farewell) {
   if (_closed) return;  // the number may be another's by now
-  if (reset) {
+  if (farewell == Farewell::rst) {
     const linger at_once{.l_onoff = 1, .l_linger = 0};
     setsockopt(_socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-  } else if (_ssl) {
-    SSL_shutdown(_ssl.get());
+  } else if (farewell == Farewell::polite) {
+    close_notify();
   }
   _closed = true;
   ::close(_socket);
+}
+
+void Wire::close_notify() {
+  if (_ssl) SSL_shutdown(_ssl.get());
+}
+
+void Wire::ticket() {
+  if (!_ssl) return;
+  SSL_new_session_ticket(_ssl.get());  // goes out with the next handshake step
+  SSL_do_handshake(_ssl.get());
 }
 
 }  // namespace loopback

@@ -13,6 +13,9 @@
 
 namespace loopback {
 
+/// How a connection is closed; `polite` is a close_notify, where there is TLS, and a FIN.
+enum class Farewell { polite, fin, rst };
+
 class Wire {
  public:
   /// Owns `socket`. `context` may be null: no TLS.
@@ -32,7 +35,11 @@ class Wire {
   /// Waits for the peer to close.
   void stall();
 
-  void close(bool reset);
+  void close(Farewell farewell = Farewell::polite);
+
+  /// Do nothing without TLS.
+  void close_notify();
+  void ticket();
 
   [[nodiscard]] bool closed() const noexcept { return _closed; }
 

@@ -1,0 +1,225 @@
+// What happens to a connection between two calls, and what the next call makes of it.
+#include "faults/faults.hpp"
+#include "support.hpp"
+
+namespace {
+
+using namespace support;
+
+// What a server does on a connection whose reply is complete.
+struct Event {
+  const char* name;
+  std::string bytes{};
+  void (Exchange::*act)() = nullptr;
+  bool tls_only = false;
+  bool rests = false;  // the connection is as good as before
+};
+
+const std::string STALE = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n0\n";
+
+const Event EVENTS[] = {
+    {.name = "nothing", .rests = true},
+    {.name = "ticket", .act = &Exchange::ticket, .tls_only = true, .rests = true},
+    {.name = "close", .act = &Exchange::close},
+    {.name = "reset", .act = &Exchange::reset},
+    {.name = "close_notify alone", .act = &Exchange::close_notify, .tls_only = true},
+    {.name = "FIN alone", .act = &Exchange::cut, .tls_only = true},
+    {.name = "line end", .bytes = "\r\n"},
+    {.name = "half a reply", .bytes = STALE.substr(0, 20)},
+    {.name = "a whole reply", .bytes = STALE},
+    {.name = "408",
+     .bytes = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
+     .act = &Exchange::close}};
+
+// When a reply ends, seen from the line that the client waits for.
+enum class End { at_once,
+                 later,
+                 at_next_call };
+
+// A reply with the number of the request for each '#'.
+struct Form {
+  const char* name;
+  std::string head, tail;
+  bool whole;  // the client reads it to its end, else only its first line
+  End end = End::at_once;
+};
+
+const std::string LENGTH = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n";
+const std::string CHUNKED = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n#\n\r\n";
+const std::string LAST_CHUNK = "0\r\n\r\n";
+
+const Form FORMS[] = {
+    {"length", LENGTH, "#\n", true},
+    {"stream with a length", LENGTH + "#\n", "", false},
+    {"chunked", CHUNKED, LAST_CHUNK, true},
+    {"stream, settled", CHUNKED, LAST_CHUNK, false, End::later},
+    {"stream, parked", CHUNKED, LAST_CHUNK, false, End::at_next_call}};
+
+struct Cell {
+  const Event& event;
+  const Form& form;
+  std::chrono::milliseconds after;  // from the end of the reply to the event
+  bool tls;
+};
+
+std::string post(http::Transport& transport, const std::string& url, int number, bool whole) {
+  const http::SendOptions options{.policy = POLICY,
+                                  .timeout_s = 20,
+                                  .body = number,
+                                  .headers = {},
+                                  .secrets = {},
+                                  .transport = &transport};
+  return http::send(url, options, [&](http::Response& reply) {
+    return whole ? reply.read_rest(1000) : std::string(*reply.next_line()) + "\n";
+  });
+}
+
+void judge(const Cell& cell) {
+  const auto& [event, form, after, tls] = cell;
+  std::atomic<int> begun = 0, played = 0;
+  const auto serve = [&](Exchange& exchange) {
+    const char number = exchange.request().body.front();
+    std::string head = form.head, tail = form.tail;
+    std::ranges::replace(head, '#', number);
+    std::ranges::replace(tail, '#', number);
+    exchange.send(head);
+    if (form.end == End::later) exchange.pause(3ms);
+    while (form.end == End::at_next_call && begun <= number - '0') exchange.pause(1ms);
+    if (after == 0ms) {
+      exchange.send(tail + event.bytes);
+    } else {
+      exchange.send(tail);
+      exchange.pause(after);
+      exchange.send(event.bytes);
+    }
+    if (event.act != nullptr) (exchange.*event.act)();
+    ++played;
+  };
+  Server server(serve, {.tls = tls});
+  const auto transport = faults::trusting(server);
+  const int calls = event.rests && after == 0ms ? 9 : 3;
+  std::string due, told;
+  for (int i = 1; i <= calls; ++i) {
+    begun = i;
+    due += std::to_string(i) + "\n";
+    try {
+      told += post(*transport, server.url(), i, form.whole);
+    } catch (const http::Error& error) {
+      told += error.what() + std::string("\n");
+    }
+    if (form.end == End::at_next_call) continue;
+    for (int ms = 0; ms < 2000 && played < i; ++ms) std::this_thread::sleep_for(1ms);
+    std::this_thread::sleep_for(2ms);
+  }
+  begun = INT_MAX;
+  const auto counts = [](int requests, int connections) {
+    return std::to_string(requests) + " requests, " + std::to_string(connections) + " connections";
+  };
+  EXPECT_EQ(told + counts(server.requests(), server.connections()),
+            due + counts(calls, event.rests ? 1 : calls))
+      << event.name << ", " << form.name << ", after " << after.count() << " ms, TLS " << tls;
+}
+
+TEST(Idle, ConnectionServesAgainOnlyIfNothingHasCome) {
+  std::vector<Cell> cells;
+  for (const Event& event : EVENTS) {
+    for (const Form& form : FORMS) {
+      for (const auto after : {0ms, 5ms, 50ms}) {
+        // What comes while the next request is on its way can be told from a reply by nobody.
+        if (form.end == End::at_next_call && (after != 0ms || event.bytes.empty())) continue;
+        if (!event.tls_only) cells.push_back({event, form, after, false});
+        cells.push_back({event, form, after, true});
+      }
+    }
+  }
+  std::atomic<std::size_t> next = 0;
+  in_threads(16, [&] {
+    for (std::size_t i = next++; i < cells.size(); i = next++) judge(cells[i]);
+  });
+}
+
+TEST(Idle, ConnectionServesAgainNoLongerThanTheServerKeepsIt) {
+  struct Row {
+    const char* header;
+    std::chrono::milliseconds idle;
+    int connections;
+  };
+
+  const Row rows[] = {
+      {"", 3s, 1},
+      {"", 5s, 2},  // common servers close after five seconds
+      {"Keep-Alive: timeout=1\r\n", 300ms, 1},
+      {"keep-alive: max=9, TIMEOUT=1\r\n", 1200ms, 2},
+      {"Keep-Alive: timeout=60\r\n", 5s, 1},
+      {"Keep-Alive: timeout=99999999999999999999\r\n", 300ms, 1},
+      {"Keep-Alive: timeout=-1, timeout=, =;\r\n", 300ms, 1}};
+  std::atomic<std::size_t> next = 0;
+  in_threads(static_cast<int>(std::size(rows)), [&] {
+    const Row& row = rows[next++];
+    SCOPED_TRACE(row.header + std::to_string(row.idle.count()) + " ms");
+    Server server([&](Exchange& to) { to.reply(200, "#\n", "text/plain", row.header); });
+    const auto transport = http::make_transport();
+    EXPECT_EQ(post(*transport, server.url(), 1, true), "#\n");
+    std::this_thread::sleep_for(row.idle);
+    EXPECT_EQ(post(*transport, server.url(), 2, true), "#\n");
+    EXPECT_EQ(server.connections(), row.connections);
+    EXPECT_EQ(server.requests(), 2);
+  });
+}
+
+// A failover or a NAT box forgets all connections at once, and new ones work.
+TEST(Idle, DeadPoolCostsOneAttempt) {
+  constexpr int POOLED = 8;
+
+  struct Row {
+    const char* name;
+    void (Exchange::*act)();
+    bool tls;
+  };
+
+  const Row rows[] = {
+      {"silent", &Exchange::stall, false},
+      {"silent, TLS", &Exchange::stall, true},
+      {"resets", &Exchange::reset, false},
+      {"resets, TLS", &Exchange::reset, true},
+      {"closes", &Exchange::close, false},
+      {"closes, TLS", &Exchange::close, true}};
+  for (const auto& [name, act, tls] : rows) {
+    std::atomic<int> waiting = 0, waits = 0;
+    std::atomic<bool> dead = false;
+    const auto serve = [&, act = act](Exchange& exchange) {
+      thread_local const bool doomed = !dead;  // a connection has a thread of its own
+      if (dead && doomed) return (exchange.*act)();
+      for (++waiting; waiting < POOLED;) exchange.pause(1ms);
+      exchange.reply(200, R"({"choices": [{"message": {"content": "hi"}}]})");
+    };
+    Server server(serve, {.tls = tls});
+    const auto transport = faults::trusting(server);
+    const auto ask = [&](double timeout_s) -> std::string {
+      const LLMClient client({.base_url = server.url(),
+                              .model = "m",
+                              .api_key = "k",
+                              .timeout_s = timeout_s,
+                              .max_retries = 1,
+                              .stream = false},
+                             {.transport = transport, .wait = [&](auto...) { ++waits; }});
+      try {
+        return client.chat({{{"role", "user"}, {"content", "x"}}}).content;
+      } catch (const llm::LLMError& error) {
+        return error.what();
+      }
+    };
+    SCOPED_TRACE(name);
+    in_threads(POOLED, [&] { EXPECT_EQ(ask(20), "hi"); });
+    dead = true;
+    const auto start = http::Clock::now();
+    EXPECT_EQ(ask(0.5), "hi");
+    EXPECT_EQ(ask(0.5), "hi");
+    EXPECT_LT(seconds_since(start), 2);
+    EXPECT_EQ(waits, 1);
+    EXPECT_EQ(server.requests(), POOLED + 3);
+    EXPECT_EQ(server.connections(), POOLED + 1);
+  }
+}
+
+}  // namespace
