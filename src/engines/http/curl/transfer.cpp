@@ -94,6 +94,17 @@ struct Transfer::Callbacks {
     return CURL_PREREQFUNC_OK;
   }
 
+  // Bytes that came in one read with the end of a body are passed over by libcurl, which only logs
+  // that: what belongs to no reply, or the start of it. Texts of libcurl 7.88 to 8.14.
+  static int log(CURL*, curl_infotype type, const char* text, std::size_t size, Transfer* self) {
+    const std::string_view line(text, size);
+    if (type == CURLINFO_TEXT &&
+        (line.starts_with("Leftovers after chunking") || line.starts_with("Excess found"))) {
+      self->_excess = true;
+    }
+    return 0;
+  }
+
   // Asked while a proxy answers CONNECT: libcurl reads that in one go, however long it lasts.
   static int progress(Transfer* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     if (self->_phase != Phase::connecting) return 0;
@@ -122,12 +133,15 @@ Transfer::Transfer(std::unique_ptr<Connection> connection, Request request, cons
     curl.set(CURLOPT_HEADERFUNCTION, &Callbacks::head);
     curl.set(CURLOPT_PREREQFUNCTION, &Callbacks::sending);
     curl.set(CURLOPT_XFERINFOFUNCTION, &Callbacks::progress);
+    curl.set(CURLOPT_DEBUGFUNCTION, &Callbacks::log);
     curl.set(CURLOPT_CONNECTTIMEOUT_MS, connect_ms(watch.timeout_s()));
   }
   curl.set(CURLOPT_WRITEDATA, this);
   curl.set(CURLOPT_HEADERDATA, this);
   curl.set(CURLOPT_PREREQDATA, this);
   curl.set(CURLOPT_XFERINFODATA, this);
+  curl.set(CURLOPT_DEBUGDATA, this);
+  curl.set(CURLOPT_VERBOSE, 0L);  // until the body
   const bool tunnel = curl._route.proxy && curl._route.tls && !curl._used;
   curl.set(CURLOPT_NOPROGRESS, tunnel ? 0L : 1L);
   if (curl._used) curl.set(CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
@@ -181,7 +195,7 @@ void Transfer::end(CURLcode result) {
   const Connection& curl = *_connection;
   curl_socket_t socket = CURL_SOCKET_BAD;
   _result = result;
-  _open = result == CURLE_OK && head_complete() &&
+  _open = result == CURLE_OK && head_complete() && !_excess &&
           curl_easy_getinfo(curl._easy.get(), CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
           socket == curl._descriptor;
   curl_multi_remove_handle(curl._multi.get(), curl._easy.get());
@@ -267,7 +281,9 @@ void Transfer::take_head_line(std::string_view line) {
     require(curl_easy_getinfo(_connection->_easy.get(), CURLINFO_RESPONSE_CODE, &status));
     _head.status = static_cast<int>(status);
     // An interim reply is none, though it looks like one.
-    if (status >= 200 || status == 101) _phase = Phase::body;
+    if (status < 200 && status != 101) return;
+    _phase = Phase::body;
+    _connection->set(CURLOPT_VERBOSE, 1L);
   } else if (auto type = value_of("content-type:")) {
     _head.content_type = std::move(*type);
   } else if (auto location = value_of("location:")) {

@@ -91,6 +91,7 @@ class Transfer {
   Phase _phase = Phase::connecting;
   std::optional<CURLcode> _result;  // of the transfer that has ended
   bool _open = false;               // the connection is, after the end
+  bool _excess = false;             // bytes came that belong to no reply
   bool _paused = false;
   bool _has_to_wait = false;
   bool _waited = false;  // for the socket, since it last performed
