@@ -125,10 +125,11 @@ Line dial(Names& names, const Service& service, Watch& watch) {
   for (;;) {
     race.advance();
     if (race.lost()) {
-      throw TransportError("cannot connect to " + service.whom + " (" +
-                               std::generic_category().message(race.last_error()) + "); " +
-                               service.advice,
-                           true);
+      throw TransportError(
+          "cannot connect to " + service.whom + " (" +
+              std::generic_category().message(race.last_error()) + "); check " +
+              (service.is_proxy ? "the proxy variables" : "the URL and that the server runs"),
+          true);
     }
     watch.check("connecting to", service.whom);
     race.wait(watch.patience());

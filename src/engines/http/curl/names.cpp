@@ -65,9 +65,10 @@ std::vector<Address> usable(Found found, const Service& service) {
                                : found.error == EAI_SYSTEM
                                    ? std::generic_category().message(found.system_error)
                                    : gai_strerror(found.error);
-    throw TransportError(
-        "cannot resolve the name of " + service.whom + " (" + reason + "); " + service.advice,
-        true);
+    throw TransportError("cannot resolve the name of " + service.whom + " (" + reason +
+                             "); check " +
+                             (service.is_proxy ? "the proxy variables" : "the URL and the network"),
+                         true);
   }
   for (Address& address : found.addresses) set_port(address, service.port);
   return std::move(found.addresses);

@@ -24,8 +24,8 @@ struct Address {
 struct Service {
   std::string host;  ///< A name, or an address without brackets.
   std::uint16_t port = 0;
-  std::string whom;    ///< For example "https://host.example", or "the proxy to ...".
-  std::string advice;  ///< What the user can check if it cannot be reached.
+  std::string whom;       ///< For example "https://host.example", or "the proxy to ...".
+  bool is_proxy = false;  ///< Named by the environment, not by a URL.
 };
 
 /// Looks names up in threads of its own, one for each name: whoever waits for the same name shares

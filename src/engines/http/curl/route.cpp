@@ -48,14 +48,12 @@ Route route_to(const std::string& url, const Proxies& proxies) {
     route.service = {.host = route.proxy->host,
                      .port = route.proxy->port,
                      .whom = "the proxy to " + origin,
-                     .advice = "check the proxy variables"};
+                     .is_proxy = true};
   } else {
     constexpr std::uint16_t HTTP = 80;
     constexpr std::uint16_t HTTPS = 443;
-    route.service = {.host = parts->host,
-                     .port = parts->port.value_or(tls ? HTTPS : HTTP),
-                     .whom = origin,
-                     .advice = "check the URL, the network and that the server runs"};
+    route.service = {
+        .host = parts->host, .port = parts->port.value_or(tls ? HTTPS : HTTP), .whom = origin};
   }
   return route;
 }
