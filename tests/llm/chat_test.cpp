@@ -29,6 +29,18 @@ struct Scene {
   LLMClient client;
 };
 
+const Reply NO_JSON{.status = 400, .pieces = {"no Response_Format, no streams"}};
+const Reply THOUGHT{
+    .pieces = {R"({"model":"x","choices":[{"message":{"content":"<think>`a`</think>hi"}}]})"}};
+
+// Made before `main`, and before what the library makes when it is loaded.
+const LLMResult EARLY =
+    Scene({NO_JSON, THOUGHT}, false).client.chat(HELLO, {.response_json = true});
+
+TEST(Chat, WorksBeforeMain) {
+  EXPECT_EQ(EARLY, HI);
+}
+
 TEST(Chat, SendsWhatItIsAskedToSend) {
   Scene streaming({STREAMED});
   EXPECT_EQ(streaming.client.chat(HELLO), HI);
@@ -54,7 +66,7 @@ TEST(Chat, DoesWithoutWhatAProviderRejects) {
   const auto logger = std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm", sink);
   logger->set_pattern("%l %v");
   spdlog::register_logger(logger);
-  const Reply no_json{.status = 400, .pieces = {"no Response_Format, no streams"}};
+  const Reply& no_json = NO_JSON;
   const Reply no_stream{.status = 400, .pieces = {"unknown stream_options"}};
   const Reply unprocessable{.status = 422, .pieces = {"response_format"}};
   const std::string J = "warning provider rejected response_format; retrying without JSON mode\n";
