@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/export.hpp"
@@ -39,15 +40,22 @@ struct Head {
 /// HttpFailure of it and removes the secrets from its text.
 class TOVREN_EXPORT TransportError : public std::runtime_error {
  public:
-  /// `transient`: the same request may get through when sent again.
-  TransportError(const std::string& message, bool transient)
-      : std::runtime_error(message), _transient(transient) {}
+  /// `transient`: the same request may get through when sent again. `status`: that of an
+  /// intermediary, a proxy for one, which refused to pass the request on; it is then judged like a
+  /// server's, whatever `transient` is.
+  TransportError(const std::string& message, bool transient,
+                 std::optional<int> status = std::nullopt)
+      : std::runtime_error(detail::without_nul(message)), _transient(transient), _status(status) {}
 
   /// Whether the same request may get through when sent again.
   [[nodiscard]] bool transient() const noexcept { return _transient; }
 
+  /// The HTTP status by which an intermediary refused; absent: there was none.
+  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+
  private:
   bool _transient;
+  std::optional<int> _status;
 };
 
 /// Nothing moved for longer than the time limit; the engine makes a TimedOut of it.
@@ -76,6 +84,9 @@ class TOVREN_EXPORT Watch {
   /// `doing` and `whom` name in their texts what is under way: "waiting for the reply of", and the
   /// host. What the stop test throws passes through.
   void check(std::string_view doing, std::string_view whom) const;
+
+  /// The same without the silence: throws Stopped and DeadlineExceeded only.
+  void check_call(std::string_view doing, std::string_view whom) const;
 
   /// How long to wait at most before the next `check`; never negative.
   [[nodiscard]] std::chrono::milliseconds patience() const noexcept;
