@@ -20,7 +20,7 @@ std::string outcome(const llm::LLMResult& result) {
 std::string outcome(std::vector<std::string> pieces) {
   playback::Playback transport({{.pieces = std::move(pieces)}});
   const http::RetryPolicy policy{};
-  const auto read = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m", {.secrets = SECRETS}); };
+  const auto read = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); };
   try {
     return outcome(http::send("http://h", {.policy = policy, .body = {}, .headers = {}, .secrets = SECRETS, .transport = &transport}, read));
   } catch (const std::runtime_error& error) {
@@ -72,6 +72,16 @@ Json member(const Json& object, const char* name) {
   return object.is_object() && object.contains(name) ? object[name] : Json();
 }
 
+// Without the start of a character that the end of the body cuts.
+std::string_view without_cut(std::string_view line) {
+  for (std::size_t width = 1; width <= std::min<std::size_t>(line.size(), 3); ++width) {
+    for (const std::string rest : {"\x80", "\xBF", "\x80\x80", "\xBF\xBF", "\x80\x80\x80", "\xBF\xBF\xBF"}) {
+      if (http::is_utf8(std::string(line.substr(line.size() - width)) + rest)) return line.substr(0, line.size() - width);
+    }
+  }
+  return line;
+}
+
 std::string expected(const std::string& body) {
   std::string content;
   std::string error;
@@ -80,7 +90,8 @@ std::string expected(const std::string& body) {
   std::array<std::int64_t, 2> counts{};
   for (std::size_t at = body.starts_with("\uFEFF") ? 3 : 0, end = 0; at < body.size(); at = end + 1) {
     end = std::min(body.find_first_of("\r\n", at), body.size());
-    const std::string_view line = llm::trim(std::string_view(body).substr(at, end - at));
+    const std::string_view raw = std::string_view(body).substr(at, end - at);
+    const std::string_view line = llm::trim(end == body.size() ? without_cut(raw) : raw);
     if (!http::is_utf8(line)) return "LLM stream is not valid UTF-8";
     const std::string_view payload = llm::trim(line.starts_with("data:") ? line.substr(5) : "");
     if (payload == "[DONE]") break;

@@ -16,6 +16,7 @@
 
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 
 namespace {
@@ -79,7 +80,7 @@ bool is_object(const JsonValue& value) {
   return value.kind() == JsonValue::Kind::object;
 }
 
-openai::Completion to_completion(const JsonValue& reply) {
+openai::Completion to_completion(const JsonValue& reply, const http::Secrets& secrets) {
   if (reply.kind() != JsonValue::Kind::object) {
     throw openai::OpenAIError("the reply is not a JSON object");
   }
@@ -94,7 +95,7 @@ openai::Completion to_completion(const JsonValue& reply) {
   return {.model = to_scalar(reply["model"]),
           .choices = to_choices<openai::Choice>(reply["choices"], to_choice),
           .usage = to_usage(reply["usage"]),
-          .text = reply.text()};
+          .text = http::redact(reply.text(), secrets)};
 }
 
 openai::Chunk to_chunk(const JsonValue& event) {
@@ -115,7 +116,8 @@ openai::Chunk to_chunk(const JsonValue& event) {
 // A whole reply to a request for a stream, as the one chunk of a stream.
 openai::Chunk to_chunk(openai::Completion completion) {
   if (!completion.choices || completion.choices->empty()) {
-    throw openai::OpenAIError("the reply has no choices: " + completion.text);
+    throw openai::OpenAIError(
+        http::detail::without_nul("the reply has no choices: " + completion.text));
   }
   openai::Choice& first = completion.choices->front();
   return {.model = std::move(completion.model),
@@ -200,7 +202,7 @@ class EventStream final : public openai::ChunkStream {
       if (event.kind() != JsonValue::Kind::object) continue;
       if (const JsonValue error = event["error"]; !error.empty()) {
         const JsonValue message = error["message"];
-        _error = message.empty() ? error.text() : message.text();
+        _error = http::redact((message.empty() ? error : message).text(), _reply.secrets());
         continue;
       }
       _finished = _finished || !event["choices"].front()["finish_reason"].empty();
@@ -208,7 +210,9 @@ class EventStream final : public openai::ChunkStream {
     }
     _ended = true;
     // A provider that has told its finish reason has given its answer, whatever it reports besides.
-    if (_error && !_finished) throw openai::APIConnectionError("stream error: " + *_error);
+    if (_error && !_finished) {
+      throw openai::APIConnectionError(http::detail::without_nul("stream error: " + *_error));
+    }
     return std::nullopt;
   }
 
@@ -274,7 +278,7 @@ class Client final : public openai::OpenAI {
         return std::make_unique<EventStream>(std::move(bounds), std::move(reply));
       }
       openai::Completion completion =
-          to_completion(http::read_json(reply, bounds->policy, bounds->secrets));
+          to_completion(http::read_json(reply, bounds->policy, reply.secrets()), reply.secrets());
       if (!stream) return completion;
       return std::make_unique<WholeStream>(to_chunk(std::move(completion)));
     });

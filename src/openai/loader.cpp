@@ -15,6 +15,8 @@
 #include <link.h>
 #include <sys/stat.h>
 
+#include "openai/elf.hpp"
+
 namespace tovren_mapstead::openai {
 namespace {
 
@@ -107,6 +109,7 @@ const Library* enter(EntryPoint entry_point) {
 const Library& load() {
   const auto& path = find_library();
   if (!path) throw LoadError(std::string("there is no ") + LIBRARY_NAME);
+  if (cut_short(*path)) throw LoadError(path->string() + " is cut short; install it again");
   void* const object = dlopen(path->c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (object == nullptr) throw LoadError(loader_text());
   void* const symbol = dlsym(object, ENTRY_POINT);

@@ -97,7 +97,7 @@ inline std::vector<Failure> failures() {
           },
           0.2),
       after([](auto& exchange) { exchange.stall(); }, 0.2)};
-  for (const int status : {400, 401, 402, 403, 404, 413, 418, 429, 503}) {
+  for (const int status : {400, 401, 402, 403, 404, 407, 413, 418, 429, 503}) {
     failures.push_back(after(reply(status, "told")));
   }
   failures.push_back(bounded({}, {{{"content", "\xff"}}}));

@@ -1,3 +1,5 @@
+#include <typeinfo>
+
 #include "support.hpp"
 
 namespace {
@@ -21,12 +23,42 @@ TEST(Lines, EndAtLfCrlfAndCr) {
       {"a\r\nb\rc\n\nd", {"a", "b", "c", "", "d"}},
       {"\r\r\n\n\r", {"", "", "", ""}},
       {"\xEF\xBB\xBFx\n\xEF\xBB\xBFy", {"x", "\xEF\xBB\xBFy"}},
-      {"caf\xC3\xA9\u2028still\n", {"caf\xC3\xA9\u2028still"}}};
+      {"caf\xC3\xA9\u2028still\n", {"caf\xC3\xA9\u2028still"}},
+      // The end of the body cuts a character; elsewhere bad bytes are left for their reader.
+      {"a\ncaf\xC3", {"a", "caf"}},
+      {"a\n\xF0\x9F\x98", {"a"}},
+      {"a\xE2\x82\n", {"a\xE2\x82"}},
+      {"a\xE0\x80", {"a\xE0\x80"}},
+      {"\xC3x", {"\xC3x"}}};
   for (const auto& [body, lines] : cases) {
     for (std::size_t cut = 0; cut <= body.size(); ++cut) {
       EXPECT_EQ(lines_of({body.substr(0, cut), body.substr(cut)}), lines) << body << cut;
     }
   }
+}
+
+TEST(Lines, AreBoundedOverATransportThatKnowsNoBounds) {
+  int asked = 0;
+  const http::RetryPolicy stops{.should_stop = [&] { return ++asked > 3; }};
+  const http::RetryPolicy late{.deadline = http::Clock::now() + 30ms};
+  const std::vector<std::string> pieces(5, "x");
+  const auto lines = [](http::Response& reply) {
+    for (std::size_t i = 0; reply.next_line(); ++i) {
+    }
+  };
+  const auto limited = [&](http::Response& reply) {
+    reply.limit_lines(0.02);
+    std::this_thread::sleep_for(40ms);
+    lines(reply);
+  };
+  const auto body = [](http::Response& reply) {
+    std::this_thread::sleep_for(40ms);
+    reply.read_rest(99);
+  };
+  EXPECT_THROW(play({.pieces = pieces}, lines, stops), http::Stopped);
+  EXPECT_THROW(play({.pieces = pieces}, body, late), http::DeadlineExceeded);
+  EXPECT_EQ(text_of<http::Retryable>([&] { play({.pieces = pieces}, limited); }),
+            "stream exceeded timeout before completing");
 }
 
 TEST(Lines, MayBeLongAndManyInLinearTime) {
@@ -61,6 +93,49 @@ TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
   refused("http://h", {{"bad name", "x"}}, {});
   refused(with_nul, {}, {});
   refused("http://h", {}, Json{{"content", "sk-1 \xff"}});
+}
+
+// A transport that throws what it likes.
+struct Throwing final : http::Transport {
+  explicit Throwing(std::function<void()> act_in) : act(std::move(act_in)) {}
+
+  std::unique_ptr<http::Exchange> open(http::Request, http::Watch&) override {
+    act();
+    return nullptr;
+  }
+
+  std::function<void()> act;
+};
+
+TEST(Send, KeepsWhatATransportThrowsButForSecrets) {
+  const auto told = [](auto thrown) {
+    Throwing transport([&] { throw thrown; });
+    try {
+      http::send("http://h", {.policy = POLICY, .body = {}, .headers = {}, .secrets = {"sk-1"},
+                              .transport = &transport}, [](http::Response&) {});
+    } catch (const http::Error& error) {
+      const auto* const failure = dynamic_cast<const http::HttpFailure*>(&error);
+      std::string type = typeid(error).name();
+      type.erase(0, type.find_last_of("0123456789") + 1);
+      return type.substr(0, type.size() - 1) + std::to_string(error.status().value_or(0)) + " " +
+             error.what() + (failure == nullptr ? "" : " | " + std::string(failure->detail()));
+    }
+    return std::string("none");
+  };
+  EXPECT_EQ(told(http::TimedOut("a sk-1", 1)), "TimedOut1 a ***");
+  EXPECT_EQ(told(http::Retryable("a sk-1", 2)), "Retryable2 a ***");
+  EXPECT_EQ(told(http::Exhausted("a sk-1", 3)), "Exhausted3 a ***");
+  EXPECT_EQ(told(http::Stopped("a sk-1", 4)), "Stopped4 a ***");
+  EXPECT_EQ(told(http::DeadlineExceeded("a sk-1", 5)), "DeadlineExceeded5 a ***");
+  EXPECT_EQ(told(http::Error("a sk-1", 6)), "Error6 a ***");
+  EXPECT_EQ(told(http::HttpFailure("a sk-1", 7, "b sk-1")), "HttpFailure7 a ***: b *** | b ***");
+  EXPECT_EQ(told(http::HttpFailure(std::string("a\0b", 3), 8, std::string("c\0d", 3))),
+            "HttpFailure8 a\uFFFDb: c\uFFFDd | c\uFFFDd");
+  // The status of a proxy is judged like a server's.
+  EXPECT_EQ(told(http::TransportError("a sk-1", true, 407)),
+            "HttpFailure407 request failed: a *** | ");
+  EXPECT_EQ(told(http::TransportError("a sk-1", false, 503)), "Retryable503 a ***");
+  EXPECT_EQ(told(http::TransportError(std::string("a\0b", 3), true)), "Retryable0 a\uFFFDb");
 }
 
 TEST(Send, GivesBackOnlyConnectionsThatAreInGoodOrder) {

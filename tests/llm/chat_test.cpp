@@ -29,6 +29,18 @@ struct Scene {
   LLMClient client;
 };
 
+const Reply NO_JSON{.status = 400, .pieces = {"no Response_Format, no streams"}};
+const Reply THOUGHT{
+    .pieces = {R"({"model":"x","choices":[{"message":{"content":"<think>`a`</think>hi"}}]})"}};
+
+// Made before `main`, and before what the library makes when it is loaded.
+const LLMResult EARLY =
+    Scene({NO_JSON, THOUGHT}, false).client.chat(HELLO, {.response_json = true});
+
+TEST(Chat, WorksBeforeMain) {
+  EXPECT_EQ(EARLY, HI);
+}
+
 TEST(Chat, SendsWhatItIsAskedToSend) {
   Scene streaming({STREAMED});
   EXPECT_EQ(streaming.client.chat(HELLO), HI);
@@ -54,7 +66,7 @@ TEST(Chat, DoesWithoutWhatAProviderRejects) {
   const auto logger = std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm", sink);
   logger->set_pattern("%l %v");
   spdlog::register_logger(logger);
-  const Reply no_json{.status = 400, .pieces = {"no Response_Format, no streams"}};
+  const Reply& no_json = NO_JSON;
   const Reply no_stream{.status = 400, .pieces = {"unknown stream_options"}};
   const Reply unprocessable{.status = 422, .pieces = {"response_format"}};
   const std::string J = "warning provider rejected response_format; retrying without JSON mode\n";
@@ -124,8 +136,11 @@ TEST(Chat, EndsInTheClientsOwnErrors) {
   }
   EXPECT_THROW(chat({.should_stop = [asked = 0]() mutable { return ++asked > 1 ? throw 7 : false; }}), int);
   EXPECT_TRUE(scene.transport->requests.empty());
-  EXPECT_THROW(chat({.deadline = http::Clock::now() + 500ms}), llm::LLMTimeout);
+  const LLMClient waiting(scene.client.config(), {.transport = scene.transport});
+  const auto start = http::Clock::now();
+  EXPECT_THROW(std::ignore = waiting.chat(HELLO, {.deadline = start + 900ms}), llm::LLMTimeout);
   EXPECT_EQ(scene.transport->requests.size(), 1U);  // the next would come too late, so it fails now
+  EXPECT_LT(seconds_since(start), 0.5);
   EXPECT_THROW(chat({}), llm::LLMError);
   EXPECT_EQ(scene.waits, (std::vector<double>{1, 2}));
   for (const int status : {408, 409, 429, 500, 502, 503, 504}) {

@@ -69,6 +69,7 @@ TEST(Completion, FailsInWords) {
       {R"({"choices":[]})", R"(LLM response missing 'choices': {"choices":[]})"},
       {R"({"error":{"message":"bad KEY-1"}})", R"(LLM response missing 'choices': {"message":"bad ***"})"},
       {R"({"error":"","detail":"x"})", R"(LLM response missing 'choices': {"error":"","detail":"x"})"},
+      {R"({"error":"a\u0000b"})", "LLM response missing 'choices': a\uFFFDb"},
       {R"({"choices":"x"})", "LLM response is malformed: 'choices' is not an array" + check + R"({"choices":"x"})"},
       {R"({"choices":[null],"error":"bad KEY-1"})", "LLM response is malformed: the first of 'choices' is not an object" + check + "bad ***"},
       {R"({"choices":[{"message":"x"}]})", "LLM response is malformed: 'message' is not an object" + check + R"({"choices":[{"message":"x"}]})"},

@@ -94,7 +94,7 @@ const Moment MOMENTS[] = {
     {"before the head", true, "", "HTTP/1.1 103 Early Hints\r\n\r\n", "2 nothing moved", "2 reset", "2 empty reply", nullptr, "1 too large"},
     {"in the head", true, "HTTP/1.1 200 OK\r\nContent-Type: text/ev", "x", "2 nothing moved", "2 reset", "2 breaks off", nullptr, "1 too large"},
     {"between header lines", true, "HTTP/1.1 200 OK\r\n", "A: b\r\n", "2 nothing moved", "2 reset", "2 breaks off", nullptr, "1 too large"},
-    {"in an event", false, STREAM + ENDLESS_CHUNK + "data: {\"choi", "x", "2 nothing moved", "2 reset", "2 breaks off", nullptr, "1 longer than 16 MiB"},
+    {"in an event", false, STREAM + ENDLESS_CHUNK + "data: {\"choi", "x", "2 nothing moved", "2 reset", "2 breaks off", "2 exceeded", "1 longer than 16 MiB"},
     {"between events", false, STREAM + ENDLESS_CHUNK + EVENT, ": still there\n", "2 nothing moved", "2 reset", "2 breaks off", "2 exceeded", "2 exceeded"},
     {"after the end marker", false, STREAM + ENDLESS_CHUNK + EVENT + "data: [DONE]\n\n", "x", "hi", "hi", "hi", "hi", "hi"},
     {"in a whole body", true, JSON + ENDLESS + R"({"choices":[{"message":{"content":")", "x", "2 nothing moved", "2 reset", "2 breaks off", nullptr, "1 larger than|cannot be read"},

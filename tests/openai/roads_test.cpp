@@ -2,11 +2,13 @@
 // differences that there are. Which road is taken, the search path of the process says.
 #include <cstdlib>
 
+#include "openai/loader.hpp"
 #include "support.hpp"
 
 namespace {
 
 using namespace support;
+namespace openai = tovren_mapstead::openai;
 
 const bool LIBRARY = std::string_view(std::getenv("EXPECTED_ROAD")) == "library";
 const std::string KEY = "sk-KEY-12345";
@@ -63,6 +65,7 @@ TEST(Roads, LeadToTheSameAnswers) {
       {"no stream", 's', 2, {{400, "no Streams"}, whole("hi")}},
       {"busy twice", 's', 3, {{503, ""}, {429, ""}, STREAMED}},
       {"broken off", 's', 3, {{0, ""}, stream(": nothing\n"), STREAMED}},
+      {"cut in a character", 's', 2, {stream(delta("x").substr(0, 51) + "\xC3"), STREAMED}},
       {"half a body", 'w', 2, {{200, "{\"choices\":["}, whole("hi")}},
       {"an error after the answer", 's', 1, {stream(EVENTS + "data: {\"error\":1}\n")}},
       {"bad key", 's', 1, {{401, KEY}}, HI, h + " with HTTP 401 (check the API key): ***", l + " with HTTP 401 (check the API key): ***"},
@@ -71,6 +74,7 @@ TEST(Roads, LeadToTheSameAnswers) {
       {"no choices", 'w', 1, {{200, "{\"error\":\"" + KEY + "\"}"}}, HI, "LLM response missing 'choices': ***", R"(LLM SDK response missing 'choices': {"error":"***"})"},
       {"no JSON", 'w', 1, {{200, "<" + KEY}}, HI, h + ": the reply is not JSON", l + ": the reply is not JSON"},
       {"no object", 'w', 1, {{200, "[]"}}, HI, "LLM response is not a JSON object", "LLM SDK call failed: the reply is not"},
+      {"no text at the end", 's', 1, {stream(": \xff")}, HI, "LLM stream is not valid UTF-8", "LLM SDK call failed: the stream is not"},
       {"no text", 's', 1, {stream(": \xff\n")}, HI, "LLM stream is not valid UTF-8", "LLM SDK call failed: the stream is not"},
       {"error in the stream", 's', 3, {stream(delta("h") + "data: {\"error\":{\"message\":\"" + KEY + "\"}}\n")}, HI, in_band, in_band},
       {"error without words", 's', 3, {stream("data: {\"error\":{\"code\":429}}\n")}, HI, tries + "stream error: {\"code\":429}", tries + "stream error: {\"code\":429}"},
@@ -106,6 +110,30 @@ TEST(Roads, LeadToTheSameAnswers) {
   }
 }
 
+// The client takes its key out of whatever a library says; this one must not say it.
+TEST(Roads, ShowNoKeyOnTheWay) {
+  if (!LIBRARY) return;
+  const std::pair<bool, std::string> replies[] = {
+      {true, R"(data: {"error":")" + KEY + "\\u0000!\"}\n"},
+      {true, R"({"error":")" + KEY + "\\u0000!\"}"},
+      {false, R"({"error":")" + KEY + "\\u0000!\"}"}};
+  for (const auto& [stream, body] : replies) {
+    const char* const type = body.starts_with("data") ? "text/event-stream" : "application/json";
+    Server server([&body = body, type](Exchange& exchange) { exchange.reply(200, body, type); });
+    const auto client = openai::load_library().open({.base_url = server.url(), .api_key = KEY});
+    std::string told;
+    try {
+      const auto reply = client->create_chat_completion({.model = "m", .messages = {}, .stream = stream});
+      if (stream) std::get<1>(reply)->next();
+      told = std::get<0>(reply).text;
+    } catch (const openai::OpenAIError& error) {
+      told = error.what();
+    }
+    EXPECT_TRUE(contains(told, "***") && contains(told, "!")) << told;
+    EXPECT_FALSE(contains(told, "sk-KE")) << told;
+  }
+}
+
 TEST(Roads, EndInTime) {
   Server silent([](Exchange& exchange) { exchange.stall(); });
   const LLMClient patient({.base_url = silent.url(), .model = "m", .api_key = KEY});
@@ -113,8 +141,9 @@ TEST(Roads, EndInTime) {
   EXPECT_THROW(std::ignore = patient.chat({}, {.deadline = deadline}), llm::LLMTimeout);
   EXPECT_LT(seconds_since(deadline), 0.05);
 
-  // A server that is never silent is bounded all the same, whether it says anything or not.
-  for (const char* const filler : {": still there\n", "data: {\"choices\":[]}\n\n"}) {
+  // A server that is never silent is bounded all the same, whether it says anything or not, and
+  // whether it ends its lines.
+  for (const char* const filler : {": still there\n", "data: {\"choices\":[]}\n\n", "x"}) {
     Server chatty([&](Exchange& exchange) {
       for (exchange.start_stream(); exchange.chunk(filler); exchange.pause(1ms)) {
       }

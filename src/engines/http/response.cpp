@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <exception>
 #include <optional>
@@ -10,6 +11,7 @@
 #include "engines/http/process.hpp"
 #include "engines/http/quote.hpp"
 #include "engines/http/text.hpp"
+#include "engines/http/time_limit.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {
@@ -25,6 +27,21 @@ constexpr std::size_t BURST_BYTES = (std::size_t{64} << 10U) + Response::PADDING
 std::string mebibytes(std::size_t bytes) {
   constexpr std::size_t MIB = std::size_t{1} << 20U;
   return bytes % MIB == 0 ? std::to_string(bytes / MIB) + " MiB" : std::to_string(bytes) + " bytes";
+}
+
+// How many bytes at the end of `text` begin a UTF-8 character that needs more bytes.
+std::size_t unfinished(std::string_view text) {
+  constexpr std::size_t LONGEST = 4;
+  for (std::size_t width = 1; width < LONGEST && width <= text.size(); ++width) {
+    // The least and the greatest byte that can follow: each lead takes one of the two.
+    for (const char next : {'\x80', '\xBF'}) {
+      std::array<char, LONGEST> whole{};
+      whole.fill(next);
+      text.copy(whole.data(), width, text.size() - width);
+      if (read_utf8({whole.data(), whole.size()}).width > width) return width;
+    }
+  }
+  return 0;
 }
 
 // Where the next `character` stands in a growing buffer. Looks at each byte once, however short the
@@ -57,7 +74,9 @@ struct Response::Impl {
       : policy(policy_in),
         secrets(secrets_in),
         watch(timeout_s, policy.should_stop, policy.deadline),
-        exchange(open(transport, std::move(request))) {}
+        exchange(open(transport, std::move(request))) {
+    for (std::string& secret : exchange->secrets()) secrets.push_back(std::move(secret));
+  }
 
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -71,7 +90,8 @@ struct Response::Impl {
     return guarded([&] { return transport.open(std::move(request), watch); });
   }
 
-  // The one place where what went wrong on the way becomes an error of the engine.
+  // The one place where what went wrong on the way becomes an error of the engine. A transport of
+  // the caller's may throw those of the engine, too: they stay what they are, without the secrets.
   template <class Step>
   std::invoke_result_t<Step> guarded(Step step) {
     try {
@@ -80,24 +100,59 @@ struct Response::Impl {
       failed = true;
       throw TimedOut(quote(error.what(), secrets, QUOTED_BYTES));
     } catch (const TransportError& error) {
+      fail(error);
+    } catch (const HttpFailure& failure) {
       failed = true;
-      const std::string text = quote(error.what(), secrets, QUOTED_BYTES);
-      if (error.transient()) throw Retryable(text);
-      fail(text);
-    } catch (const Stopped& stop) {
-      failed = true;
-      throw Stopped(redact(stop.what(), secrets));
-    } catch (const DeadlineExceeded& end) {
-      failed = true;
-      throw DeadlineExceeded(redact(end.what(), secrets));
+      throw redacted(failure);
+    } catch (const TimedOut& error) {
+      fail_again(error);
+    } catch (const Retryable& error) {
+      fail_again(error);
+    } catch (const Stopped& error) {
+      fail_again(error);
+    } catch (const DeadlineExceeded& error) {
+      fail_again(error);
+    } catch (const Exhausted& error) {
+      fail_again(error);
+    } catch (const Error& error) {
+      fail_again(error);
     } catch (...) {
       failed = true;
       throw;
     }
   }
 
+  template <class Kind>
+  [[noreturn]] void fail_again(const Kind& error) {
+    failed = true;
+    throw Kind(redact(error.what(), secrets), error.status());
+  }
+
+  [[nodiscard]] HttpFailure redacted(const HttpFailure& failure) const {
+    const std::string text = redact(failure.what(), secrets);
+    const std::string detail = redact(failure.detail(), secrets);
+    const std::string tail = ": " + detail;
+    // A secret that reached into the detail has taken its start away.
+    if (detail.empty() || !text.ends_with(tail)) return HttpFailure(text, failure.status());
+    return HttpFailure(text.substr(0, text.size() - tail.size()), failure.status(), detail);
+  }
+
+  [[noreturn]] void fail(const TransportError& error) {
+    failed = true;
+    const std::string text = quote(error.what(), secrets, QUOTED_BYTES);
+    const auto status = error.status();
+    if (status ? policy.retry_statuses.contains(*status) : error.transient()) {
+      throw Retryable(text, status);
+    }
+    fail(text, status);
+  }
+
+  // Appends what comes next to `into`; false at the end of the body. Asks for stop and deadline
+  // itself: a transport of the caller's may not.
   bool pull(std::string& into) {
-    ++reads;
+    if (std::exchange(reading, true)) {
+      guarded([&] { watch.check_call("reading", "the reply"); });
+    }
     return guarded([&] { return exchange->read(into, watch); });
   }
 
@@ -111,10 +166,11 @@ struct Response::Impl {
       start = 0;
     }
     check_line(buffer.size());
-    if (reads > 0) buffer.reserve(BURST_BYTES);
+    if (reading) buffer.reserve(BURST_BYTES);
     const bool more = pull(buffer);
     size = buffer.size();
     buffer.append(PADDING, '\0');
+    if (size > 0) guarded([&] { lines_limit.check(); });
     return more;
   }
 
@@ -135,9 +191,9 @@ struct Response::Impl {
     return std::exchange(buffer, {}).substr(std::exchange(start, 0));
   }
 
-  [[noreturn]] void fail(const std::string& reason) {
+  [[noreturn]] void fail(const std::string& reason, std::optional<int> status = std::nullopt) {
     failed = true;
-    throw HttpFailure(redact("request failed: " + reason, secrets));
+    throw HttpFailure(redact("request failed: " + reason, secrets), status);
   }
 
   void check_line(std::size_t bytes) {
@@ -160,13 +216,14 @@ struct Response::Impl {
   const UnderWay under_way;
   const int exceptions_before = std::uncaught_exceptions();
   const RetryPolicy& policy;
-  const Secrets& secrets;
+  Secrets secrets;
   bool failed = false;
   Watch watch;
   std::unique_ptr<Exchange> exchange;
   std::optional<JsonReader> reader;  // where the exchange has none
   std::string buffer;
-  std::size_t reads = 0;
+  TimeLimit lines_limit{0};
+  bool reading = false;   // of the body
   std::size_t start = 0;  // of what has not been handed out
   std::size_t size = 0;   // of what has come; behind it is padding
   Finder line_feed{'\n'};
@@ -198,6 +255,7 @@ std::optional<std::string_view> Response::next_line() {
       self.after_carriage_return = self.buffer[end] == '\r';
     } else {
       if (self.fill()) continue;
+      self.size -= unfinished({self.buffer.data() + self.start, self.size - self.start});
       if (self.start == self.size) return std::nullopt;
       end = self.size;
     }
@@ -205,8 +263,12 @@ std::optional<std::string_view> Response::next_line() {
   }
 }
 
-std::size_t Response::reads() const noexcept {
-  return _impl->reads;
+const Secrets& Response::secrets() const noexcept {
+  return _impl->secrets;
+}
+
+void Response::limit_lines(double timeout_s) {
+  _impl->lines_limit = TimeLimit(timeout_s);
 }
 
 JsonReader& Response::reader() {

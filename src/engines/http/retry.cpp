@@ -15,13 +15,13 @@ void wait_unless_stopped(double period_s, const StopTest& should_stop,
   for (;;) {
     check_process();
     if (should_stop && should_stop()) throw Stopped("stopped by the caller during a wait");
+    if (deadline && (!end || *end >= *deadline)) {
+      throw DeadlineExceeded("the wait would last past the deadline");
+    }
     const auto now = Clock::now();
-    if (deadline && now >= *deadline) throw DeadlineExceeded("the deadline passed during a wait");
     if (end && now >= *end) return;
-    auto next = now + (should_stop ? STOP_POLL : LONGEST_NAP);
-    if (end) next = std::min(next, *end);
-    if (deadline) next = std::min(next, *deadline);
-    std::this_thread::sleep_until(next);
+    const auto next = now + (should_stop ? STOP_POLL : LONGEST_NAP);
+    std::this_thread::sleep_until(end ? std::min(next, *end) : next);
   }
 }
 
@@ -50,9 +50,14 @@ std::string RetryLoop::text(std::string_view outcome) const {
   return quote(text, _options.secrets, detail_limit(_policy) + ROOM_FOR_WORDS);
 }
 
-double RetryLoop::begin() {
-  if (_policy.should_stop && _policy.should_stop())
+void RetryLoop::check_stop() const {
+  if (_policy.should_stop && _policy.should_stop()) {
     throw Stopped(text("was stopped by its caller"));
+  }
+}
+
+double RetryLoop::begin() {
+  check_stop();
   const double timeout_s = _policy.timeout_s;
   if (_policy.deadline) {
     const auto now = Clock::now();
@@ -68,16 +73,8 @@ double RetryLoop::begin() {
 void RetryLoop::failed(const Retryable& failure) {
   ++_made;
   _last_failure = failure.what();
-  const bool last = _made >= _policy.attempts;
-  if (_policy.deadline) {
-    const auto next = last ? Clock::now() : after(Clock::now(), std::max(_backoff_s, 0.0));
-    if (!next || *next >= *_policy.deadline) {
-      throw DeadlineExceeded(text(last ? "ran out of time: its deadline has passed; allow more time"
-                                       : "ran out of time: no try could begin before its deadline; "
-                                         "allow more time"));
-    }
-  }
-  if (!last) return;
+  check_stop();
+  if (_made < _policy.attempts) return;
   throw Exhausted(text("failed " + (_made == 1 ? std::string("at the only try")
                                                : "after " + std::to_string(_made) + " tries")));
 }
@@ -88,7 +85,8 @@ void RetryLoop::wait() {
   } catch (const Stopped&) {
     throw Stopped(text("was stopped by its caller"));
   } catch (const DeadlineExceeded&) {
-    throw DeadlineExceeded(text("ran out of time: its deadline has passed; allow more time"));
+    throw DeadlineExceeded(
+        text("ran out of time: no try could begin before its deadline; allow more time"));
   }
   _backoff_s *= 2;
 }

@@ -21,13 +21,14 @@ struct Advice {
   std::string_view text;
 };
 
-constexpr std::array<Advice, 10> ADVICE{{
+constexpr std::array<Advice, 11> ADVICE{{
     {.status = 400, .text = "the server does not accept the request as it is"},
     {.status = 401, .text = "check the API key"},
     {.status = 402, .text = "check the account's credit"},
     {.status = 403, .text = "the credential does not permit this; check it and the account"},
     {.status = 404, .text = "check the URL and the model name"},
     {.status = 405, .text = "check the URL"},
+    {.status = 407, .text = "the proxy wants a user name and password; check the proxy variables"},
     {.status = 413, .text = "the request is too large; send less"},
     {.status = 422, .text = "the server does not accept the request as it is"},
     {.status = 429, .text = "the server limits the rate or the account; ask less often, or later"},

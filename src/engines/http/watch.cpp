@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cmath>
 #include <string>
 
@@ -14,11 +16,20 @@ namespace {
 // the deadline is what ended the wait.
 constexpr std::chrono::milliseconds SAME_MOMENT{2};
 
+// "0.5 s" in every locale.
 std::string seconds(double period_s) {
-  std::string digits = std::to_string(period_s);  // six decimals
+  constexpr int DECIMALS = 6;
+  std::array<char, 32> room{};  // no limit that counts is longer than a century
+  const auto [end, error] = std::to_chars(room.data(), room.data() + room.size(), period_s,
+                                          std::chars_format::fixed, DECIMALS);
+  std::string digits(room.data(), error == std::errc{} ? end : room.data());
   digits.erase(digits.find_last_not_of('0') + 1);
   if (digits.ends_with('.')) digits.pop_back();
   return digits + " s";
+}
+
+std::string text(std::string_view what, std::string_view doing, std::string_view whom) {
+  return std::string(what).append(" while ").append(doing).append(" ").append(whom);
 }
 
 }  // namespace
@@ -42,17 +53,18 @@ bool Watch::silence_counts() const noexcept {
   return _silent_until && !(_deadline && *_silent_until + SAME_MOMENT >= *_deadline);
 }
 
-void Watch::check(std::string_view doing, std::string_view whom) const {
-  const auto text = [&](const std::string& what) {
-    return (what + " while ").append(doing).append(" ").append(whom);
-  };
+void Watch::check_call(std::string_view doing, std::string_view whom) const {
   check_process();
-  if (_should_stop && _should_stop()) throw Stopped(text("stopped by the caller"));
-  const auto now = Clock::now();
-  if (_deadline && now >= *_deadline)
-    throw DeadlineExceeded(text("the deadline passed") + "; allow more time");
-  if (silence_counts() && now >= *_silent_until) {
-    throw TransportTimeout(text("nothing moved for " + seconds(_timeout_s)));
+  if (_should_stop && _should_stop()) throw Stopped(text("stopped by the caller", doing, whom));
+  if (_deadline && Clock::now() >= *_deadline) {
+    throw DeadlineExceeded(text("the deadline passed", doing, whom) + "; allow more time");
+  }
+}
+
+void Watch::check(std::string_view doing, std::string_view whom) const {
+  check_call(doing, whom);
+  if (silence_counts() && Clock::now() >= *_silent_until) {
+    throw TransportTimeout(text("nothing moved for " + seconds(_timeout_s), doing, whom));
   }
 }
 

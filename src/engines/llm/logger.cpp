@@ -1,31 +1,41 @@
 #include "engines/llm/logger.hpp"
 
 #include <memory>
-#include <string>
 #include <tuple>
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include "engines/http/process.hpp"
+
 namespace tovren_mapstead::engines::llm {
 namespace {
 
-const std::string NAME = "tovren_mapstead.engines.llm";
+using Logger = std::shared_ptr<spdlog::logger>;
 
-// Not registered under its name, or a host that registers its own later would fail. The registry is
-// made beforehand all the same, so that it outlives every call.
-const auto FALLBACK = [] {
+constexpr const char* NAME = "tovren_mapstead.engines.llm";
+
+// spdlog's registry is made when the library is loaded, so that it outlives every call.
+[[maybe_unused]] const bool REGISTRY_MADE = [] {
   std::ignore = spdlog::get(NAME);
-  return std::make_shared<spdlog::logger>(NAME, std::make_shared<spdlog::sinks::stderr_sink_mt>());
+  return true;
 }();
+
+// Not registered under its name, or a host that registers its own later would fail.
+constinit http::Once<Logger> fallback;
+
+Logger make_fallback() {
+  return std::make_shared<spdlog::logger>(NAME, std::make_shared<spdlog::sinks::stderr_sink_mt>());
+}
 
 }  // namespace
 
 void warn(std::string_view text) noexcept {
   try {
-    const auto hosts = spdlog::get(NAME);
-    (hosts ? hosts : FALLBACK)->warn("{}", text);
+    const http::ForkGuard guard;  // spdlog has locks, which no child may find held
+    const Logger hosts = spdlog::get(NAME);
+    (hosts ? hosts : fallback.get(make_fallback))->warn("{}", text);
   } catch (...) {  // a call is worth more than a line about it
   }
 }

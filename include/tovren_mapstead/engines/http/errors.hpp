@@ -13,12 +13,24 @@
 
 namespace tovren_mapstead::engines::http {
 
+namespace detail {
+
+/// `text` with U+FFFD for each NUL: `what()` would end at the first.
+[[nodiscard]] inline std::string without_nul(const std::string& text) {
+  if (text.find('\0') == std::string::npos) return text;
+  std::string out;
+  for (const char c : text) c == '\0' ? out += "\uFFFD" : out += c;
+  return out;
+}
+
+}  // namespace detail
+
 /// The engine's errors have this base, so that a caller of the engine alone can catch them all.
 class TOVREN_EXPORT Error : public std::runtime_error {
  public:
-  /// `message` is quoted as it is: it must hold no secret.
+  /// `message` is quoted as it is, but for NUL, which becomes U+FFFD: it must hold no secret.
   explicit Error(const std::string& message, std::optional<int> status = std::nullopt)
-      : std::runtime_error(message), _status(status) {}
+      : std::runtime_error(detail::without_nul(message)), _status(status) {}
 
   /// The HTTP status of the reply behind the failure, or that was being read; absent: none came.
   [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
@@ -46,7 +58,8 @@ class TOVREN_EXPORT HttpFailure : public Error {
   /// The text is `what`, followed by ": " and `detail` unless that is empty.
   explicit HttpFailure(const std::string& what, std::optional<int> status = std::nullopt,
                        const std::string& detail = {})
-      : Error(detail.empty() ? what : what + ": " + detail, status), _detail_chars(detail.size()) {}
+      : Error(detail.empty() ? what : what + ": " + detail, status),
+        _detail_chars(http::detail::without_nul(detail).size()) {}
 
   /// The quoted start of the server's reply, or nothing. Lives as long as this error.
   [[nodiscard]] std::string_view detail() const noexcept {

@@ -28,14 +28,15 @@ using Deadline = Clock::time_point;
 /// caller. May be empty.
 using StopTest = std::function<bool()>;
 
-/// Waits about `period_s` seconds, ended early by the stop test and the deadline.
+/// Waits about `period_s` seconds between two attempts. Throws Stopped or DeadlineExceeded to end
+/// the call; when it returns, the next attempt is made.
 using Wait = std::function<void(double period_s, const StopTest& should_stop,
                                 std::optional<Deadline> deadline)>;
 
-/// Waits `period_s` seconds on the calling thread, or less.
-/// Zero, negative or NaN: returns at once.
-/// Throws Stopped within 25 ms of `should_stop` turning true, DeadlineExceeded at `deadline`;
-/// what `should_stop` throws passes through. Safe from any thread.
+/// Waits `period_s` seconds on the calling thread. Returns at once for zero, negative or NaN.
+/// Throws Stopped within 25 ms after `should_stop` turns true, and DeadlineExceeded at once if the
+/// wait would last to `deadline` or past it. What `should_stop` throws passes through. Safe from
+/// any thread.
 TOVREN_EXPORT void wait_unless_stopped(double period_s, const StopTest& should_stop,
                                        std::optional<Deadline> deadline);
 
@@ -120,14 +121,14 @@ class TOVREN_EXPORT RetryLoop {
   /// Opens an attempt and grants its silence limit in seconds. Throws Stopped, DeadlineExceeded.
   double begin();
 
-  /// Notes a failed attempt. Throws Exhausted after the last one and DeadlineExceeded when the next
-  /// could not begin in time.
+  /// Notes a failed attempt. Throws Stopped, and Exhausted after the last one.
   void failed(const Retryable& failure);
 
-  /// Waits for the next attempt.
+  /// Waits for the next attempt. Throws Stopped, and DeadlineExceeded when `policy.wait` does.
   void wait();
 
  private:
+  void check_stop() const;
   [[nodiscard]] std::string text(std::string_view outcome) const;
 
   const RetryPolicy& _policy;
@@ -142,9 +143,10 @@ class TOVREN_EXPORT RetryLoop {
 /// Calls `attempt(timeout_s)` until it returns, at most `policy.attempts` times, and returns its
 /// value. `timeout_s` is the policy's, cut to what is left before the deadline.
 /// A Retryable of the attempt calls for another one after a wait of `backoff_s`, twice that, four
-/// times that and so on; no wait begins that would outlast the deadline.
-/// Throws Stopped, DeadlineExceeded and, when the last attempt has failed, Exhausted; anything else
-/// that the attempt, the stop test or the wait throws passes unchanged.
+/// times that and so on. The stop test is asked before each attempt and after each that failed.
+/// Throws Stopped, DeadlineExceeded (the deadline has passed before an attempt, or `policy.wait`
+/// says so) and, when the last attempt has failed, Exhausted; anything else that the attempt, the
+/// stop test or the wait throws passes unchanged.
 /// Runs on the calling thread; any number of loops may share one policy.
 template <class Attempt>
 std::invoke_result_t<Attempt&, double> retry(const RetryPolicy& policy, Attempt&& attempt,

@@ -25,8 +25,8 @@ namespace tovren_mapstead::engines::http {
 /// line or a body too large), and what the stop test throws.
 class TOVREN_EXPORT Response {
  public:
-  /// Sends `request` and waits for the head of its reply, whatever its status. `policy` and
-  /// `secrets` are borrowed for the life of this object. Throws like reading.
+  /// Sends `request` and waits for the head of its reply, whatever its status. `policy` is borrowed
+  /// for the life of this object. Throws like reading.
   Response(Transport& transport, Request request, double timeout_s, const RetryPolicy& policy,
            const Secrets& secrets);
 
@@ -42,19 +42,24 @@ class TOVREN_EXPORT Response {
   /// Status, content type and location. Lives as long as this object.
   [[nodiscard]] const Head& head() const noexcept;
 
+  /// What is kept out of the error texts of this reply. Lives as long as this object.
+  [[nodiscard]] const Secrets& secrets() const noexcept;
+
+  /// Bounds the reading by lines as a whole: once `timeout_s` seconds from now have passed,
+  /// `next_line` throws Retryable as soon as bytes come, whether they end a line or not. 0, NaN or
+  /// more than the clock can count: no limit.
+  void limit_lines(double timeout_s);
+
   /// The next line of the body without its end, or nothing at the end of the body. Blocks until the
-  /// line has arrived. LF, CRLF and a lone CR end a line, and so does the end of the body; a byte
-  /// order mark before the first line is passed over (the event-stream format).
+  /// line has arrived. LF, CRLF and a lone CR end a line, and so does the end of the body, which
+  /// takes the start of a UTF-8 character that it cuts off with it; a byte order mark before the
+  /// first line is passed over (the event-stream format).
   /// The line is valid until the next read. So are PADDING bytes after it, whatever they are, for a
   /// parser that reads in blocks.
   std::optional<std::string_view> next_line();
 
   /// Bytes that are readable after a line.
   static constexpr std::size_t PADDING = 64;
-
-  /// How often bytes have been waited for. Lines between which this stays the same have come at the
-  /// same moment.
-  [[nodiscard]] std::size_t reads() const noexcept;
 
   /// A reader for what comes, in memory that later replies use again.
   [[nodiscard]] JsonReader& reader();

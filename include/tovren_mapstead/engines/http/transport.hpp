@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/export.hpp"
@@ -39,16 +40,16 @@ struct Head {
 /// HttpFailure of it and removes the secrets from its text.
 class TOVREN_EXPORT TransportError : public std::runtime_error {
  public:
-  /// `transient`: the same request may get through when sent again. `status`: of a reply that stands
-  /// for a server's, such as a proxy's refusal; it is sorted like one, and `transient` does not count.
+  /// `transient`: the same request may get through when sent again. `status`: that of a proxy which
+  /// refused to pass the request on; it is sorted like a server's, whatever `transient` is.
   TransportError(const std::string& message, bool transient,
                  std::optional<int> status = std::nullopt)
-      : std::runtime_error(message), _transient(transient), _status(status) {}
+      : std::runtime_error(detail::without_nul(message)), _transient(transient), _status(status) {}
 
   /// Whether the same request may get through when sent again.
   [[nodiscard]] bool transient() const noexcept { return _transient; }
 
-  /// The HTTP status by which it is sorted; absent for any other failure.
+  /// The HTTP status with which a proxy refused; absent for any other failure.
   [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
 
  private:
@@ -83,6 +84,9 @@ class TOVREN_EXPORT Watch {
   /// host. What the stop test throws passes through.
   void check(std::string_view doing, std::string_view whom) const;
 
+  /// The same without the silence: throws Stopped and DeadlineExceeded only.
+  void check_call(std::string_view doing, std::string_view whom) const;
+
   /// The longest silence in seconds, as given or shortened.
   [[nodiscard]] double timeout_s() const noexcept { return _timeout_s; }
 
@@ -113,8 +117,8 @@ class TOVREN_EXPORT Exchange {
   /// Blocks until there is something to say. Throws what `Watch::check` throws, and TransportError.
   virtual bool read(std::string& into, Watch& watch) = 0;
 
-  /// Credentials that this exchange has besides those of its request, such as a proxy's: what may be
-  /// echoed and must not be shown.
+  /// Credentials that this exchange has besides those of its request, such as a proxy's: what may
+  /// be echoed and must not be shown.
   [[nodiscard]] virtual Secrets secrets() const { return {}; }
 
   /// A reader of JSON that is kept for the exchanges after this one, with the memory that it has;
@@ -148,8 +152,8 @@ struct TransportOptions {
 };
 
 /// A transport over libcurl, with a pool of connections of its own. It speaks http and https only,
-/// keeps connections alive for reuse and takes proxies from the usual environment variables, which are
-/// read when it is made.
+/// keeps connections alive for reuse and takes proxies from the usual environment variables, which
+/// are read when it is made.
 [[nodiscard]] TOVREN_EXPORT std::shared_ptr<Transport> make_transport(
     const TransportOptions& options = {});
 

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
+#include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::llm {
@@ -11,7 +13,9 @@ namespace tovren_mapstead::engines::llm {
 /// secret. Where one failure caused another, it is nested (`std::rethrow_if_nested`).
 class TOVREN_EXPORT LLMError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  /// `message` must hold no secret. NUL in it becomes U+FFFD.
+  explicit LLMError(const std::string& message)
+      : std::runtime_error(http::detail::without_nul(message)) {}
 };
 
 /// Raised when the call was asked to stop (`should_stop`) before it had an answer.

@@ -4,26 +4,36 @@
 
 #include <re2/re2.h>
 
+#include "engines/http/process.hpp"
 #include "engines/llm/reply/white_space.hpp"
 
 namespace tovren_mapstead::engines::llm {
 namespace {
 
-re2::RE2::Options byte_wise() {
+re2::RE2 make_code_span() {
   // An answer may hold anything; in UTF-8 mode spans beside bad bytes would be missed. All that the
   // pattern names is ASCII, so offsets in bytes are as good as offsets in characters.
   re2::RE2::Options options(re2::RE2::Latin1);
   options.set_dot_nl(true);
   options.set_log_errors(false);
-  return options;
+  const http::ForkGuard guard;  // RE2 begins with locks of its own that all patterns share
+  return re2::RE2("```.*?```|~~~.*?~~~|`[^`\\n]*`", options);
 }
 
-const re2::RE2 CODE_SPAN_RE("```.*?```|~~~.*?~~~|`[^`\\n]*`", byte_wise());
+// A pattern keeps what it has learnt of texts behind a lock, which another thread may hold during a
+// fork: a child takes a pattern of its own.
+constinit http::Once<re2::RE2> code_span;
+
+// When the library is loaded: there is memory then. A call before `main` may come first.
+[[maybe_unused]] const bool LOADED = (code_span.get(make_code_span), true);
 
 // The code spans of a text from left to right, found as far as they are asked for.
 class CodeSpans {
  public:
-  explicit CodeSpans(std::string_view text) : _text(text.data(), text.size()) { next(); }
+  explicit CodeSpans(std::string_view text)
+      : _pattern(code_span.get(make_code_span)), _text(text.data(), text.size()) {
+    next();
+  }
 
   // To be asked in ascending order.
   bool cover(std::size_t at) {
@@ -34,12 +44,13 @@ class CodeSpans {
  private:
   void next() {
     re2::StringPiece span;
-    _none = !CODE_SPAN_RE.Match(_text, _end, _text.size(), re2::RE2::UNANCHORED, &span, 1);
+    _none = !_pattern.Match(_text, _end, _text.size(), re2::RE2::UNANCHORED, &span, 1);
     if (_none) return;
     _begin = static_cast<std::size_t>(span.data() - _text.data());
     _end = _begin + span.size();
   }
 
+  const re2::RE2& _pattern;
   re2::StringPiece _text;
   std::size_t _begin = 0;
   std::size_t _end = 0;

@@ -4,17 +4,16 @@
 #include <optional>
 #include <utility>
 
+#include "engines/http/time_limit.hpp"
 #include "engines/llm/reply/scalar.hpp"
 #include "engines/llm/reply/token_count.hpp"
 #include "engines/llm/stream/result.hpp"
-#include "engines/llm/stream/time_limit.hpp"
 
 namespace tovren_mapstead::engines::llm {
 
 LLMResult _accumulate_sdk_stream(openai::ChunkStream& stream, const std::string& fallback_model,
-                                 double timeout_s,
-                                 const std::function<http::Clock::time_point()>& clock) {
-  const TimeLimit limit(timeout_s, clock);
+                                 double timeout_s) {
+  const http::TimeLimit limit(timeout_s);
   std::string parts;
   std::optional<std::string> finish_reason;
   std::string model = fallback_model;

@@ -12,7 +12,6 @@
 #include "engines/llm/reply/token_count.hpp"
 #include "engines/llm/reply/white_space.hpp"
 #include "engines/llm/stream/result.hpp"
-#include "engines/llm/stream/time_limit.hpp"
 
 namespace tovren_mapstead::engines::llm {
 namespace {
@@ -85,16 +84,12 @@ class Accumulator {
 }  // namespace
 
 LLMResult _parse_sse_stream(http::Response& response, const std::string& fallback_model,
-                            const StreamOptions& options) {
+                            double timeout_s) {
   constexpr std::string_view PREFIX = "data:";
-  const TimeLimit limit(options.timeout_s, options.clock);
-  Accumulator stream(fallback_model, options.secrets);
+  response.limit_lines(timeout_s);
+  Accumulator stream(fallback_model, response.secrets());
   http::JsonReader& reader = response.reader();
-  std::size_t reads = 0;
   for (const std::string_view raw : response) {
-    // Lines of one read have come together. Only a clock of the caller's could tell them apart.
-    if (options.clock || response.reads() != reads) limit.check();
-    reads = response.reads();
     const std::string_view line = trim(raw);
     if (!line.starts_with(PREFIX)) {
       require_utf8(raw);

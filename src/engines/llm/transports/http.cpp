@@ -96,9 +96,10 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
 
   const auto read = [&](http::Response& reply) {
     if (stream && http::content_type(reply).find("event-stream") != std::string::npos) {
-      return _parse_sse_stream(reply, _config.model, {.timeout_s = timeout_s, .secrets = secrets});
+      return _parse_sse_stream(reply, _config.model, timeout_s);
     }
-    return _parse_completion(http::read_json(reply, policy, secrets), _config.model, secrets);
+    return _parse_completion(http::read_json(reply, policy, reply.secrets()), _config.model,
+                             reply.secrets());
   };
   const auto drop_refused_token = [&](const http::Error& error) {
     if (_copilot_auth && error.status().value_or(0) == 401) _copilot_auth->drop_token(headers);

@@ -11,6 +11,7 @@
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/openai.hpp"
 
+#include "engines/http/process.hpp"
 #include "engines/llm/client/prompt.hpp"
 #include "engines/llm/reply/scalar.hpp"
 #include "engines/llm/reply/token_count.hpp"
@@ -40,6 +41,7 @@ Failure examined(const std::exception& error, const http::Secrets& secrets) {
 
 const openai::Library& loaded_library(const http::Secrets& secrets) {
   try {
+    const http::ForkGuard guard;  // as for the search for it
     return openai::load_library();
   } catch (const openai::LoadError& error) {
     throw LLMError(http::redact(error.what(), secrets));
