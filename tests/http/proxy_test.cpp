@@ -19,7 +19,7 @@ std::string ask(const Server& proxy, const char* scheme, const http::RetryPolicy
                                   .headers = {},
                                   .secrets = {},
                                   .transport = transport.get()};
-  const auto text = text_of<Error>([&] {
+  auto text = text_of<Error>([&] {
     http::send(scheme + std::string("://no.such.host.invalid/x"), options,
                [](http::Response& reply) { return reply.read_rest(1000); });
   });
