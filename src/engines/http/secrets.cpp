@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <charconv>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
+#include <optional>
 #include <utility>
 
 #include "engines/http/redaction.hpp"
@@ -17,10 +18,17 @@ namespace {
 
 // A server that quotes JSON inside JSON escapes twice, rarely three times. The bound keeps a
 // hostile text from asking for a level per character.
-constexpr int ESCAPE_LEVELS = 4;
+constexpr std::size_t ESCAPE_LEVELS = 4;
 
 // One is free of the secrets in practice; a secret that is part of them all is cut out.
 constexpr std::array<std::string_view, 3> MASKS{"***", "[redacted]", "#"};
+
+// A text that spells secrets anew however often they are cut out is made for that; none of it is
+// worth showing.
+constexpr int MOST_ROUNDS = 8;
+
+// How much of a text is searched at a time, in bytes.
+constexpr std::size_t WINDOW = std::size_t{128} << 10U;
 
 // Too short a secret in Base64 is to be met in any text.
 constexpr std::size_t LEAST_IN_BASE64 = 8;
@@ -48,7 +56,7 @@ std::string base64(std::string_view bytes, std::size_t before, std::string_view 
 Secrets with_base64(const Secrets& secrets) {
   Secrets all;
   for (const std::string& secret : secrets) {
-    if (secret.empty()) continue;
+    if (secret.empty() || std::ranges::find(all, secret) != all.end()) continue;
     all.push_back(secret);
     for (std::size_t before = 0; before < 3 && secret.size() >= LEAST_IN_BASE64; ++before) {
       for (const char* const specials : {"+/", "-_"}) {
@@ -60,23 +68,83 @@ Secrets with_base64(const Secrets& secrets) {
   return all;
 }
 
-// How servers spell what they echo: in JSON strings, and in URLs (RFC 3986, section 2.1).
-enum class Escapes { json, percent };
+// Finds a string in linear time, overlapping occurrences too (the search of Knuth, Morris and
+// Pratt, where memmem cannot tell).
+class Needle {
+ public:
+  explicit Needle(std::string text) : _text(std::move(text)), _borders(_text.size() + 1, 0) {
+    for (std::size_t n = 1; n < _text.size(); ++n) _borders[n + 1] = matched(_borders[n], _text[n]);
+  }
+
+  [[nodiscard]] std::size_t size() const noexcept { return _text.size(); }
+
+  // Where it occurs in `text`, in order, occurrences that touch joined; for a text that was cut,
+  // the start of it at the end, too.
+  [[nodiscard]] std::vector<Span> find_in(std::string_view text, Tail tail) const;
+
+ private:
+  // How many of its characters end a text in which `before` of them were followed by `next`.
+  [[nodiscard]] std::size_t matched(std::size_t before, char next) const {
+    while (before > 0 && (before == _text.size() || _text[before] != next)) {
+      before = _borders[before];
+    }
+    return before + (_text[before] == next ? 1 : 0);
+  }
+
+  std::string _text;
+  std::vector<std::size_t> _borders;  // of each start of it, the longest other start that ends it
+};
+
+std::vector<Span> Needle::find_in(std::string_view text, Tail tail) const {
+  // To begin a search costs as much as to look at so many characters.
+  constexpr std::size_t PATIENCE = 64;
+  std::vector<Span> found;
+  std::size_t at = 0;
+  while (const void* const first =
+             memmem(text.data() + at, text.size() - at, _text.data(), size())) {
+    at = static_cast<std::size_t>(static_cast<const char*>(first) - text.data());
+    std::size_t length = 0;
+    for (std::size_t idle = at + size(); at < std::min(idle, text.size()); ++at) {
+      length = matched(length, text[at]);
+      if (length < size()) continue;
+      const std::size_t end = at + 1;
+      if (found.empty() || found.back().end < end - size()) {
+        found.push_back({.begin = end - size(), .end = end});
+      }
+      found.back().end = end;
+      idle = end + std::max(size(), PATIENCE);
+    }
+    at -= length % size();
+  }
+  if (tail == Tail::whole) return found;
+  std::size_t length = 0;
+  for (const char c : text.substr(text.size() - std::min(text.size(), size() - 1))) {
+    length = matched(length, c);
+  }
+  if (length > SHOWN_START) found.push_back({.begin = text.size() - length, .end = text.size()});
+  return found;
+}
+
+// The value of a hexadecimal digit; 16 for any other character.
+constexpr std::uint32_t digit_of(char c) noexcept {
+  const char lower = c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c;
+  if (lower >= 'a' && lower <= 'f') return static_cast<std::uint32_t>(lower - 'a') + 10;
+  return c >= '0' && c <= '9' ? static_cast<std::uint32_t>(c - '0') : 16;
+}
 
 // The byte that the percent escape at the start of `text` stands for.
 Character read_percent(std::string_view text) noexcept {
-  constexpr std::size_t WIDTH = 3;
-  if (text.size() < WIDTH || text[0] != '%') return {};
-  std::uint32_t byte = 0;
-  const char* const end = text.data() + WIDTH;
-  if (std::from_chars(text.data() + 1, end, byte, 16).ptr != end) return {};
-  return {.code_point = byte, .width = WIDTH};
+  if (text.size() < 3) return {};
+  const std::uint32_t high = digit_of(text[1]);
+  const std::uint32_t low = digit_of(text[2]);
+  if (high > 15 || low > 15) return {};
+  return {.code_point = high * 16 + low, .width = 3};
 }
 
-// Whether `text`, which begins like an escape, may go on where it was cut.
-bool is_half(std::string_view text, Escapes escapes) noexcept {
+// Whether `text`, which begins with the sign of an escape, may go on where it was cut.
+bool is_half(std::string_view text) noexcept {
   constexpr std::string_view UNIT = "\\uXXXX";
-  if (escapes == Escapes::percent) return text.size() < 3;
+  if (text[0] == '%') return text.size() < 3;
   const std::string_view low =
       text.size() < UNIT.size() || !is_high_half(read_escape(text).code_point)
           ? text
@@ -84,21 +152,21 @@ bool is_half(std::string_view text, Escapes escapes) noexcept {
   return low.size() < UNIT.size() && low.substr(0, 2) == UNIT.substr(0, low.size()).substr(0, 2);
 }
 
-// A text with one level of escapes undone, and where its characters came from.
+// What follows a piece of text that is looked at.
+enum class Next { end, cut, more };
+
+// A text with one level of escapes undone, those of JSON strings and of URLs (RFC 3986, section
+// 2.1), and where its characters came from.
 class Unescaped {
  public:
-  Unescaped(std::string_view source, Escapes escapes, Tail tail);
+  // Reads another source, in the memory that it has. Returns whether that held escapes.
+  bool assign(std::string_view source, Next next);
 
   [[nodiscard]] const std::string& text() const noexcept { return _text; }
 
-  [[nodiscard]] bool changed() const noexcept { return !_jumps.empty(); }
-
-  // The piece of the source behind a piece of the text, escapes taken whole, and so is half of one
-  // at the end.
-  [[nodiscard]] Span source_of(Span span) const {
-    return {.begin = map(span.begin, false),
-            .end = span.end == _text.size() ? _source_size : map(span.end - 1, true)};
-  }
+  // Makes pieces of the text, which are in order, those of the source behind them. Escapes are
+  // taken whole, and so is half of one where the source was cut.
+  void map_to_source(std::vector<Span>& spans) const;
 
  private:
   // An escape: `width` bytes from `from` on in the source became those from `to` to `end`.
@@ -109,104 +177,171 @@ class Unescaped {
     std::size_t width;
   };
 
-  [[nodiscard]] std::size_t map(std::size_t at, bool past) const;
-
   std::string _text;
   std::vector<Jump> _jumps;
-  std::size_t _source_size;
+  std::size_t _source_end = 0;
 };
 
-Unescaped::Unescaped(std::string_view source, Escapes escapes, Tail tail)
-    : _source_size(source.size()) {
-  const bool json = escapes == Escapes::json;
-  const char sign = json ? '\\' : '%';
+bool Unescaped::assign(std::string_view source, Next next) {
+  _text.clear();
+  _jumps.clear();
+  _source_end = source.size();
   std::size_t copied = 0;
-  for (std::size_t at = source.find(sign); at != std::string_view::npos;
-       at = source.find(sign, at)) {
-    const std::string_view rest = source.substr(at);
-    const bool half = tail == Tail::cut && is_half(rest, escapes);
-    const auto [code_point, width] = half   ? Character{.width = rest.size()}
-                                     : json ? read_escape(rest)
-                                            : read_percent(rest);
-    if (width == 0) {
-      ++at;
-      continue;
-    }
-    _text.append(source, copied, at - copied);
+  for (std::size_t at = 0;; ++at) {
+    const auto* const sign = std::find_if(source.begin() + at, source.end(),
+                                          [](char c) { return c == '\\' || c == '%'; });
+    if (sign == source.end()) break;
+    at = static_cast<std::size_t>(sign - source.begin());
+    const std::string_view rest(sign, source.end());
+    const bool half = next != Next::end && is_half(rest);
+    const auto [code_point, width] = half           ? Character{.width = rest.size()}
+                                     : *sign == '%' ? read_percent(rest)
+                                                    : read_escape(rest);
+    if (width == 0) continue;
+    _text.append(source.substr(copied, at - copied));
     const std::size_t to = _text.size();
-    if (json && !half) append_utf8(_text, code_point);
-    if (!json && !half) _text += static_cast<char>(code_point);
+    if (half) {
+      if (next == Next::more) _source_end = at;
+    } else if (*sign == '%' || code_point < 0x80) {
+      _text += static_cast<char>(code_point);
+    } else {
+      append_utf8(_text, code_point);
+    }
     _jumps.push_back({.to = to, .end = _text.size(), .from = at, .width = width});
-    at += width;
-    copied = at;
+    copied = at + width;
+    at = copied - 1;
   }
   _text.append(source.substr(copied));
+  return !_jumps.empty();
 }
 
-std::size_t Unescaped::map(std::size_t at, bool past) const {
-  const auto after = std::ranges::upper_bound(_jumps, at, {}, &Jump::to);
-  if (after == _jumps.begin()) return at + (past ? 1 : 0);
-  const Jump& jump = *std::prev(after);
-  if (at < jump.end) return jump.from + (past ? jump.width : 0);
-  return jump.from + jump.width + (at - jump.end) + (past ? 1 : 0);
-}
-
-void find_all(std::string_view text, const Secrets& secrets, Tail tail, std::vector<Span>& found) {
-  for (const std::string& secret : secrets) {
-    if (secret.empty()) continue;
-    // From the next character on, not from the end of the match: occurrences overlap.
-    for (std::size_t at = text.find(secret); at != std::string_view::npos;
-         at = text.find(secret, at + 1)) {
-      found.push_back({.begin = at, .end = at + secret.size()});
-    }
-    if (tail == Tail::whole) continue;
-    const std::string_view start = secret;
-    for (std::size_t n = std::min(start.size() - 1, text.size()); n > SHOWN_START; --n) {
-      if (!text.ends_with(start.substr(0, n))) continue;
-      found.push_back({.begin = text.size() - n, .end = text.size()});
-      break;
-    }
+void Unescaped::map_to_source(std::vector<Span>& spans) const {
+  auto after = _jumps.begin();
+  const auto map = [&](std::size_t at, bool past) {
+    while (after != _jumps.end() && after->to <= at) ++after;
+    if (after == _jumps.begin()) return at + (past ? 1 : 0);
+    const Jump& jump = *std::prev(after);
+    if (at < jump.end) return jump.from + (past ? jump.width : 0);
+    return jump.from + jump.width + (at - jump.end) + (past ? 1 : 0);
+  };
+  for (Span& span : spans) {
+    span.begin = map(span.begin, false);
+    span.end = span.end == _text.size() ? _source_end : map(span.end - 1, true);
   }
 }
 
-// As `find_all`, but in up to so many levels of escaping, too, whichever they are.
-void find_spelt(std::string_view text, const Secrets& secrets, Tail tail, int levels,
-                std::vector<Span>& found) {
-  find_all(text, secrets, tail, found);
-  if (levels == 0) return;
-  for (const Escapes escapes : {Escapes::json, Escapes::percent}) {
-    const Unescaped next(text, escapes, tail);
-    if (!next.changed()) continue;
-    std::vector<Span> deeper;
-    find_spelt(next.text(), secrets, tail, levels - 1, deeper);
-    for (const Span& span : deeper) found.push_back(next.source_of(span));
+// What a search looks for, and how deep.
+struct Needles {
+  explicit Needles(const Secrets& secrets);
+
+  std::vector<Needle> plain;
+  std::vector<Needle> unescaped;  // those that hold escapes, these undone
+  std::size_t levels = 0;
+  std::size_t longest = 0;
+};
+
+// Undoing escapes undoes those that a secret holds, too, at the latest after as many levels more.
+Needles::Needles(const Secrets& secrets) {
+  constexpr std::size_t LEAST = 3;  // what is shorter is to be met in any text
+  Unescaped less;
+  for (const std::string& secret : with_base64(secrets)) {
+    std::string bare = secret;
+    std::size_t level = 0;
+    for (; level < ESCAPE_LEVELS; ++level) {
+      if (!less.assign(bare, Next::end)) break;
+      bare = less.text();
+    }
+    if (bare.size() < LEAST) level = 0;
+    if (level > 0) unescaped.emplace_back(std::move(bare));
+    levels = std::max(levels, ESCAPE_LEVELS + level);
+    plain.emplace_back(secret);
+    longest = std::max(longest, secret.size());
   }
 }
 
-// Every piece of `text` that spells a secret, in order, those that touch joined.
-std::vector<Span> occurrences(std::string_view text, const Secrets& secrets, Tail tail) {
-  std::vector<Span> found;
-  find_spelt(text, secrets, tail, ESCAPE_LEVELS, found);
-  std::ranges::sort(found, {}, &Span::begin);
-  std::vector<Span> joined;
-  for (const Span& span : found) {
-    if (!joined.empty() && span.begin <= joined.back().end) {
-      joined.back().end = std::max(joined.back().end, span.end);
+// Adds `more` to `spans`, both in order, and joins those that touch.
+void add(std::vector<Span>& spans, const std::vector<Span>& more) {
+  if (more.empty()) return;
+  const auto before = static_cast<std::ptrdiff_t>(spans.size());
+  spans.insert(spans.end(), more.begin(), more.end());
+  std::ranges::inplace_merge(spans, spans.begin() + before, {}, &Span::begin);
+  auto last = spans.begin();
+  for (const Span& span : spans) {
+    if (span.begin <= last->end) {
+      last->end = std::max(last->end, span.end);
     } else {
-      joined.push_back(span);
+      *++last = span;
     }
   }
-  return joined;
+  spans.erase(std::next(last), spans.end());
 }
 
-std::string masked(std::string_view text, const std::vector<Span>& spans, std::string_view mask) {
+// What is found in a part of a text.
+struct Found {
+  std::vector<Span> spans;
+  std::size_t settled;  // nothing that begins before is still to be found
+};
+
+// Undoes the escapes of `part` level by level in `levels` and searches each.
+Found search(std::string_view part, const Needles& needles, Next next,
+             std::vector<Unescaped>& levels) {
+  const auto text = [&](std::size_t level) {
+    return level == 0 ? part : std::string_view(levels[level - 1].text());
+  };
+  std::size_t level = 0;
+  while (level < levels.size() && levels[level].assign(text(level), next)) ++level;
+  // What begins so far from the end of the last level ends inside it, and of the others as well,
+  // since they are longer.
+  const std::size_t least = text(level).size();
+  std::vector<Span> settled{{.begin = least - std::min(least, needles.longest), .end = least}};
+  std::vector<Span> spans;
+  const Tail tail = next == Next::cut ? Tail::cut : Tail::whole;
+  for (;; --level) {
+    for (const Needle& needle : needles.plain) add(spans, needle.find_in(text(level), tail));
+    if (level == 0) break;
+    for (const Needle& needle : needles.unescaped) add(spans, needle.find_in(text(level), tail));
+    levels[level - 1].map_to_source(spans);
+    levels[level - 1].map_to_source(settled);
+  }
+  return {.spans = std::move(spans), .settled = least > needles.longest ? settled[0].begin : 0};
+}
+
+// `text` with a mask in place of every piece of it that spells a secret; nothing when there is
+// none. The tables of a search are several times as large as what is searched, so that is one
+// window after the other. The next begins where no level has an escape that began before, and goes
+// back far enough that what the end of a window cuts is whole in the next.
+std::optional<std::string> masked(std::string_view text, const Needles& needles, Tail tail,
+                                  std::string_view mask) {
   std::string out;
   std::size_t copied = 0;
-  for (const Span& span : spans) {
-    out.append(text, copied, span.begin - copied).append(mask);
-    copied = span.end;
+  bool any = false;
+  std::vector<Span> spans;
+  std::vector<Unescaped> levels(needles.levels);
+  std::size_t window = WINDOW;
+  for (std::size_t begin = 0; begin < text.size();) {
+    const bool last = text.size() - begin <= window;
+    const Next next = !last ? Next::more : tail == Tail::cut ? Next::cut : Next::end;
+    Found found = search(text.substr(begin, window), needles, next, levels);
+    if (!last && found.settled < window / 2) {
+      window *= 2;
+      continue;
+    }
+    for (Span& span : found.spans) span = {.begin = span.begin + begin, .end = span.end + begin};
+    add(spans, found.spans);
+    begin = last ? text.size() : begin + found.settled;
+    window = WINDOW;
+    // What the next window may still make longer stays.
+    auto open = spans.begin();
+    for (; open != spans.end() && (last || open->end < begin); ++open) {
+      if (!any) out.reserve(text.size());
+      any = true;
+      out.append(text, copied, open->begin - copied).append(mask);
+      copied = open->end;
+    }
+    spans.erase(spans.begin(), open);
   }
-  return out.append(text.substr(copied));
+  if (!any) return std::nullopt;
+  return std::move(out.append(text.substr(copied)));
 }
 
 bool is_credential(std::string_view name) {
@@ -237,20 +372,20 @@ void add_cookies(Secrets& secrets, std::string_view cookies) {
 }  // namespace
 
 std::string redact(std::string_view text, const Secrets& plain, Tail tail) {
-  const Secrets secrets = with_base64(plain);
-  const std::vector<Span> spans = occurrences(text, secrets, tail);
-  if (spans.empty()) return std::string(text);
-  std::string out;
+  const Needles needles(plain);
   for (const std::string_view mask : MASKS) {
-    out = masked(text, spans, mask);
-    if (occurrences(out, secrets, tail).empty()) return out;
+    std::optional<std::string> out = masked(text, needles, tail, mask);
+    if (!out) return std::string(text);
+    if (!masked(*out, needles, tail, "")) return *std::move(out);
   }
   // What was apart may spell a secret once it meets, so cut until nothing is left to cut.
-  out = text;
-  for (std::vector<Span> rest = spans; !rest.empty(); rest = occurrences(out, secrets, tail)) {
-    out = masked(out, rest, "");
+  std::string out(text);
+  for (int round = 0; round < MOST_ROUNDS; ++round) {
+    std::optional<std::string> less = masked(out, needles, tail, "");
+    if (!less) return out;
+    out = *std::move(less);
   }
-  return out;
+  return {};
 }
 
 std::string redact(std::string_view text, const Secrets& secrets) {
