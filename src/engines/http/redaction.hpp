@@ -9,11 +9,6 @@
 
 namespace tovren_mapstead::engines::http {
 
-struct Span {
-  std::size_t begin;
-  std::size_t end;
-};
-
 /// So much of a secret's start may show where a text was cut: it gives nothing away.
 inline constexpr std::size_t SHOWN_START = 4;
 
