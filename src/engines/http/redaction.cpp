@@ -115,7 +115,7 @@ std::vector<Span> Needle::find_in(std::string_view text, Tail tail) const {
     }
     at -= length % size();  // an occurrence may have begun here
   }
-  if (tail == Tail::whole) return found;
+  if (tail != Tail::cut) return found;
   std::size_t length = 0;
   for (const char c : text.substr(text.size() - std::min(text.size(), size() - 1))) {
     length = matched(length, c);
@@ -143,7 +143,7 @@ Needles::Needles(const Secrets& secrets) {
     std::string bare = secret;
     std::size_t level = 0;
     for (; level < ESCAPE_LEVELS; ++level) {
-      if (!less.assign(bare, Next::end)) break;
+      if (!less.assign(bare, Tail::whole)) break;
       bare = less.text();
     }
     if (bare.size() < LEAST) level = 0;
@@ -178,19 +178,18 @@ struct Found {
 };
 
 // Undoes the escapes of `part` level by level in `levels` and searches each level.
-Found search(std::string_view part, const Needles& needles, Next next,
+Found search(std::string_view part, const Needles& needles, Tail tail,
              std::vector<Unescaped>& levels) {
   const auto text = [&](std::size_t level) {
     return level == 0 ? part : std::string_view(levels[level - 1].text());
   };
   std::size_t level = 0;
-  while (level < levels.size() && levels[level].assign(text(level), next)) ++level;
+  while (level < levels.size() && levels[level].assign(text(level), tail)) ++level;
   // What begins so far from the end of the last level ends inside it. So it does in the levels
   // before: undoing escapes shortens.
   const std::size_t least = text(level).size();
   std::vector<Span> settled{{.begin = least - std::min(least, needles.longest), .end = least}};
   std::vector<Span> spans;
-  const Tail tail = next == Next::cut ? Tail::cut : Tail::whole;
   for (;; --level) {
     for (const Needle& needle : needles.plain) add(spans, needle.find_in(text(level), tail));
     if (level == 0) break;
@@ -215,8 +214,7 @@ std::optional<std::string> masked(std::string_view text, const Needles& needles,
   std::size_t window = WINDOW;
   for (std::size_t begin = 0; begin < text.size();) {
     const bool last = text.size() - begin <= window;
-    const Next next = !last ? Next::more : tail == Tail::cut ? Next::cut : Next::end;
-    Found found = search(text.substr(begin, window), needles, next, levels);
+    Found found = search(text.substr(begin, window), needles, last ? tail : Tail::more, levels);
     if (!last && found.settled < window / 2) {
       window *= 2;
       continue;

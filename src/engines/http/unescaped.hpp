@@ -14,14 +14,14 @@ struct Span {
   std::size_t end;
 };
 
-/// What follows a piece of a text: nothing, what was cut off and is lost, or another piece.
-enum class Next { end, cut, more };
+/// What follows a text: nothing; something unknown, which was cut off; or more, which is read next.
+enum class Tail { whole, cut, more };
 
 /// A text with one level of escapes undone, of both kinds at once.
 class Unescaped {
  public:
   /// Reads another source, in the memory that this has. Returns whether it held escapes.
-  bool assign(std::string_view source, Next next);
+  bool assign(std::string_view source, Tail tail);
 
   [[nodiscard]] const std::string& text() const noexcept { return _text; }
 
