@@ -1,3 +1,5 @@
+#include <bit>
+
 #include "engines/http/quote.hpp"
 #include "support.hpp"
 
@@ -11,6 +13,7 @@ TEST(Redact, MasksEverySpelling) {
       // what, the text, the secrets, the result
       {"one inside another", "xabcdx", {"bc", "abcd"}, "x***x"},
       {"overlapping ones", "xabcdx", {"abc", "bcd"}, "x***x"},
+      {"overlapping itself", "aabaaabaabaa-aaba", {"aabaa"}, "***-aaba"},
       {"part of the mask", "a*b", {"*"}, "a[redacted]b"},
       {"part of every mask", "a*#eb", {"*", "e", "#"}, "ab"},
       {"joined around the mask", "aKEYb", {"KEY", "a***b"}, "a[redacted]b"},
@@ -18,9 +21,51 @@ TEST(Redact, MasksEverySpelling) {
       {"escaped slash", R"({"m":"a\/b"})", {"a/b"}, R"({"m":"***"})"},
       {"escaped pair", R"(\ud83d\ude00)", {"\U0001F600"}, "***"},
       {"in a URL, escaped twice, in JSON", "k%2F1 k%252f1 k%5C%2F1", {"k/1"}, "*** *** ***"},
+      {"holding an escape itself", R"(a\/%41 a\/%2541 %61/%2541)", {"a/%41"}, "*** *** ***"},
+      {"cut out again and again", "*******########", {"*", "#", "e", "sk"}, ""},
       {"no escape", R"(\x \u12 k1 %2g \)", {"k1"}, R"(\x \u12 *** %2g \)"},
   };
   for (const auto& [what, text, secrets, result] : cases) EXPECT_EQ(redact(text, secrets), result) << what;
+}
+
+// A long text is searched in windows of 128 KiB: the border is at no special place.
+TEST(Redact, FindsWhatStandsWhereWindowsMeet) {
+  constexpr std::size_t WINDOW = 128U << 10U;
+  std::string key = "k/1", token;
+  while (token.size() < 4096) token += "t/" + std::to_string(token.size());
+  std::string token_in_json;
+  for (const char c : token) {
+    std::array<char, 3> code{};
+    std::snprintf(code.data(), code.size(), "%02x", static_cast<unsigned char>(c));
+    token_in_json.append(R"(\u005c\u0075\u0030\u0030\u0032\u0035)").append(code.data());
+  }
+  const std::tuple<const char*, std::string, std::size_t> cases[] = {
+      // what, a spelling, the bytes between the places where it is put
+      {"plain", "k/1", 1},
+      {"in JSON", R"(\u006b\/\u0031)", 1},
+      {"in JSON, twice", R"(\u005cu006b\\\/1)", 1},
+      {"in a URL, twice", "%256b%252F%2531", 1},
+      {"in JSON in a URL", "%5Cu006b%5C%2F1", 1},
+      {"a long one", token, 211},
+      {"a long one, longer than a window", token_in_json, 5501}};
+  for (const auto& [what, spelt, step] : cases) {
+    const std::size_t first = WINDOW - std::min(spelt.size(), WINDOW / 2) - 9;
+    for (std::size_t at = first; at < WINDOW + 9; at += step) {
+      // Escapes of other characters beside it, so that each level of the text is a text of its own.
+      const std::string before(at - 8, 'x'), after = "%25" + std::string(WINDOW / 2, 'y');
+      const std::string masked = redact(before + R"(%255C\\ )" + spelt + after, {key, token});
+      ASSERT_EQ(masked, before + R"(%255C\\ ***)" + after) << what << " at " << at;
+    }
+  }
+  // Of n backslashes before a "u", 2^j make one once they have been undone j times; it is the
+  // beginning of an escape where their number is odd then, and four levels are looked at.
+  for (std::size_t n = WINDOW - 40; n < WINDOW + 40; ++n) {
+    const std::string text = std::string(n, '\\') + "u006b/1";
+    const int j = std::countr_zero(n);
+    const std::string rest(j < 4 ? n - (std::size_t{1} << j) : n, '\\');
+    ASSERT_EQ(redact(text, {key}), rest + (j < 4 ? "***" : "u006b/1")) << n;
+  }
+  EXPECT_EQ(redact(std::string(3 * WINDOW, 'a'), {"aaaa"}), "***");
 }
 
 TEST(Quote, IsOneCleanLineOfSoManyCharacters) {
@@ -29,6 +74,15 @@ TEST(Quote, IsOneCleanLineOfSoManyCharacters) {
   EXPECT_EQ(http::quote("äöüß", {}, 3), "äöü");
   EXPECT_EQ(http::quote("KEY\nONE", {"KEY ONE"}, 99), "***");
   for (const char* const cut : {"abcd/", "abcd\\/", "abcd%2F%2", "abcd%252f%25", "abcd/\\u00"}) EXPECT_EQ(http::quote(cut, {"abcd/-"}, 99), "***") << cut;
+  // Of a long text only the start is looked at. What it cuts shows no more than four characters.
+  for (const char* const spelt : {"abcd/-", "abcd\\/-", "abcd%2F%2d", "abcd%252F-"}) {
+    for (std::size_t at = http::QUOTED_BYTES - 12; at < http::QUOTED_BYTES; ++at) {
+      const std::string text = std::string(at, ' ') + spelt + std::string(99, 'x');
+      const std::string quoted = http::quote(text, {"abcd/-"}, 99);
+      const std::string start = quoted.substr(0, quoted.find_first_of("\\%"));
+      EXPECT_TRUE(quoted.starts_with("***") || std::string("abcd").starts_with(start)) << quoted;
+    }
+  }
 }
 
 TEST(SecretsOf, KnowsWhereCredentialsStand) {

@@ -1,5 +1,7 @@
 // Calls and the process around them: signals, children, memory. Runs alone, since it counts what is allocated.
 #include <csignal>
+#include <ctime>
+#include <fstream>
 
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -147,6 +149,67 @@ TEST(Process, HoldsBackWhateverIsSent) {
     EXPECT_TRUE(contains(text, told) && text.size() < 2000) << text;
     EXPECT_LE(mib, most_mib);
     std::printf("%s: %zu MiB\n", what, mib);
+  }
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+// The most memory of the process that was resident since `forget_resident_peak`, in MB.
+long resident_peak_mb() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) return std::stol(line.substr(6)) * 1024 / 1'000'000;
+  }
+  return 0;
+}
+
+void forget_resident_peak() {
+  std::ofstream("/proc/self/clear_refs") << "5";
+}
+
+TEST(Process, TellsWithinTimeAndMemoryWhatAHugeReplySays) {
+  constexpr std::size_t MEBIBYTE = 1U << 20U;
+  const std::string key = "sk-Huge+Key/123", half(key, 0, key.size() - 1);
+  const std::tuple<const char*, std::string, const char*, const char*> cases[] = {
+      // what is repeated, and after what; the error
+      {"backslashes", R"(\\)", R"({"error":")", "missing 'choices'"},
+      {"backslashes of an object", R"(\\)", R"({"x":")", "missing 'choices'"},
+      {"escaped percent signs", "%25", R"({"x":")", "missing 'choices'"},
+      {"what is no escape but once", std::string(4000, '%') + "%2525252541", R"({"x":")",
+       "missing 'choices'"},
+      {"the key", key + " ", R"({"x":")", "missing 'choices'"},
+      {"most of the key", half + "%2525252541", R"({"x":")", "missing 'choices'"},
+      {"what is quoted", "%25", R"({"choices":5,"x":")", "malformed"}};
+  for (const auto& [what, unit, start, told] : cases) {
+    std::string mebibyte;
+    while (mebibyte.size() < MEBIBYTE) mebibyte += unit;
+    const auto serve = [&, &start = start](Exchange& exchange) {
+      const std::size_t size = strlen(start) + 60 * mebibyte.size() + 2;
+      exchange.send(faults::JSON + "Content-Length: " + std::to_string(size) + "\r\n\r\n" + start);
+      for (int i = 0; i < 60; ++i) exchange.send(mebibyte);
+      exchange.send("\"}");
+    };
+    Server server(serve);
+    const LLMClient client({.base_url = server.url(), .model = "m", .api_key = key});
+    forget_resident_peak();
+    const std::clock_t begin = std::clock();
+    std::string text;
+    try {
+      std::ignore = client.chat(HELLO);
+    } catch (const llm::LLMError& error) {
+      text.assign(error.what(), 100);
+      EXPECT_EQ(std::string_view(error.what()).find(key), std::string_view::npos) << what;
+    }
+    const double cpu_s = static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
+    const long mb = resident_peak_mb();
+    EXPECT_TRUE(contains(text, told)) << what << text;
+    EXPECT_LT(cpu_s, SANITIZED ? 60 : 5) << what;
+    EXPECT_TRUE(SANITIZED || mb < 400) << what;
+    std::printf("%s: %.1f s, %ld MB\n", what, cpu_s, mb);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "engines/http/quote.hpp"
 
+#include <algorithm>
 #include <cstddef>
 
 #include "engines/http/redaction.hpp"
@@ -40,7 +41,10 @@ std::string cut(std::string text, std::size_t max_chars) {
 }  // namespace
 
 std::string quote(std::string_view text, const Secrets& secrets, std::size_t max_chars) {
-  const std::string clean = redact(text, secrets, Tail::cut);
+  // Four bytes at most make a character; as many again are room for what cleaning takes away.
+  const std::size_t bytes = 8 * std::min(max_chars, text.size());
+  const std::string clean =
+      redact(text.substr(0, std::max(QUOTED_BYTES, bytes)), secrets, Tail::cut);
   // Joining lines can bring the pieces of a secret together.
   return cut(redact(one_line(clean), secrets, Tail::cut), max_chars);
 }

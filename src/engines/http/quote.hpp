@@ -16,7 +16,8 @@ inline constexpr std::size_t QUOTED_BYTES = std::size_t{64} << 10U;
 
 /// At most `max_chars` characters of the start of `text`, on one line, in valid UTF-8, without
 /// control characters and without secrets. `text` may have been cut anywhere: what may be the start
-/// of a secret at its end goes, too.
+/// of a secret at its end goes, too. Reads QUOTED_BYTES of it, or eight bytes for each character if
+/// that is more, however long it is.
 [[nodiscard]] TOVREN_EXPORT std::string quote(std::string_view text, const Secrets& secrets,
                                               std::size_t max_chars);
 

@@ -7,18 +7,12 @@
 
 #include "tovren_mapstead/engines/http/secrets.hpp"
 
-namespace tovren_mapstead::engines::http {
+#include "engines/http/unescaped.hpp"
 
-struct Span {
-  std::size_t begin;
-  std::size_t end;
-};
+namespace tovren_mapstead::engines::http {
 
 /// So much of a secret's start may show where a text was cut: it gives nothing away.
 inline constexpr std::size_t SHOWN_START = 4;
-
-/// Whether the end of a text is its own, or may be a cut through a secret.
-enum class Tail { whole, cut };
 
 /// As the public `redact`; for a text that was cut, a longer start of a secret at its end goes,
 /// too.

@@ -24,6 +24,28 @@ Character read_unit(std::string_view text) noexcept {
   return {.code_point = unit, .width = WIDTH};
 }
 
+// What a backslash and `letter` stand for; NUL when that is no escape.
+constexpr char meaning_of(char letter) {
+  switch (letter) {
+    case '"':
+    case '\\':
+    case '/':
+      return letter;
+    case 'b':
+      return '\b';
+    case 'f':
+      return '\f';
+    case 'n':
+      return '\n';
+    case 'r':
+      return '\r';
+    case 't':
+      return '\t';
+    default:
+      return '\0';
+  }
+}
+
 constexpr char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -78,12 +100,9 @@ Character read_utf8(std::string_view text) noexcept {
 }
 
 Character read_escape(std::string_view text) noexcept {
-  constexpr std::string_view LETTERS = "\"\\/bfnrt";
-  constexpr std::string_view MEANINGS = "\"\\/\b\f\n\r\t";
   if (text.size() < 2 || text[0] != '\\') return {};
-  const std::size_t letter = LETTERS.find(text[1]);
-  if (letter != std::string_view::npos) {
-    return {.code_point = as_byte(MEANINGS[letter]), .width = 2};
+  if (const char meaning = meaning_of(text[1]); meaning != '\0') {
+    return {.code_point = as_byte(meaning), .width = 2};
   }
   const Character first = read_unit(text);
   if (first.width == 0 || !is_high_half(first.code_point)) return first;

@@ -39,7 +39,9 @@ LLMResult _parse_completion(const JsonValue& payload, const std::string& fallbac
       payload.members<4>({"choices", "model", "usage", "error"});
   const JsonValue& told = error.empty() ? payload : error;
   if (choices.empty()) {
-    throw LLMError("LLM response missing 'choices': " + http::redact(told.text(), secrets));
+    // The text may be as large as the reply: what it was made from is gone before it is copied.
+    const std::string detail = http::redact(told.text(), secrets);
+    throw LLMError("LLM response missing 'choices': " + detail);
   }
   const Refusal refuse(told, secrets);
   if (choices.kind() != Kind::array) refuse("'choices' is not an array");
