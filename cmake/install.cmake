@@ -7,11 +7,11 @@ set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tovren_mapstead)
 foreach(component IN ITEMS http llm openai)
   install(TARGETS tovren_${component} EXPORT tovren_mapstead_${component}
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
-    ARCHIVE COMPONENT development)
+    ARCHIVE COMPONENT development
+    FILE_SET HEADERS COMPONENT development)
   install(EXPORT tovren_mapstead_${component} FILE tovren_mapstead-${component}.cmake
     NAMESPACE tovren_mapstead:: DESTINATION ${config_dir} COMPONENT development)
 endforeach()
-install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
 configure_package_config_file(cmake/tovren_mapstead-config.cmake.in
   tovren_mapstead-config.cmake INSTALL_DESTINATION ${config_dir})

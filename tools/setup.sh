@@ -1,10 +1,19 @@
-# Shared by the commands of this repository: installs what a Debian 12 machine lacks. To be sourced.
+# Shared by the commands of this repository: installs what a Debian machine lacks. To be sourced.
 # shellcheck shell=bash
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev nlohmann-json3-dev
-  libsimdjson-dev libre2-dev libspdlog-dev libssl-dev libgtest-dev libbenchmark-dev ca-certificates dpkg-dev file)
+  libsimdjson-dev libre2-dev libspdlog-dev libssl-dev libgtest-dev libbenchmark-dev ca-certificates
+  dpkg-dev file)
+
+# say TEXT: a step that may take a while, on stderr: stdout belongs to the command.
+say() { printf '%s\n' "$*" >&2; }
+
+# as_root COMMAND...: by sudo where the user is another.
+as_root() {
+  if [[ $(id -u) == 0 ]]; then "$@"; else sudo "$@"; fi
+}
 
 # need PACKAGE...: installs those that are missing; all its output goes to stderr.
 need() {
@@ -14,12 +23,15 @@ need() {
       missing+=("$package")
   done
   ((${#missing[@]})) || return 0
-  local as_root=()
-  [[ $(id -u) == 0 ]] || as_root=(sudo)
-  echo "installing ${missing[*]}" >&2
-  export DEBIAN_FRONTEND=noninteractive
-  "${as_root[@]}" apt-get update -q >&2
-  "${as_root[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}" >&2
+  if [[ $(id -u) != 0 ]] && ! command -v sudo >/dev/null; then
+    say "missing packages: ${missing[*]}"
+    say "install them as root, since there is no sudo here: apt-get install ${missing[*]}"
+    exit 1
+  fi
+  say "installing ${missing[*]}"
+  as_root apt-get update -q >&2
+  as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -q --no-install-recommends "${missing[@]}" >&2
 }
 
 # build PRESET [TARGET...]: configures and builds; prints to stderr, and what went well only briefly.

@@ -8,7 +8,7 @@
 #include "tovren_mapstead/engines/copilot.hpp"
 #include "tovren_mapstead/engines/llm/client.hpp"
 
-#include "engines/llm/client/quoted.hpp"
+#include "engines/llm/client/literal.hpp"
 #include "engines/llm/tunables.hpp"
 
 namespace tovren_mapstead::engines::llm {
@@ -27,7 +27,7 @@ LLMConfig checked(LLMConfig config) {
   const std::string_view url = config.base_url;
   if (!url.empty() && !url.starts_with("http://") && !url.starts_with("https://")) {
     throw std::invalid_argument("base_url must start with http:// or https://, got: " +
-                                quoted(http::redact(url, secrets_in(config))));
+                                as_literal(http::redact(url, secrets_in(config))));
   }
   return config;
 }

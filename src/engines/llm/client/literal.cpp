@@ -1,4 +1,4 @@
-#include "engines/llm/client/quoted.hpp"
+#include "engines/llm/client/literal.hpp"
 
 #include <algorithm>
 #include <array>
@@ -36,7 +36,7 @@ std::string escaped(std::uint32_t code_point) {
 
 }  // namespace
 
-std::string quoted(std::string_view text) {
+std::string as_literal(std::string_view text) {
   const bool doubled =
       text.find('\'') != std::string_view::npos && text.find('"') == std::string_view::npos;
   const char quote = doubled ? '"' : '\'';
