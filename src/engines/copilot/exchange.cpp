@@ -29,8 +29,8 @@ constexpr const char* API_VERSION = "2025-04-01";
 
 constexpr std::size_t MAX_REPLY_BYTES = std::size_t{1} << 20U;
 
-// Of a refusal, for what tells a limit of the rate from a verdict. GitHub says it at the beginning.
-constexpr int LOOKED_AT_CHARS = 2000;
+// How much of a refusal is searched for the words of a rate limit; GitHub begins with them.
+constexpr int SEARCHED_CHARS = 2000;
 
 // The text of a transient failure, told apart from those of the chat endpoint.
 std::string at_endpoint(const std::string& text) {
@@ -63,16 +63,16 @@ struct Refusal {
 
 constexpr http::StatusSet TRANSIENT{408, 409, 429, 500, 502, 503, 504};
 
-// GitHub's limits are told by a 403 as well as by a 429, apart only in the text that comes along
-// (its REST API's documentation, "Rate limits").
+// GitHub reports a rate limit with 429 or with 403, and only the text of the reply tells the latter
+// from a refusal (GitHub's REST API documentation, "Rate limits").
 bool is_rate_limit(int status, std::string_view body) {
   return status == 429 ||
          (status == 403 && http::lower_case(body).find("rate limit") != std::string::npos);
 }
 
-// Sorts the endpoint's refusals. No text quotes the reply: any may hold a token, which is no known
-// secret yet.
-Refusal sort(const http::HttpFailure& failure) {
+// Returns a refusal of the credential; throws CopilotError or http::Retryable for other failures.
+// No text quotes the reply: any may hold a token, which is no known secret yet.
+Refusal refusal_in(const http::HttpFailure& failure) {
   const std::string unfetched = "The Copilot token could not be fetched: ";
   if (!failure.status()) throw CopilotError(unfetched + failure.what());
   const int status = *failure.status();
@@ -127,17 +127,15 @@ Token token_in(const http::JsonValue& reply, double unix_now_s) {
 
 std::variant<Token, Refusal> exchange(const std::string& credential, const AuthOptions& options,
                                       const CallBounds& bounds, const http::Secrets& secrets) {
-  // It would end the header, and the turn of those after it.
+  // The engine would refuse to send it, and those after it would not get their turn.
   if (!printable(credential)) {
-    return Refusal{
-        "The stored GitHub credential holds a blank or a control character; store it "
-        "anew."};
+    return Refusal{"The stored GitHub credential holds a blank or a control character; renew it."};
   }
   http::Headers headers = editor_headers();
   headers["Authorization"] = "token " + credential;
   headers["Accept"] = "application/json";
   const http::RetryPolicy policy{.timeout_s = bounds.timeout_s,
-                                 .detail_chars = LOOKED_AT_CHARS,
+                                 .detail_chars = SEARCHED_CHARS,
                                  .should_stop = bounds.should_stop,
                                  .deadline = bounds.deadline,
                                  .max_body_bytes = MAX_REPLY_BYTES};
@@ -159,7 +157,7 @@ std::variant<Token, Refusal> exchange(const std::string& credential, const AuthO
                       .transport = options.transport.get()},
                      read);
   } catch (const http::HttpFailure& failure) {
-    return sort(failure);
+    return refusal_in(failure);
   } catch (const http::TimedOut& failure) {
     throw http::TimedOut(at_endpoint(failure.what()), failure.status());
   } catch (const http::Retryable& failure) {
@@ -204,8 +202,8 @@ Token fetch_token(const Credentials& credentials, const AuthOptions& options,
     if (reason.empty()) reason = std::get<Refusal>(reply).reason;
   }
   if (credentials.size() > 1) {
-    reason += " (So it is with the first of the " + std::to_string(credentials.size()) +
-              " credentials that were found; the others were tried and refused as well.)";
+    reason += " GitHub refused all " + std::to_string(credentials.size()) +
+              " credentials that were found; this is the reason for the first.";
   }
   throw CopilotError(reason);
 }
