@@ -31,16 +31,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool is_file = input.shape % 2 == 1;
   const std::string known = R"({"github.com":{"oauth_token":"gho_credential"}})";
   write_files(is_file ? input.body : "[]", is_file ? "[]" : known);
-  const playback::Reply reply{.status = std::array{200, 200, 401, 500}.at(input.shape / 2 % 4), .pieces = is_file ? std::vector<std::string>{"{}"} : input.cut(8)};
+  const playback::Reply reply{.status = std::array{200, 200, 403, 500}.at(input.shape / 2 % 4), .pieces = is_file ? std::vector<std::string>{"{}"} : input.cut(8)};
   copilot::CopilotAuth auth({.transport = std::make_shared<playback::Playback>(std::deque{reply}), .unix_time_s = [] { return 1e9; }});
-  const std::string credential = copilot::find_credential().value_or("none");
-  require(is_file ? credential.find_first_of(" \r\n") != 0 : credential == "gho_credential", credential);
+  const copilot::Credentials found = copilot::CredentialSources().find();
+  if (!is_file) require(found == copilot::Credentials{"gho_credential"}, "what was written");
+  for (const std::string& credential : found) {
+    require(!credential.empty() && credential.find_first_of(" \r\n") != 0, credential);
+  }
   try {
     const std::string bearer = auth.chat_headers().at("Authorization");
     require(bearer.size() > 7 && bearer.find_first_of(std::string_view(" \r\n\0", 4), 7) == std::string::npos, bearer);
   } catch (const std::runtime_error& error) {
     require(dynamic_cast<const copilot::CopilotError*>(&error) != nullptr || dynamic_cast<const http::Retryable*>(&error) != nullptr, error.what());
-    clean(error.what(), credential.size() > 8 ? credential : "gho_");
+    for (const std::string& credential : found) {
+      clean(error.what(), credential.size() > 8 ? credential : "gho_");
+    }
   }
   write_files("", "");
   return 0;

@@ -109,10 +109,13 @@ inline std::vector<Failure> failures() {
   failures.push_back(bounded({.deadline = http::Clock::now() + 100ms}));
   failures.push_back(bounded({.should_stop = [] { return true; }}));
   failures.push_back(bounded({.should_stop = [asked = 0]() mutable { return ++asked > 5; }}));
-  for (const int status : {401, 403, 418}) {
-    endpoint.exchanges(status, "told");
+  for (const int status : {401, 403, 418, 503, 200}) {
+    endpoint.forget();
+    endpoint.replies(401, "told");
+    if (status != 200) endpoint.exchanges(status, "told");
     const auto detour = std::make_shared<playback::Detour>(endpoint.url());
-    const llm::LLMConfig copilot{.provider = "copilot", .base_url = "https://h", .model = "m"};
+    const llm::LLMConfig copilot{
+        .provider = "copilot", .base_url = "https://h", .model = "m", .max_retries = 0};
     failures.push_back(
         failure_of([&] { return llm::LLMClient(copilot, {.transport = detour}).chat({}); }));
   }

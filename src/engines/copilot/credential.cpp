@@ -1,14 +1,17 @@
 #include "engines/copilot/credential.hpp"
 
+#include <algorithm>
 #include <array>
-#include <cstdint>
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <optional>
 #include <string_view>
-#include <system_error>
 
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace tovren_mapstead::engines::copilot {
 namespace {
@@ -18,7 +21,11 @@ using Json = nlohmann::json;  // finds members in logarithmic time
 
 constexpr std::array<const char*, 3> VARIABLES{"COPILOT_GITHUB_TOKEN", "GH_TOKEN", "GITHUB_TOKEN"};
 constexpr std::array<const char*, 2> FILES{"apps.json", "hosts.json"};
-constexpr std::uintmax_t MAX_FILE_BYTES = std::uintmax_t{1} << 20U;
+
+// Each may cost a request.
+constexpr std::size_t MAX_CREDENTIALS = 8;
+
+constexpr std::size_t MAX_FILE_BYTES = std::size_t{1} << 20U;
 
 std::string variable(const char* name) {
   const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): only read here
@@ -33,6 +40,12 @@ std::string trimmed(const std::string& text) {
                                     : text.substr(begin, text.find_last_not_of(BLANKS) + 1 - begin);
 }
 
+void add(Credentials& found, const std::string& text) {
+  std::string credential = trimmed(text);
+  if (credential.empty() || found.size() == MAX_CREDENTIALS) return;
+  if (std::ranges::find(found, credential) == found.end()) found.push_back(std::move(credential));
+}
+
 fs::path plugin_folder() {
   fs::path base = variable("XDG_CONFIG_HOME");
   // A relative one is no valid setting (XDG Base Directory Specification).
@@ -40,41 +53,71 @@ fs::path plugin_folder() {
   return base.is_absolute() ? base / "github-copilot" : fs::path();
 }
 
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : _number(number) {}
+
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  ~Descriptor() {
+    if (_number >= 0) close(_number);
+  }
+
+  [[nodiscard]] int number() const noexcept { return _number; }
+
+ private:
+  int _number;
+};
+
+// The content of a plain file of a plausible size. Anything else could block or never end, and is
+// looked at when it is open: by then nobody can put something else in its place.
+std::optional<std::string> content_of(const fs::path& path) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+
+  struct stat status {};
+
+  if (fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  std::string content(MAX_FILE_BYTES + 1, '\0');
+  std::size_t size = 0;
+  while (size < content.size()) {
+    const ssize_t count = read(file.number(), content.data() + size, content.size() - size);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;
+    size += static_cast<std::size_t>(count);
+  }
+  if (size > MAX_FILE_BYTES) return std::nullopt;
+  content.resize(size);
+  return content;
+}
+
 // Keys are hosts, in newer files followed by the identifier of the application that signed in.
-std::optional<std::string> token_in(const Json& file) {
-  if (!file.is_object()) return std::nullopt;
+void add_from(const Json& file, Credentials& found) {
+  if (!file.is_object()) return;
   for (const auto& [key, entry] : file.get_ref<const Json::object_t&>()) {
     if (key != "github.com" && !key.starts_with("github.com:")) continue;
     if (!entry.is_object() || !entry.contains("oauth_token")) continue;
     const Json& token = entry["oauth_token"];
-    if (!token.is_string()) continue;
-    if (std::string text = trimmed(token.get<std::string>()); !text.empty()) return text;
+    if (token.is_string()) add(found, token.get_ref<const std::string&>());
   }
-  return std::nullopt;
-}
-
-std::optional<std::string> token_in(const fs::path& path) {
-  std::error_code error;
-  // Anything but a plain file of a plausible size could block or never end.
-  if (!fs::is_regular_file(path, error) || fs::file_size(path, error) > MAX_FILE_BYTES || error) {
-    return std::nullopt;
-  }
-  std::ifstream file(path, std::ios::binary);
-  return token_in(Json::parse(file, nullptr, false));
 }
 
 }  // namespace
 
-std::optional<std::string> find_credential() {
-  for (const char* const name : VARIABLES) {
-    if (std::string value = trimmed(variable(name)); !value.empty()) return value;
-  }
-  const fs::path folder = plugin_folder();
-  if (folder.empty()) return std::nullopt;
+CredentialSources::CredentialSources() : _folder(plugin_folder()) {
+  for (const char* const name : VARIABLES) add(_from_environment, variable(name));
+}
+
+Credentials CredentialSources::find() const {
+  Credentials found = _from_environment;
+  if (_folder.empty()) return found;
   for (const char* const name : FILES) {
-    if (auto token = token_in(folder / name)) return token;
+    if (const auto content = content_of(_folder / name)) {
+      add_from(Json::parse(*content, nullptr, false), found);
+    }
   }
-  return std::nullopt;
+  return found;
 }
 
 }  // namespace tovren_mapstead::engines::copilot

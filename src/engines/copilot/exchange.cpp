@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+#include <variant>
 
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 
+#include "engines/http/text.hpp"
 #include "engines/http/time.hpp"
 
 namespace tovren_mapstead::engines::copilot {
@@ -24,8 +29,25 @@ constexpr const char* API_VERSION = "2025-04-01";
 
 constexpr std::size_t MAX_REPLY_BYTES = std::size_t{1} << 20U;
 
+// How much of a refusal is searched for the words of a rate limit; GitHub begins with them.
+constexpr int SEARCHED_CHARS = 2000;
+
+// The text of a transient failure, told apart from those of the chat endpoint.
+std::string at_endpoint(const std::string& text) {
+  return "GitHub's Copilot token endpoint: " + text;
+}
+
 // A token so near its end could run out on the way.
 constexpr double SAFETY_MARGIN_S = 60.0;
+
+// A renewal that fails costs a call some seconds, and a token is due some four minutes before its
+// end: there is time for a few.
+constexpr double RENEWAL_PAUSE_S = 60.0;
+
+bool printable(std::string_view text) {
+  return std::ranges::none_of(
+      text, [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F; });
+}
 
 http::Headers editor_headers() {
   return {{"Editor-Version", EDITOR_VERSION},
@@ -34,34 +56,60 @@ http::Headers editor_headers() {
           {"X-GitHub-Api-Version", API_VERSION}};
 }
 
-[[noreturn]] void refuse(const http::HttpFailure& failure) {
-  const std::string status = "HTTP " + std::to_string(failure.status().value_or(0));
-  switch (failure.status().value_or(0)) {
+// Why GitHub gives no token for a credential, in words for its owner. Another one may get it.
+struct Refusal {
+  std::string reason;
+};
+
+constexpr http::StatusSet TRANSIENT{408, 409, 429, 500, 502, 503, 504};
+
+// GitHub reports a rate limit with 429 or with 403, and only the text of the reply tells the latter
+// from a refusal (GitHub's REST API documentation, "Rate limits").
+bool is_rate_limit(int status, std::string_view body) {
+  return status == 429 ||
+         (status == 403 && http::lower_case(body).find("rate limit") != std::string::npos);
+}
+
+// Returns a refusal of the credential; throws CopilotError or http::Retryable for other failures.
+// No text quotes the reply: any may hold a token, which is no known secret yet.
+Refusal refusal_in(const http::HttpFailure& failure) {
+  const std::string unfetched = "The Copilot token could not be fetched: ";
+  if (!failure.status()) throw CopilotError(unfetched + failure.what());
+  const int status = *failure.status();
+  const std::string answer = "HTTP " + std::to_string(status);
+  if (is_rate_limit(status, failure.detail())) {
+    throw http::Retryable(
+        at_endpoint(answer + " (GitHub limits the rate of requests; ask less often, or later)"),
+        status);
+  }
+  if (TRANSIENT.contains(status)) {
+    throw http::Retryable(at_endpoint(answer + " (GitHub is in trouble; try again later)"), status);
+  }
+  switch (status) {
     case 401:
-      throw CopilotError("GitHub refuses the stored credential (" + status +
-                         "): it has been revoked or has run out. Sign in to Copilot in an editor "
-                         "again, or set COPILOT_GITHUB_TOKEN to a new OAuth token.");
+      return {"GitHub refuses the stored credential (" + answer +
+              "): it has been revoked or has run out. Sign in to Copilot in an editor again, or "
+              "set COPILOT_GITHUB_TOKEN to a new OAuth token."};
     case 403:
     case 404:
-      throw CopilotError("GitHub gives no Copilot token for the stored credential (" + status +
-                         "): personal access tokens are not accepted, and the account needs "
-                         "Copilot. Sign in to Copilot in an editor with such an account.");
+      return {"GitHub gives no Copilot token for the stored credential (" + answer +
+              "): personal access tokens are not accepted, and the account needs Copilot. Sign in "
+              "to Copilot in an editor with such an account."};
     default:
-      throw CopilotError(std::string("The Copilot token could not be fetched: ") + failure.what());
+      throw CopilotError(unfetched + "GitHub's endpoint answered " + answer +
+                         (status / 100 == 3 ? " (a redirect, which is not followed)" : "") +
+                         "; check that no proxy answers in its place.");
   }
 }
 
-Token token_in(const http::JsonValue& reply, const std::string& credential, double unix_now_s) {
+Token token_in(const http::JsonValue& reply, double unix_now_s) {
   const auto [text, expires_at, refresh_in] =
       reply.members<3>({"token", "expires_at", "refresh_in"});
   const auto number = [](const http::JsonValue& value) { return value.real(); };
-  Token token{.text = text.kind() == http::JsonValue::Kind::string ? text.text() : "",
-              .credential = credential,
-              .expires_at_s = number(expires_at),
-              .renew_at = std::nullopt};
-  const bool printable = std::ranges::none_of(
-      token.text, [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F; });
-  if (token.text.empty() || !printable || !(token.expires_at_s > 0)) {
+  Token token;
+  if (text.kind() == http::JsonValue::Kind::string) token.text = text.text();
+  token.expires_at_s = number(expires_at);
+  if (token.text.empty() || !printable(token.text) || !(token.expires_at_s > 0)) {
     throw CopilotError(
         "GitHub's reply to the Copilot token request holds no token or no expiry; try again "
         "later.");
@@ -70,36 +118,30 @@ Token token_in(const http::JsonValue& reply, const std::string& credential, doub
     throw CopilotError(
         "GitHub's Copilot token has already run out by this machine's clock; set the clock right.");
   }
+  const auto now = http::Clock::now();
+  token.good_until = http::after(now, token.expires_at_s - unix_now_s - SAFETY_MARGIN_S);
   // What is not a span of time is as good as absent.
-  double span_s = token.expires_at_s - unix_now_s - SAFETY_MARGIN_S;
-  if (number(refresh_in) > 0) span_s = std::min(span_s, number(refresh_in));
-  token.renew_at = http::after(http::Clock::now(), span_s);
+  if (number(refresh_in) > 0) token.renew_at = http::after(now, number(refresh_in));
   return token;
 }
 
-}  // namespace
-
-bool Token::fresh(double unix_now_s, http::Clock::time_point now) const {
-  return unix_now_s < expires_at_s - SAFETY_MARGIN_S && (!renew_at || now < *renew_at);
-}
-
-Token exchange(const std::string& credential, const AuthOptions& options, const CallBounds& bounds,
-               const http::Secrets& secrets) {
+std::variant<Token, Refusal> exchange(const std::string& credential, const AuthOptions& options,
+                                      const CallBounds& bounds, const http::Secrets& secrets) {
+  // The engine would refuse to send it, and those after it would not get their turn.
+  if (!printable(credential)) {
+    return Refusal{"The stored GitHub credential holds a blank or a control character; renew it."};
+  }
   http::Headers headers = editor_headers();
   headers["Authorization"] = "token " + credential;
   headers["Accept"] = "application/json";
-  http::Secrets kept_out = secrets;
-  kept_out.push_back(credential);
   const http::RetryPolicy policy{.timeout_s = bounds.timeout_s,
-                                 .retry_statuses = {408, 409, 429, 500, 502, 503, 504},
-                                 .detail_chars = 0,  // any reply may hold a token, which is no
-                                                     // known secret yet
+                                 .detail_chars = SEARCHED_CHARS,
                                  .should_stop = bounds.should_stop,
                                  .deadline = bounds.deadline,
                                  .max_body_bytes = MAX_REPLY_BYTES};
   const auto read = [&](http::Response& reply) {
     try {
-      return token_in(http::read_json(reply, policy, kept_out), credential, options.unix_time_s());
+      return token_in(http::read_json(reply, policy, secrets), options.unix_time_s());
     } catch (const http::HttpFailure&) {
       // Its text quotes a reply that may hold a token.
       throw CopilotError(
@@ -111,12 +153,59 @@ Token exchange(const std::string& credential, const AuthOptions& options, const 
                      {.policy = policy,
                       .timeout_s = policy.timeout_s,
                       .headers = headers,
-                      .secrets = kept_out,
+                      .secrets = secrets,
                       .transport = options.transport.get()},
                      read);
   } catch (const http::HttpFailure& failure) {
-    refuse(failure);
+    return refusal_in(failure);
+  } catch (const http::TimedOut& failure) {
+    throw http::TimedOut(at_endpoint(failure.what()), failure.status());
+  } catch (const http::Retryable& failure) {
+    throw http::Retryable(at_endpoint(failure.what()), failure.status());
   }
+}
+
+}  // namespace
+
+bool Token::belongs_to(const Credentials& credentials) const {
+  const auto first = std::ranges::find_if(credentials, [&](const std::string& candidate) {
+    return std::ranges::find(refused, candidate) == refused.end();
+  });
+  return first != credentials.end() && *first == credential;
+}
+
+bool Token::good(double unix_now_s, http::Clock::time_point now) const {
+  return unix_now_s < expires_at_s - SAFETY_MARGIN_S && (!good_until || now < *good_until);
+}
+
+bool Token::due(http::Clock::time_point now) const {
+  return renew_at && now >= *renew_at;
+}
+
+void Token::put_renewal_off(double unix_now_s, http::Clock::time_point now) {
+  const double left_s = expires_at_s - SAFETY_MARGIN_S - unix_now_s;
+  renew_at = http::after(now, std::min(RENEWAL_PAUSE_S, left_s / 2));
+}
+
+Token fetch_token(const Credentials& credentials, const AuthOptions& options,
+                  const CallBounds& bounds, const http::Secrets& secrets) {
+  http::Secrets kept_out = secrets;
+  kept_out.insert(kept_out.end(), credentials.begin(), credentials.end());
+  std::string reason;
+  for (auto candidate = credentials.begin(); candidate != credentials.end(); ++candidate) {
+    auto reply = exchange(*candidate, options, bounds, kept_out);
+    if (auto* const token = std::get_if<Token>(&reply)) {
+      token->credential = *candidate;
+      token->refused.assign(credentials.begin(), candidate);
+      return std::move(*token);
+    }
+    if (reason.empty()) reason = std::get<Refusal>(reply).reason;
+  }
+  if (credentials.size() > 1) {
+    reason += " GitHub refused all " + std::to_string(credentials.size()) +
+              " credentials that were found; this is the reason for the first.";
+  }
+  throw CopilotError(reason);
 }
 
 http::Headers headers_with(const std::string& token) {

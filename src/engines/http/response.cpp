@@ -140,11 +140,10 @@ struct Response::Impl {
   [[noreturn]] void fail(const TransportError& error) {
     failed = true;
     const std::string text = quote(error.what(), secrets, QUOTED_BYTES);
+    // A proxy's status is not the server's: it sorts the failure, and is told in the text alone.
     const auto status = error.status();
-    if (status ? policy.retry_statuses.contains(*status) : error.transient()) {
-      throw Retryable(text, status);
-    }
-    fail(text, status);
+    if (status ? policy.retry_statuses.contains(*status) : error.transient()) throw Retryable(text);
+    fail(text);
   }
 
   // Appends what comes next to `into`; false at the end of the body. Asks for stop and deadline
@@ -191,9 +190,9 @@ struct Response::Impl {
     return std::exchange(buffer, {}).substr(std::exchange(start, 0));
   }
 
-  [[noreturn]] void fail(const std::string& reason, std::optional<int> status = std::nullopt) {
+  [[noreturn]] void fail(const std::string& reason) {
     failed = true;
-    throw HttpFailure(redact("request failed: " + reason, secrets), status);
+    throw HttpFailure(redact("request failed: " + reason, secrets));
   }
 
   void check_line(std::size_t bytes) {

@@ -15,15 +15,14 @@ namespace {
 
 constexpr std::string_view USER_AGENT = "tovren-mapstead/" TOVREN_MAPSTEAD_VERSION;
 
-// What the user can do about a status.
+// What the user can do about a status. About 401 the caller knows more.
 struct Advice {
   int status;
   std::string_view text;
 };
 
-constexpr std::array<Advice, 11> ADVICE{{
+constexpr std::array<Advice, 10> ADVICE{{
     {.status = 400, .text = "the server does not accept the request as it is"},
-    {.status = 401, .text = "check the API key"},
     {.status = 402, .text = "check the account's credit"},
     {.status = 403, .text = "the credential does not permit this; check it and the account"},
     {.status = 404, .text = "check the URL and the model name"},
@@ -36,8 +35,9 @@ constexpr std::array<Advice, 11> ADVICE{{
 }};
 
 // "HTTP 401 (check the API key)"
-std::string in_words(int status) {
+std::string in_words(int status, std::string_view advice_on_401) {
   const std::string text = "HTTP " + std::to_string(status);
+  if (status == 401) return text + " (" + std::string(advice_on_401) + ")";
   const auto* const advice = std::ranges::find(ADVICE, status, &Advice::status);
   if (advice != ADVICE.end()) return text + " (" + std::string(advice->text) + ")";
   return status / 100 == 5 ? text + " (the server is in trouble; try again later)" : text;
@@ -68,9 +68,8 @@ void add_unless_given(Headers& headers, const std::string& name, std::string_vie
   if (!given) headers.emplace(name, value);
 }
 
-std::string refusal(const Head& head, const RetryPolicy& policy, const Secrets& secrets) {
+std::string redirect(const Head& head, const RetryPolicy& policy, const Secrets& secrets) {
   const std::size_t location_chars = std::min(std::size_t{200}, detail_limit(policy));
-  if (head.status / 100 != 3) return "request failed with " + in_words(head.status);
   // Without what a URL can carry besides: user information and the query can hold credentials.
   std::string_view location = head.location;
   location = location.substr(0, location.find_first_of("?#"));
@@ -93,7 +92,8 @@ std::string quote_rest(Response& reply) {
 
 // The one exchange routine: every request goes out and every status is judged here.
 Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
-                  const Secrets& secrets, Transport* transport) {
+                  const Secrets& secrets, Transport* transport,
+                  std::string_view advice_on_401 = CHECK_API_KEY) {
   refuse_unsafe(request.url, request.headers);
   add_unless_given(request.headers, "User-Agent", USER_AGENT);
   Response reply(transport != nullptr ? *transport : default_transport(), std::move(request),
@@ -102,11 +102,13 @@ Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
   if (status / 100 == 2) return reply;
   if (policy.retry_statuses.contains(status)) {
     const std::string detail = quote_rest(reply);
-    const std::string text = "the server answered " + in_words(status);
+    const std::string text = "the server answered " + in_words(status, advice_on_401);
     throw Retryable(redact(detail.empty() ? text : text + ": " + detail, secrets), status);
   }
-  throw HttpFailure(redact(refusal(reply.head(), policy, secrets), secrets), status,
-                    quote_rest(reply));
+  const std::string text = status / 100 == 3
+                               ? redirect(reply.head(), policy, secrets)
+                               : "request failed with " + in_words(status, advice_on_401);
+  throw HttpFailure(redact(text, secrets), status, quote_rest(reply));
 }
 
 }  // namespace
@@ -122,7 +124,7 @@ Response post(const std::string& url, const SendOptions& options) {
   }
   add_unless_given(request.headers, "Content-Type", "application/json");
   return exchange(std::move(request), options.timeout_s, options.policy, options.secrets,
-                  options.transport);
+                  options.transport, options.advice_on_401);
 }
 
 Response get(const std::string& url, const GetOptions& options) {

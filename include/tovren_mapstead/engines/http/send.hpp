@@ -112,6 +112,9 @@ class TOVREN_EXPORT Response {
 /// The media type of the reply with its parameters, in lower case; empty when it names none.
 [[nodiscard]] TOVREN_EXPORT std::string content_type(const Response& reply);
 
+/// What a user can do about a refused credential (401) if the caller knows nothing better.
+inline constexpr std::string_view CHECK_API_KEY = "check the API key";
+
 /// What a POST needs. Everything is borrowed for the time of the exchange.
 struct SendOptions {
   const RetryPolicy& policy;             ///< Bounds and limits; its attempts are not this level's.
@@ -120,6 +123,7 @@ struct SendOptions {
   const Headers& headers;                ///< Sent beside `Content-Type: application/json`.
   const Secrets& secrets;                ///< Kept out of every error text.
   Transport* const transport = nullptr;  ///< Absent: `default_transport`.
+  const std::string_view advice_on_401 = CHECK_API_KEY;  ///< Told in the text of such a failure.
 };
 
 /// What a GET needs: the same without a body.

@@ -105,14 +105,16 @@ LLMResult LLMClient::_chat_http(const std::string& url, const http::Headers& hea
     if (_copilot_auth && error.status().value_or(0) == 401) _copilot_auth->drop_token(headers);
   };
   try {
-    return http::send(url,
-                      {.policy = policy,
-                       .timeout_s = timeout_s,
-                       .body = body.json(),
-                       .headers = req_headers,
-                       .secrets = secrets,
-                       .transport = _transport.get()},
-                      read);
+    return http::send(
+        url,
+        {.policy = policy,
+         .timeout_s = timeout_s,
+         .body = body.json(),
+         .headers = req_headers,
+         .secrets = secrets,
+         .transport = _transport.get(),
+         .advice_on_401 = _copilot_auth ? copilot::TOKEN_REFUSED : http::CHECK_API_KEY},
+        read);
   } catch (const http::HttpFailure& failure) {
     drop_refused_token(failure);
     switch (choose_fallback(failure.status(), failure.detail(), prompt.response_json, stream)) {
