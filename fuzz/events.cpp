@@ -75,8 +75,11 @@ Json member(const Json& object, const char* name) {
 // Without the start of a character that the end of the body cuts.
 std::string_view without_cut(std::string_view line) {
   for (std::size_t width = 1; width <= std::min<std::size_t>(line.size(), 3); ++width) {
-    for (const std::string rest : {"\x80", "\xBF", "\x80\x80", "\xBF\xBF", "\x80\x80\x80", "\xBF\xBF\xBF"}) {
-      if (http::is_utf8(std::string(line.substr(line.size() - width)) + rest)) return line.substr(0, line.size() - width);
+    for (const char last : {'\x80', '\xBF'}) {
+      std::string end(line.substr(line.size() - width));
+      for (int more = 0; more < 3; ++more) {
+        if (http::is_utf8(end += last)) return line.substr(0, line.size() - width);
+      }
     }
   }
   return line;

@@ -97,7 +97,8 @@ TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
 
 // A transport that throws what it likes.
 struct Throwing final : http::Transport {
-  explicit Throwing(std::function<void()> act_in) : act(std::move(act_in)) {}
+  explicit Throwing(std::function<void()> act_in)
+      : act(std::move(act_in)) {}
 
   std::unique_ptr<http::Exchange> open(http::Request, http::Watch&) override {
     act();
@@ -108,11 +109,14 @@ struct Throwing final : http::Transport {
 };
 
 TEST(Send, KeepsWhatATransportThrowsButForSecrets) {
-  const auto told = [](auto thrown) {
+  const http::Headers headers;
+  const http::Secrets secrets{"sk-1"};
+  const auto told = [&](auto thrown) {
     Throwing transport([&] { throw thrown; });
     try {
-      http::send("http://h", {.policy = POLICY, .body = {}, .headers = {}, .secrets = {"sk-1"},
-                              .transport = &transport}, [](http::Response&) {});
+      const http::GetOptions options{
+          .policy = POLICY, .headers = headers, .secrets = secrets, .transport = &transport};
+      http::get("http://h", options, [](http::Response&) {});
     } catch (const http::Error& error) {
       const auto* const failure = dynamic_cast<const http::HttpFailure*>(&error);
       std::string type = typeid(error).name();

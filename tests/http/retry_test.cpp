@@ -65,10 +65,12 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
     const char* ends;
   };
 
-  const char* const early = "DeadlineExceeded call ran out of time: no try could begin before its "
-                            "deadline; allow more time; last failure: busy";
-  const char* const late = "DeadlineExceeded call ran out of time: its deadline has passed; "
-                           "allow more time; last failure: busy";
+  const char* const early =
+      "DeadlineExceeded call ran out of time: no try could begin before its "
+      "deadline; allow more time; last failure: busy";
+  const char* const late =
+      "DeadlineExceeded call ran out of time: its deadline has passed; "
+      "allow more time; last failure: busy";
   const char* const stopped = "Stopped call was stopped by its caller; last failure: busy";
   const char* const only = "Exhausted call failed at the only try; last failure: busy";
   const char* const twice = "Exhausted call failed after 2 tries; last failure: busy";
@@ -85,8 +87,9 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
   for (const auto& [attempts, backoff_s, wait, left, takes, stops, ends] : cases) {
     bool stop = false;
     const auto start = http::Clock::now();
-    const http::RetryPolicy policy{.attempts = attempts, .backoff_s = backoff_s, .wait = wait,
-                                   .should_stop = [&] { return stop; }, .deadline = start + left};
+    const http::RetryPolicy endless{.attempts = attempts, .backoff_s = backoff_s, .wait = wait};
+    const http::StopTest should_stop = [&] { return stop; };
+    const auto policy = endless.with({.should_stop = should_stop, .deadline = start + left});
     const auto attempt = [&, takes = takes, stops = stops](double) -> std::string {
       std::this_thread::sleep_for(takes);
       stop = stops;

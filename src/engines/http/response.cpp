@@ -70,9 +70,9 @@ class Finder {
 
 struct Response::Impl {
   Impl(Transport& transport, Request request, double timeout_s, const RetryPolicy& policy_in,
-       const Secrets& secrets_in)
+       Secrets secrets_in)
       : policy(policy_in),
-        secrets(secrets_in),
+        secrets(std::move(secrets_in)),
         watch(timeout_s, policy.should_stop, policy.deadline),
         exchange(open(transport, std::move(request))) {
     for (std::string& secret : exchange->secrets()) secrets.push_back(std::move(secret));

@@ -17,7 +17,7 @@ re2::RE2 make_code_span() {
   options.set_dot_nl(true);
   options.set_log_errors(false);
   const http::ForkGuard guard;  // RE2 begins with locks of its own that all patterns share
-  return re2::RE2("```.*?```|~~~.*?~~~|`[^`\\n]*`", options);
+  return {"```.*?```|~~~.*?~~~|`[^`\\n]*`", options};
 }
 
 // A pattern keeps what it has learnt of texts behind a lock, which another thread may hold during a
