@@ -12,8 +12,9 @@ std::string escaped(const std::string& text, bool json, bool all) {
   std::string out;
   for (const char c : text) {
     std::array<char, 8> code{};
-    std::snprintf(code.data(), code.size(), "%02x", static_cast<unsigned char>(c));
-    const bool needed = c >= 0 && (all || c < ' ' || c == '"' || c == '\\' || c == '%' || c == '/');
+    const auto byte = static_cast<unsigned char>(c);
+    std::snprintf(code.data(), code.size(), "%02x", byte);
+    const bool needed = byte < 0x80 && (all || c < ' ' || c == '"' || c == '\\' || c == '%' || c == '/');
     out += needed ? (json ? "\\u00" : "%") + std::string(code.data()) : std::string(1, c);
   }
   return out;
