@@ -50,7 +50,7 @@ std::string pem_of(X509* certificate) {
 
 }  // namespace
 
-// A certificate made on the spot, for "localhost" unless it shall be another's.
+// A certificate made on the spot, for this machine unless it shall be another's.
 struct Server::Tls {
   explicit Tls(Certificate kind) {
     constexpr long HOUR_S = 3600;
@@ -68,7 +68,7 @@ struct Server::Tls {
                                reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
     X509_set_issuer_name(x509.get(), name);
     const char* const names =
-        kind == Certificate::of_another_host ? "DNS:another.example" : "DNS:localhost";
+        kind == Certificate::of_another_host ? "DNS:another.example" : "DNS:localhost,IP:127.0.0.1";
     X509_EXTENSION* const hosts =
         X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, names);
     X509_add_ext(x509.get(), hosts, -1);

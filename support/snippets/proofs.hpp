@@ -119,6 +119,17 @@ inline std::vector<Failure> failures() {
     failures.push_back(
         failure_of([&] { return llm::LLMClient(copilot, {.transport = detour}).chat({}); }));
   }
+  // Transports read the variables of a proxy when they are made: one refuses, the other is not there.
+  loopback::Server proxy([](loopback::Exchange& exchange) { exchange.reply(503, ""); });
+  for (const std::string& url : {proxy.url(), loopback::refused_url()}) {
+    setenv("https_proxy", url.c_str(), 1);
+    const auto transport = http::make_transport();
+    unsetenv("https_proxy");
+    const llm::LLMConfig config{
+        .base_url = "https://h", .model = "m", .api_key = "sk-made-up-key", .max_retries = 0};
+    failures.push_back(
+        failure_of([&] { return llm::LLMClient(config, {.transport = transport}).chat({}); }));
+  }
   return failures;
 }
 

@@ -135,10 +135,10 @@ TEST(Send, KeepsWhatATransportThrowsButForSecrets) {
   EXPECT_EQ(told(http::HttpFailure("a sk-1", 7, "b sk-1")), "HttpFailure7 a ***: b *** | b ***");
   EXPECT_EQ(told(http::HttpFailure(std::string("a\0b", 3), 8, std::string("c\0d", 3))),
             "HttpFailure8 a\uFFFDb: c\uFFFDd | c\uFFFDd");
-  // The status of a proxy is judged like a server's.
+  // The status of a proxy sorts the failure, and is not taken for the server's.
   EXPECT_EQ(told(http::TransportError("a sk-1", true, 407)),
-            "HttpFailure407 request failed: a *** | ");
-  EXPECT_EQ(told(http::TransportError("a sk-1", false, 503)), "Retryable503 a ***");
+            "HttpFailure0 request failed: a *** | ");
+  EXPECT_EQ(told(http::TransportError("a sk-1", false, 503)), "Retryable0 a ***");
   EXPECT_EQ(told(http::TransportError(std::string("a\0b", 3), true)), "Retryable0 a\uFFFDb");
 }
 
