@@ -17,6 +17,7 @@ namespace {
 
 // All of these are constants at load, so they work before `main` and to the very end.
 std::atomic<int> calls = 0;
+std::atomic<int> lookups = 0;
 std::atomic<bool> ending = false;
 std::atomic<unsigned> generation = 0;
 std::atomic<bool> prepared = false;
@@ -28,7 +29,15 @@ pthread_rwlock_t fork_lock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
 thread_local int guards = 0;  // a thread that waits for itself would wait forever
 
 void before_fork() {
-  if (guards == 0) pthread_rwlock_wrlock(&fork_lock);
+  if (guards > 0) return;
+  constexpr std::chrono::milliseconds PATIENCE{100};
+  const auto end = std::chrono::steady_clock::now() + PATIENCE;
+  for (;;) {
+    pthread_rwlock_wrlock(&fork_lock);
+    if (lookups == 0 || std::chrono::steady_clock::now() >= end) return;
+    pthread_rwlock_unlock(&fork_lock);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 void after_fork_in_parent() {
@@ -40,6 +49,7 @@ void after_fork_in_child() {
   fork_lock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
   if (guards > 0) pthread_rwlock_rdlock(&fork_lock);
   calls = 0;
+  lookups = 0;
   ++generation;
 }
 
@@ -90,6 +100,15 @@ ForkGuard::ForkGuard() noexcept {
 
 ForkGuard::~ForkGuard() {
   if (--guards == 0) pthread_rwlock_unlock(&fork_lock);
+}
+
+LookupGuard::LookupGuard() noexcept {
+  const ForkGuard guard;
+  ++lookups;
+}
+
+LookupGuard::~LookupGuard() {
+  --lookups;
 }
 
 unsigned fork_generation() noexcept {

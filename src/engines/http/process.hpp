@@ -34,6 +34,16 @@ class TOVREN_EXPORT ForkGuard {
   ~ForkGuard();
 };
 
+/// Held during a name look-up, which may wait long for a server but holds locks of the C library in
+/// between: `fork` waits for its end for up to 100 ms.
+class LookupGuard {
+ public:
+  LookupGuard() noexcept;
+  LookupGuard(const LookupGuard&) = delete;
+  LookupGuard& operator=(const LookupGuard&) = delete;
+  ~LookupGuard();
+};
+
 /// How many forks lie between the first process and this one. State that was made under another
 /// number belongs to a parent, and its locks and threads do not work here.
 [[nodiscard]] TOVREN_EXPORT unsigned fork_generation() noexcept;

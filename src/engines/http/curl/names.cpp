@@ -12,6 +12,8 @@
 #include <netdb.h>
 #include <netinet/in.h>
 
+#include "engines/http/process.hpp"
+
 namespace tovren_mapstead::engines::http {
 namespace {
 
@@ -38,6 +40,7 @@ Found look_up(const std::string& host, int flags) {
   hints.ai_flags = flags;
   addrinfo* list = nullptr;
   Found found;
+  const LookupGuard guard;
   found.error = getaddrinfo(host.c_str(), nullptr, &hints, &list);
   if (found.error == EAI_SYSTEM) found.system_error = errno;
   if (found.error != 0) return found;
