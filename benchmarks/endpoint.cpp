@@ -125,9 +125,10 @@ int serve() {
 }
 
 Endpoint::Endpoint()
-    : _pipe(popen(
-          ("exec " + std::filesystem::read_symlink("/proc/self/exe").string() + " --serve").c_str(),
-          "r")),
+    : _pipe(
+          popen(("exec '" + std::filesystem::read_symlink("/proc/self/exe").string() + "' --serve")
+                    .c_str(),
+                "r")),
       _url(line()),
       _tls_url(line()) {
   while (!_certificate.ends_with("-----END CERTIFICATE-----\n")) _certificate += line() + "\n";

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 std::uint64_t instructions(const std::string& url, const std::string& name, bool ours, int calls) {
   const fs::path out = fs::temp_directory_path() / ("callgrind." + std::to_string(calls) + name);
   const std::string command = "valgrind --tool=callgrind --callgrind-out-file=" + out.string() +
-                              " " + fs::read_symlink("/proc/self/exe").string() + " --repeat " +
+                              " '" + fs::read_symlink("/proc/self/exe").string() + "' --repeat " +
                               url + " " + name + (ours ? " ours " : " floor ") +
                               std::to_string(calls) + " >/dev/null 2>&1";
   if (std::system(command.c_str()) != 0) throw std::runtime_error("valgrind cannot be run");

@@ -51,7 +51,8 @@ nlohmann::ordered_json to_json(const Figure& figure) {
 }
 
 Figure heap(const std::string& url) {
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((HEAP " " + url).c_str(), "r"), pclose);
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(("'" HEAP "' " + url).c_str(), "r"),
+                                                   pclose);
   long bytes = 0;
   if (!pipe || std::fscanf(pipe.get(), "%ld", &bytes) != 1)
     throw std::runtime_error("cannot measure the heap");

@@ -55,7 +55,7 @@ int main(int argc, char** argv) {
     const tovren_mapstead::Config config{.generation = {.base_url = argv[1], .model = argv[2]}};
     Calls calls{llm::build_llm_client_from_config(config), {argv + 4, argv + argc}};
     std::deque<std::jthread> threads(4);
-    for (auto& thread : threads) thread = std::jthread([&](auto stop) { calls.make(stop); });
+    for (auto& thread : threads) thread = std::jthread([&](const auto& stop) { calls.make(stop); });
 
     pollfd ready{.fd = calls.answered, .events = POLLIN, .revents = 0};
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);

@@ -15,8 +15,10 @@
 namespace fs = std::filesystem;
 namespace engines = tovren_mapstead::engines;
 
+namespace {
+
 // Folders and how their text files begin. Leaves out links, build trees, what is hidden, and `out`.
-static auto excerpts_of(const fs::path& root, const fs::path& out) {
+auto excerpts_of(const fs::path& root, const fs::path& out) {
   std::map<std::string, std::string> folders;
   for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {
     const fs::path name = "." / it->path().lexically_relative(root);
@@ -35,6 +37,8 @@ static auto excerpts_of(const fs::path& root, const fs::path& out) {
   }
   return std::vector<std::pair<std::string, std::string>>(folders.begin(), folders.end());
 }
+
+}  // namespace
 
 int main(int argc, char** argv) {
   try {

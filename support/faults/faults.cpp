@@ -8,6 +8,7 @@
 #include <iterator>
 #include <sstream>
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "tovren_mapstead/engines/llm.hpp"
@@ -123,11 +124,12 @@ std::ptrdiff_t descriptors() {
 
 std::shared_ptr<http::Transport> trusting(const loopback::Server& server) {
   if (server.certificate().empty()) return http::make_transport();
-  const auto file =
-      fs::temp_directory_path() / ("tovren-" + std::to_string(server.port()) + ".pem");
+  // In memory, so that nothing is left where a process ends with its transports in use.
+  const int memory = memfd_create("authority", MFD_CLOEXEC);
+  const std::string file = "/proc/self/fd/" + std::to_string(memory);
   std::ofstream(file) << server.certificate();
-  auto transport = http::make_transport({.ca_file = file.string()});
-  return {transport.get(), [transport, file](auto*) { fs::remove(file); }};
+  auto transport = http::make_transport({.ca_file = file});
+  return {transport.get(), [transport, memory](auto*) { ::close(memory); }};
 }
 
 void forget_authorities() {

@@ -62,7 +62,7 @@ TEST(ReadJson, TellsACutBodyFromAWrongOne) {
 
 TEST(WriteJson, IsReadBackAsItWas) {
   std::string every_byte;
-  for (char c = 1; c > 0; ++c) every_byte += c;
+  for (int c = 1; c < 0x80; ++c) every_byte += static_cast<char>(c);
   std::string text = std::string(1, '\0') + "\u2028\U0001F600";
   for (std::size_t i = 0; i < 20; ++i) text += every_byte + std::string(i, '-');  // in every position
   const Json body{{"z", text},
