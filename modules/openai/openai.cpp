@@ -138,7 +138,7 @@ std::invoke_result_t<Step> translated(Step step) {
     throw openai::APIConnectionError(error.what());
   } catch (const http::HttpFailure& failure) {
     if (const auto status = failure.status(); status && *status >= 300) {
-      throw openai::APIStatusError(failure.what(), *status);
+      throw openai::APIStatusError(failure.what(), status);
     }
     throw openai::OpenAIError(failure.what());
   }

@@ -109,8 +109,9 @@ class Mender {
 
   template <class Number>
   [[nodiscard]] bool fits_as(std::size_t width) const {
+    const std::string_view text = _rest.substr(0, width);
     Number number{};
-    return std::from_chars(_rest.data(), _rest.data() + width, number).ec == std::errc{};
+    return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc{};
   }
 
   // Whether a number that no double holds is too large for one; too small ones are read as 0.
