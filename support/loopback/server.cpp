@@ -21,11 +21,13 @@
 namespace loopback {
 namespace {
 
-int open_listener(int backlog, std::uint16_t& port) {
+// `port` 0 takes a free one; it is set to the one taken.
+int open_listener(int backlog, std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
   const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_addr.s_addr = htonl(host);
+  address.sin_port = htons(port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   if (listener < 0 || bind(listener, generic, size) != 0 || listen(listener, backlog) != 0 ||
@@ -203,15 +205,15 @@ void Server::serve(int socket) {
   }
 }
 
-BlackHole::BlackHole(bool connects) {
-  _listener = open_listener(connects ? 64 : 0, _port);
+BlackHole::BlackHole(bool connects, std::uint32_t host, std::uint16_t port) : _port(port) {
+  _listener = open_listener(connects ? 64 : 0, _port, host);
   if (connects) return;
   // With its queue full, the kernel drops what else wants to connect.
   for (int i = 0; i < 8; ++i) {
     const int filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl(host);
     address.sin_port = htons(_port);
     std::ignore = connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
     _fillers.push_back(filler);

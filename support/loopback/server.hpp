@@ -131,7 +131,9 @@ class Server {
 /// A port on which nobody answers: to connect hangs, or, if `connects`, all that comes after.
 class BlackHole {
  public:
-  explicit BlackHole(bool connects = false);
+  /// `host`: an address of this machine; `port` 0: a free one.
+  explicit BlackHole(bool connects = false, std::uint32_t host = 0x7F000001,
+                     std::uint16_t port = 0);
   BlackHole(const BlackHole&) = delete;
   BlackHole& operator=(const BlackHole&) = delete;
   ~BlackHole();

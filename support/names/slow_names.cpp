@@ -1,4 +1,5 @@
-// Looking up a name that ends in ".slow.test" takes two seconds, as where name servers are ill.
+// Looking up a name that ends in ".slow.test" takes two seconds, as where name servers are ill; one
+// that ends in ".two.test" has the addresses 127.0.0.2 and 127.0.0.1, in this order.
 #include <chrono>
 #include <string_view>
 #include <thread>
@@ -15,5 +16,9 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
   }
   static const auto real =
       reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
-  return real(node, service, hints, result);
+  if (node == nullptr || !std::string_view(node).ends_with(".two.test")) {
+    return real(node, service, hints, result);
+  }
+  const int error = real("127.0.0.2", service, hints, result);
+  return error != 0 ? error : real("127.0.0.1", service, hints, &(*result)->ai_next);
 }

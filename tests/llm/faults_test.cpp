@@ -254,4 +254,17 @@ TEST(Faults, OfAReply) {
   EXPECT_EQ(other.connections(), 0);
 }
 
+TEST(Names, AddressThatHangsHoldsTheNextOneBackForAMoment) {
+  Server server([](Exchange& exchange) { exchange.reply(200, faults::ECHO); });
+  const loopback::BlackHole first(false, 0x7F000002, server.port());
+  const std::string url = "http://x.two.test:" + std::to_string(server.port());
+  const http::RetryPolicy policy{};
+  const auto start = http::Clock::now();
+  EXPECT_EQ(http::get(url, {.policy = policy, .headers = {}, .secrets = {}},
+                      [](http::Response& reply) { return reply.head().status; }),
+            200);
+  EXPECT_GT(seconds_since(start), 0.2);  // or the first was not tried
+  EXPECT_LT(seconds_since(start), 1);
+}
+
 }  // namespace

@@ -82,7 +82,6 @@ class TOVREN_EXPORT Response {
 
     explicit Lines(Response& reply) : _reply(&reply), _line(reply.next_line()) {}
 
-    // NOLINTNEXTLINE(bugprone-unchecked-optional-access): the end is not read
     const std::string_view& operator*() const { return *_line; }
 
     Lines& operator++() {
