@@ -24,7 +24,8 @@ constexpr std::string_view TRY_LATER = "try again later";
 // Since 8.6; a head of more than 5,000 lines or 300 KB, or a line of more than 100 KB.
 constexpr auto TOO_LARGE = static_cast<CURLcode>(100);
 
-constexpr std::array<Meaning, 13> MEANINGS{{
+constexpr std::array<Meaning, 14> MEANINGS{{
+    {CURLE_COULDNT_CONNECT, true, "cannot connect to", CHECK_SERVER},
     {CURLE_OPERATION_TIMEDOUT, true, "timed out connecting to", CHECK_SERVER},
     {CURLE_SEND_ERROR, true, "the connection broke while sending to", TRY_LATER},
     {CURLE_RECV_ERROR, true, "the connection broke while reading from", TRY_LATER},
@@ -74,7 +75,7 @@ void throw_failure(const Failure& failure, const Route& route) {
                          false, failure.proxy_status);
   }
   // The socket was there already: libcurl has asked for another, to send the request again.
-  if (failure.code == CURLE_COULDNT_CONNECT) {
+  if (failure.code == CURLE_COULDNT_CONNECT && failure.sent) {
     throw TransportError("the connection broke before a reply of " + origin, true);
   }
   // libcurl has one code for a URL and for a reply that are not HTTP's.
