@@ -77,7 +77,9 @@ std::optional<std::string> content_of(const fs::path& path) {
 
   struct stat status {};
 
-  if (fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  if (file.number() < 0 || fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return std::nullopt;
+  }
   std::string content(MAX_FILE_BYTES + 1, '\0');
   std::size_t size = 0;
   while (size < content.size()) {

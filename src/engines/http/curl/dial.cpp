@@ -66,6 +66,7 @@ class Race {
       longest = std::clamp(due, std::chrono::milliseconds{0}, longest);
     }
     std::vector<pollfd> polls;
+    polls.reserve(_attempts.size());
     for (const Attempt& attempt : _attempts) polls.push_back(attempt.poll);
     (void)poll(polls.data(), polls.size(), static_cast<int>(longest.count()));
     for (std::size_t i = 0; i < polls.size(); ++i) _attempts[i].poll = polls[i];

@@ -71,8 +71,9 @@ std::unique_ptr<Connection> Pool::take_idle(const std::string& origin) {
     return idle->user == std::this_thread::get_id() && leads_there(idle);
   };
   const std::lock_guard lock(_mutex);
-  auto found = std::find_if(_idle.rbegin(), _idle.rend(), own);
-  if (found == _idle.rend()) found = std::find_if(_idle.rbegin(), _idle.rend(), leads_there);
+  auto found = std::ranges::find_if(_idle.rbegin(), _idle.rend(), own);
+  if (found == _idle.rend())
+    found = std::ranges::find_if(_idle.rbegin(), _idle.rend(), leads_there);
   if (found == _idle.rend()) return nullptr;
   auto connection = std::move(*found);
   _idle.erase(std::next(found).base());
@@ -87,7 +88,7 @@ Pool::Tail Pool::take_tail(const std::string& origin) {
   const std::lock_guard lock(_mutex);
   const auto first = std::ranges::find_if(_parked, leads_there);
   if (first == _parked.end()) return tail;
-  tail.crowded = std::any_of(std::next(first), _parked.end(), leads_there);
+  tail.crowded = std::ranges::any_of(std::next(first), _parked.end(), leads_there);
   tail.parked.splice(tail.parked.end(), _parked, first);
   return tail;
 }
