@@ -61,7 +61,7 @@ bool lies_in(const std::string& address, const std::string& block) {
     if (error != std::errc() || stop != end || width > size) return false;
   }
   const auto bit = [](const Bits& bits, std::size_t at) {
-    return bits.at(at / CHAR_BIT) >> (CHAR_BIT - 1 - at % CHAR_BIT) & 1U;
+    return unsigned{bits.at(at / CHAR_BIT)} >> (CHAR_BIT - 1 - at % CHAR_BIT) & 1U;
   };
   for (std::size_t i = 0; i < width; ++i) {
     if (bit(left, i) != bit(right, i)) return false;
