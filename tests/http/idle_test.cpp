@@ -181,9 +181,9 @@ TEST(Idle, DeadPoolCostsOneAttempt) {
   for (const auto& [name, act, tls] : rows) {
     std::atomic<int> waiting = 0, waits = 0;
     std::atomic<bool> dead = false;
-    const auto serve = [&, act = act](Exchange& exchange) {
+    const auto serve = [&, &happens = act](Exchange& exchange) {
       thread_local const bool doomed = !dead;  // a connection has a thread of its own
-      if (dead && doomed) return (exchange.*act)();
+      if (dead && doomed) return (exchange.*happens)();
       for (++waiting; waiting < POOLED;) exchange.pause(1ms);
       exchange.reply(200, R"({"choices": [{"message": {"content": "hi"}}]})");
     };

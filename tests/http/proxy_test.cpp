@@ -53,11 +53,11 @@ TEST(Proxy, StopAndDeadlineEndWhatItNeverEnds) {
       {"fast chunks", chunks, faults::chunk(std::string(1 << 14, 'x')), 0ms}};
   for (const auto& [name, first, then, pause] : rows) {
     SCOPED_TRACE(name);
-    Server proxy([&, &first = first, &then = then, pause = pause](Exchange& exchange) {
+    Server proxy([&begin = first, &more = then, rest = pause](Exchange& exchange) {
       const auto end = http::Clock::now() + 1s;  // of a call that neither ends
-      exchange.send(first);
-      if (then.empty()) return exchange.stall();
-      while (http::Clock::now() < end && exchange.send(then)) exchange.pause(pause);
+      exchange.send(begin);
+      if (more.empty()) return exchange.stall();
+      while (http::Clock::now() < end && exchange.send(more)) exchange.pause(rest);
       exchange.close();
     });
     const auto deadline = http::Clock::now() + 300ms;

@@ -43,7 +43,7 @@ TEST(Lines, AreBoundedOverATransportThatKnowsNoBounds) {
   const http::RetryPolicy late{.deadline = http::Clock::now() + 30ms};
   const std::vector<std::string> pieces(5, "x");
   const auto lines = [](http::Response& reply) {
-    for (std::size_t i = 0; reply.next_line(); ++i) {
+    while (reply.next_line()) {
     }
   };
   const auto limited = [&](http::Response& reply) {
