@@ -156,19 +156,23 @@ Needles::Needles(const Secrets& secrets) {
 
 // Adds `more` to `spans`, both in order, and joins those that touch.
 void add(std::vector<Span>& spans, const std::vector<Span>& more) {
-  if (more.empty()) return;
-  const auto before = static_cast<std::ptrdiff_t>(spans.size());
-  spans.insert(spans.end(), more.begin(), more.end());
-  std::ranges::inplace_merge(spans, spans.begin() + before, {}, &Span::begin);
-  auto last = spans.begin();
-  for (const Span& span : spans) {
-    if (span.begin <= last->end) {
-      last->end = std::max(last->end, span.end);
-    } else {
-      *++last = span;
+  const auto append = [&](const std::vector<Span>& ordered) {
+    for (const Span& span : ordered) {
+      if (!spans.empty() && span.begin <= spans.back().end) {
+        spans.back().end = std::max(spans.back().end, span.end);
+      } else {
+        spans.push_back(span);
+      }
     }
+  };
+  if (spans.empty() || more.empty() || spans.back().begin <= more.front().begin) {
+    return append(more);
   }
-  spans.erase(std::next(last), spans.end());
+  std::vector<Span> both;
+  both.reserve(spans.size() + more.size());
+  std::ranges::merge(spans, more, std::back_inserter(both), {}, &Span::begin, &Span::begin);
+  spans.clear();
+  append(both);
 }
 
 // What was found in a part of a text. What begins before `settled` is complete.

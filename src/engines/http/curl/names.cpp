@@ -122,7 +122,7 @@ std::shared_ptr<Names::Lookup> Names::begin(const std::string& host) {
   if (_under_way.size() >= MAX_LOOKUPS) {
     throw TransportError("too many look-ups of names hang; check the name server", true);
   }
-  const auto lookup = std::make_shared<Lookup>();
+  auto lookup = std::make_shared<Lookup>();
   _under_way.emplace(host, lookup);
   const auto run = [lookup, host] {
     Found found;
