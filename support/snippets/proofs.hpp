@@ -119,7 +119,8 @@ inline std::vector<Failure> failures() {
     failures.push_back(
         failure_of([&] { return llm::LLMClient(copilot, {.transport = detour}).chat({}); }));
   }
-  // Transports read the variables of a proxy when they are made: one refuses, the other is not there.
+  // Transports read the variables of a proxy when they are made: one refuses, the other is not
+  // there.
   loopback::Server proxy([](loopback::Exchange& exchange) { exchange.reply(503, ""); });
   for (const std::string& url : {proxy.url(), loopback::refused_url()}) {
     setenv("https_proxy", url.c_str(), 1);

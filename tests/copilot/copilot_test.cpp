@@ -151,8 +151,10 @@ TEST_F(Copilot, RenewsInTheMiddleOfARetryLoopAndAfterARefusal) {
   };
   const LLMClient copilot_client = client();
   const auto text = text_of<llm::LLMError>([&] { chat(copilot_client); });
-  EXPECT_TRUE(text.starts_with("LLM request failed with HTTP 401 (Copilot no longer accepts its "
-                               "token; call again to get a new one)")) << text;
+  EXPECT_TRUE(text.starts_with(
+      "LLM request failed with HTTP 401 (Copilot no longer accepts its "
+      "token; call again to get a new one)"))
+      << text;
   EXPECT_FALSE(contains(text, "T-1") || contains(text, "T-2")) << text;
   EXPECT_EQ(chat(copilot_client), "hi");
   EXPECT_EQ(exchanges, 3);
@@ -267,7 +269,9 @@ TEST_F(Copilot, GivesEachCredentialItsTurn) {
     exchanges = 0;
     on_exchange = [&first = first, &second = second](Exchange& exchange) {
       const std::string bearer = exchange.request().headers.at("authorization").substr(6);
-      exchange.reply(bearer == "gho_1" ? first : bearer == "gho_2" ? second : 200, token(bearer));
+      exchange.reply(bearer == "gho_1" ? first : bearer == "gho_2" ? second
+                                                                   : 200,
+                     token(bearer));
     };
     copilot::CopilotAuth auth({.transport = transport});
     const auto ask = [&] {
