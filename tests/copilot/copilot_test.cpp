@@ -390,6 +390,7 @@ TEST_F(Copilot, ServesAChildOfABusyProcess) {
   copilot::CopilotAuth auth({.transport = transport});
   const auto give_up = [&] { return done.load(); };
   std::vector<std::jthread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {  // one makes the exchange, the others wait for it
     threads.emplace_back([&] {
       EXPECT_THROW(std::ignore = auth.chat_headers({.should_stop = give_up}), http::Stopped);
