@@ -52,9 +52,13 @@ TEST(Redact, FindsWhatStandsWhereWindowsMeet) {
     const std::size_t first = WINDOW - std::min(spelt.size(), WINDOW / 2) - 9;
     for (std::size_t at = first; at < WINDOW + 9; at += step) {
       // Escapes of other characters beside it, so that each level of the text is a text of its own.
-      const std::string before(at - 8, 'x'), after = "%25" + std::string(WINDOW / 2, 'y');
-      const std::string masked = redact(before + R"(%255C\\ )" + spelt + after, {key, token});
-      ASSERT_EQ(masked, before + R"(%255C\\ ***)" + after) << what << " at " << at;
+      const std::string after = "%25" + std::string(WINDOW / 2, 'y');
+      const std::string before = std::string(at - 8, 'x').append(R"(%255C\\ )");
+      std::string text = before;
+      text.append(spelt).append(after);
+      std::string masked = before;
+      masked.append("***").append(after);
+      ASSERT_EQ(redact(text, {key, token}), masked) << what << " at " << at;
     }
   }
   // Of n backslashes before a "u", 2^j make one once they have been undone j times; it is the
