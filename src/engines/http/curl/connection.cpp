@@ -85,10 +85,10 @@ struct Connection::Callbacks {
   }
 };
 
-Connection::Connection(Route route, Line line, std::shared_ptr<Trust> trust)
+Connection::Connection(Route route, TcpConnection tcp, std::shared_ptr<Trust> trust)
     : _route(std::move(route)),
       _trust(std::move(trust)),
-      _socket(std::move(line.socket)),
+      _socket(std::move(tcp.socket)),
       _descriptor(_socket.get()),
       _multi(make_multi()),
       _easy(make_easy()) {
@@ -118,7 +118,7 @@ Connection::Connection(Route route, Line line, std::shared_ptr<Trust> trust)
   set(CURLOPT_PROXY, _route.proxy ? _route.proxy->url.c_str() : "");
   set(CURLOPT_NOPROXY, "");
   const std::string at = _route.service.host + ":" + std::to_string(_route.service.port) + ":";
-  _address.reset(curl_slist_append(nullptr, (at + line.address).c_str()));
+  _address.reset(curl_slist_append(nullptr, (at + tcp.address).c_str()));
   if (!_address) throw std::bad_alloc();
   set(CURLOPT_RESOLVE, _address.get());
 }

@@ -37,9 +37,9 @@ struct Route {
 /// One thread at a time; nothing of it is shared with another.
 class Connection {
  public:
-  /// `line` is connected to the route's service. TLS and a proxy's tunnel are made with the first
+  /// `tcp` is connected to the route's service. TLS and a proxy's tunnel are made with the first
   /// request.
-  Connection(Route route, Line line, std::shared_ptr<Trust> trust);
+  Connection(Route route, TcpConnection tcp, std::shared_ptr<Trust> trust);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 

@@ -73,7 +73,7 @@ class Race {
   }
 
   // Returns the connection that has been made, if one has, and forgets the attempts that failed.
-  std::optional<Line> winner() {
+  std::optional<TcpConnection> winner() {
     for (std::size_t i = 0; i < _attempts.size();) {
       Attempt& attempt = _attempts[i];
       if (attempt.poll.revents == 0) {
@@ -83,7 +83,7 @@ class Race {
       int error = 0;
       socklen_t size = sizeof error;
       getsockopt(attempt.socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
-      if (error == 0) return Line{std::move(attempt.socket), in_text(*attempt.address)};
+      if (error == 0) return TcpConnection{std::move(attempt.socket), in_text(*attempt.address)};
       _last_error = error;
       _attempts.erase(_attempts.begin() + static_cast<std::ptrdiff_t>(i));
     }
@@ -120,7 +120,7 @@ class Race {
 
 }  // namespace
 
-Line dial(Names& names, const Service& service, Watch& watch) {
+TcpConnection dial(Names& names, const Service& service, Watch& watch) {
   Race race(interleaved(names.find(service, watch)));
   watch.moved();
   for (;;) {
@@ -134,10 +134,10 @@ Line dial(Names& names, const Service& service, Watch& watch) {
     }
     watch.check("connecting to", service.whom);
     race.wait(watch.patience());
-    if (std::optional<Line> line = race.winner()) {
-      notice_dead_path(line->socket.get());
+    if (std::optional<TcpConnection> made = race.winner()) {
+      notice_dead_path(made->socket.get());
       watch.moved();
-      return std::move(*line);
+      return std::move(*made);
     }
   }
 }

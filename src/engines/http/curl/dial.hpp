@@ -11,7 +11,7 @@
 namespace tovren_mapstead::engines::http {
 
 /// A connected socket and the address at its other end, in text.
-struct Line {
+struct TcpConnection {
   Socket socket;
   std::string address;
 };
@@ -19,6 +19,6 @@ struct Line {
 /// Connects to the first address of `service` that answers. An address that hangs holds the next
 /// one back for a quarter of a second (RFC 8305, section 5), one that refuses not at all. Throws
 /// TransportError if none can be reached, and what `watch` throws.
-[[nodiscard]] Line dial(Names& names, const Service& service, Watch& watch);
+[[nodiscard]] TcpConnection dial(Names& names, const Service& service, Watch& watch);
 
 }  // namespace tovren_mapstead::engines::http

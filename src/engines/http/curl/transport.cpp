@@ -26,8 +26,8 @@ struct Shared {
   std::unique_ptr<Connection> connect(const std::string& url, Watch& watch) {
     if (auto idle = pool.take(origin_of(url), watch)) return idle;
     Route route = route_to(url, proxies);
-    Line line = dial(names, route.service, watch);
-    return std::make_unique<Connection>(std::move(route), std::move(line), trust);
+    TcpConnection tcp = dial(names, route.service, watch);
+    return std::make_unique<Connection>(std::move(route), std::move(tcp), trust);
   }
 
   const std::shared_ptr<Trust> trust;
