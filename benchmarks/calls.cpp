@@ -57,14 +57,14 @@ class Subjects {
  public:
   Subjects(const std::string& url, const Work& work)
       : _prompt(prompt_of(work.prompt_bytes)),
-        _messages{{{"role", "user"}, {"content", _prompt}}},
+        _messages{llm::user(_prompt)},
         _client({.base_url = url + work.path, .model = "m", .api_key = "k", .stream = work.stream}),
         _floor(url + work.path, work.stream) {
     const llm::LLMResult result = ours();
     const Answer answer = floor();
-    if (answer.content.find(result.content) == std::string::npos || answer.model != result.model ||
-        answer.finish_reason != result.finish_reason ||
-        answer.completion_tokens != result.completion_tokens) {
+    if (answer.content.find(result.content()) == std::string::npos || answer.model != result.model() ||
+        answer.finish_reason != result.finish_reason() ||
+        answer.completion_tokens != result.completion_tokens()) {
       throw std::runtime_error("the client and the floor disagree");
     }
   }
@@ -143,7 +143,7 @@ double rate(MakeCall make_call) {
 Figure measure_threads(const std::string& url) {
   const std::string base = url + "/whole/1";
   const llm::LLMClient client({.base_url = base, .model = "m", .api_key = "k", .stream = false});
-  const llm::Messages messages{{{"role", "user"}, {"content", prompt_of(100)}}};
+  const llm::Messages messages{llm::user(prompt_of(100))};
   const auto ours_once = [&] { std::ignore = client.chat(messages); };
   const auto make_floor = [&] {
     return [floor = std::make_shared<Floor>(base, false), prompt = prompt_of(100)] {

@@ -22,7 +22,7 @@ namespace http = tovren_mapstead::engines::http;
 namespace llm = tovren_mapstead::engines::llm;
 using std::chrono::milliseconds;
 
-const llm::Messages MESSAGES{{{"role", "user"}, {"content", "hello"}}};
+const llm::Messages MESSAGES{llm::user("hello")};
 
 llm::LLMClient client_of(const std::string& url) {
   return llm::LLMClient({.base_url = url, .model = "m", .api_key = "k"},
@@ -33,7 +33,7 @@ llm::LLMClient client_of(const std::string& url) {
 template <class Act>
 int opened(const Endpoint& endpoint, Act act) {
   const llm::LLMClient counter = client_of(endpoint.url() + "/connections");
-  const auto count = [&] { return std::stoi(counter.chat(MESSAGES).content); };
+  const auto count = [&] { return std::stoi(counter.chat(MESSAGES).content()); };
   const int before = count();
   act();
   return count() - before;

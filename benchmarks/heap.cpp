@@ -75,12 +75,12 @@ int main(int argc, char** argv) {
                               .model = "m",
                               .api_key = "k",
                               .stream = false});
-  const llm::Messages messages{{{"role", "user"}, {"content", "hello"}}};
+  const llm::Messages messages{llm::user("hello")};
   std::ignore = small.chat(messages);  // for what is made once a process
   const llm::LLMClient client(
       {.base_url = std::string(argv[1]) + "/stream/20000", .model = "m", .api_key = "k"});
   const std::size_t before = in_use;
   peak = before;
   const llm::LLMResult result = client.chat(messages);
-  std::cout << peak - before - result.content.size() << '\n';
+  std::cout << peak - before - result.content().size() << '\n';
 }

@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr int CALLS = 50;
-const llm::Messages MESSAGES{{{"role", "user"}, {"content", "hello"}}};
+const llm::Messages MESSAGES{llm::user("hello")};
 
 llm::LLMClient client_of(const std::string& url) {
   return llm::LLMClient({.base_url = url, .model = "m", .api_key = "k"});
@@ -43,7 +43,7 @@ std::pair<double, double> of_many(Once once) {
 // From the moment when the server sends the last byte of a reply, which is what the reply says, to
 // the return, although the terminating chunk comes later.
 double first_answer(const llm::LLMClient& client) {
-  const std::string sent = client.chat(MESSAGES).content;
+  const std::string sent = client.chat(MESSAGES).content();
   const double took = ms_since(Clock::time_point(Clock::duration(std::atoll(sent.c_str()))));
   std::this_thread::sleep_for(30ms);  // for the terminating chunk
   return took;

@@ -4,7 +4,7 @@
 include(CMakePackageConfigHelpers)
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/tovren_mapstead)
 
-foreach(component IN ITEMS http llm openai)
+foreach(component IN ITEMS http openai llm)
   install(TARGETS tovren_${component} EXPORT tovren_mapstead_${component}
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
     ARCHIVE COMPONENT development
@@ -21,12 +21,12 @@ install(FILES ${PROJECT_BINARY_DIR}/tovren_mapstead-config.cmake
               ${PROJECT_BINARY_DIR}/tovren_mapstead-config-version.cmake
         DESTINATION ${config_dir} COMPONENT development)
 
-# tovren_add_pc(COMPONENT DESCRIPTION LIBS REQUIRES OF_ITS_OWN): a pkg-config file. What a library
-# needs for its own concerns its users only where it is static; pkg-config insists on what is named.
-function(tovren_add_pc component description libs requires of_its_own)
+# tovren_add_pc(COMPONENT DESCRIPTION LIBS REQUIRES PRIVATE): a pkg-config file. PRIVATE is what only
+# users of a static build need; pkg-config insists on whatever is named.
+function(tovren_add_pc component description libs requires private)
   set(definition "")
   if(NOT BUILD_SHARED_LIBS)
-    string(APPEND requires " ${of_its_own}")
+    string(APPEND requires " ${private}")
     set(definition -DTOVREN_MAPSTEAD_STATIC)
   endif()
   file(RELATIVE_PATH up /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
@@ -35,10 +35,10 @@ function(tovren_add_pc component description libs requires of_its_own)
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endfunction()
 tovren_add_pc(http "A retrying HTTP engine" -ltovren_mapstead_http
-              nlohmann_json "libcurl openssl simdjson")
+              "" "libcurl openssl simdjson")
 tovren_add_pc(llm "${PROJECT_DESCRIPTION}" -ltovren_mapstead_llm
-              tovren_mapstead_http "re2 simdjson spdlog")
-tovren_add_pc(openai "The face of a client library that the client can use" "" "" "")
+              "tovren_mapstead_http tovren_mapstead_openai" "re2 simdjson spdlog")
+tovren_add_pc(openai "The interface of a client library that the client can use" "" "" "")
 
 # Debian packages, of a shared build for /usr: cmake --workflow --preset debian
 if(BUILD_SHARED_LIBS)
@@ -64,7 +64,7 @@ if(BUILD_SHARED_LIBS)
   set(same "libtovren-mapstead${abi} (= ${PROJECT_VERSION})")
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtovren-mapstead-dev)
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same}, nlohmann-json3-dev")
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same}")
   set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION}: development files")
 
   set(CPACK_DEBIAN_OPENAI_PACKAGE_NAME libtovren-mapstead-openai)

@@ -46,7 +46,7 @@ struct Script final : http::Transport {
 
 // The code under test: it is handed its client.
 std::string title_of(const llm::LLMClient& client, const std::string& text) {
-  return client.chat({{{"role", "user"}, {"content", "A title for: " + text}}}).content;
+  return client.chat({llm::user("A title for: " + text)}).content();
 }
 
 void expect(bool holds, const std::string& what) {

@@ -25,12 +25,12 @@ struct Calls {
   void make(const std::stop_token& stop) {
     std::unique_lock lock(mutex);
     while (changed.wait(lock, stop, [this] { return !questions.empty(); })) {
-      const llm::Messages asked{{{"role", "user"}, {"content", questions.front()}}};
+      const llm::Messages asked{llm::user(questions.front())};
       questions.pop_front();
       lock.unlock();
       std::string answer;
       try {
-        answer = client.chat(asked, {.should_stop = [&] { return stop.stop_requested(); }}).content;
+        answer = client.chat(asked, {.should_stop = [&] { return stop.stop_requested(); }}).content();
       } catch (const std::exception& error) {
         answer = std::string("failed: ") + error.what();
       }

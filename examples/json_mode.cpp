@@ -29,14 +29,14 @@ struct Description {
 // What a model says is foreign input: each member may be missing or of another type.
 // Throws std::runtime_error, which says what to do.
 Description parse(const llm::LLMResult& result) {
-  if (result.finish_reason == "length") {
-    throw std::runtime_error("the answer broke off at " + std::to_string(result.completion_tokens) +
+  if (result.finish_reason() == "length") {
+    throw std::runtime_error("the answer broke off at " + std::to_string(result.completion_tokens()) +
                              " tokens; allow more (ChatOptions::max_tokens)");
   }
-  const Json json = Json::parse(result.content, nullptr, false);
+  const Json json = Json::parse(result.content(), nullptr, false);
   if (json.is_discarded()) {
     throw std::runtime_error(
-        "the answer is not JSON; " + result.model +
+        "the answer is not JSON; " + result.model() +
         " may have no JSON mode, so ask another model, or again with an example in the prompt");
   }
   try {
@@ -51,7 +51,7 @@ Description parse(const llm::LLMResult& result) {
 Description describe(const llm::LLMClient& client, const std::string& text) {
   const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   return parse(client.chat(
-      {{{"role", "system"}, {"content", INSTRUCTIONS}}, {{"role", "user"}, {"content", text}}},
+      {llm::system(INSTRUCTIONS), llm::user(text)},
       {.temperature = 0.0, .response_json = true, .deadline = soon}));
 }
 

@@ -23,12 +23,12 @@ int main(int argc, char** argv) {
     config.generation.model = argv[2];
     const llm::LLMClient client = llm::build_llm_client_from_config(config);
 
-    const llm::Messages messages{{{"role", "system"}, {"content", "Answer in one paragraph."}},
-                                 {{"role", "user"}, {"content", question}}};
+    const llm::Messages messages{llm::system("Answer in one paragraph."),
+                                 llm::user(question)};
     const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     const llm::LLMResult result = client.chat(messages, {.deadline = soon});
 
-    std::cout << result.content << std::endl;
+    std::cout << result.content() << std::endl;
     if (!std::cout) throw std::runtime_error("cannot write the answer");
     return 0;
   } catch (const std::exception& error) {  // an LLMError, mostly

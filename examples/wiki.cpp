@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include <tovren_mapstead/engines/http/json.hpp>
+#include <tovren_mapstead/engines/http/utf8.hpp>
 #include <tovren_mapstead/engines/llm.hpp>
 
 namespace fs = std::filesystem;
@@ -57,11 +57,11 @@ int main(int argc, char** argv) {
       for (std::size_t i = next++; i < folders.size() && !interrupted; i = next++) {
         const auto& [folder, text] = folders[i];
         try {
-          const auto page = client.chat({{{"role", "user"}, {"content", "Describe this:" + text}}},
+          const auto page = client.chat({engines::llm::user("Describe this:" + text)},
                                         {.should_stop = [] { return interrupted.load(); }});
           fs::create_directories(out / folder);
           std::ofstream file(out / folder / "wiki.md");
-          if (!(file << page.content << std::endl)) throw std::runtime_error("cannot be written");
+          if (!(file << page.content() << std::endl)) throw std::runtime_error("cannot be written");
           links[i].append("- [" + folder + "](<").append(folder + "/wiki.md>)\n");
           const std::size_t share = 40 * ++done / folders.size();
           std::cerr << "\r[" + std::string(share, '#') + std::string(40 - share, ' ') + "]";

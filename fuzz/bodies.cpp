@@ -15,7 +15,7 @@ std::string outcome(int status, const std::vector<std::string>& pieces) {
                               {.transport = std::make_shared<playback::Playback>(std::deque{reply})});
   try {
     const llm::LLMResult result = client.chat({}, {.response_json = status == 400});
-    return clean(result.content + '\n' + result.model + '\n' + result.finish_reason.value_or("") + std::to_string(result.total_tokens()), "\xFF");
+    return clean(result.content() + '\n' + result.model() + '\n' + result.finish_reason().value_or("") + std::to_string(result.total_tokens()), "\xFF");
   } catch (const llm::LLMError& error) {
     return clean(error.what(), SECRET);
   }

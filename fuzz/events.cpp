@@ -2,8 +2,8 @@
 // does plainly what the rules say: all lines first, then one after the other.
 #include "engines/llm/reply/reasoning.hpp"
 #include "engines/llm/reply/token_count.hpp"
-#include "engines/llm/reply/white_space.hpp"
-#include "engines/llm/stream/sse.hpp"
+#include "text/trim.hpp"
+#include "engines/llm/reply/stream.hpp"
 #include "fuzz.hpp"
 
 namespace {
@@ -13,8 +13,8 @@ using namespace fuzz;
 const http::Secrets SECRETS{"KEY-1"};
 
 std::string outcome(const llm::LLMResult& result) {
-  const std::string counts = std::to_string(result.prompt_tokens) + "," + std::to_string(result.completion_tokens);
-  return clean(result.content + "\n" + result.model + "\n" + counts + "\n" + result.finish_reason.value_or("absent"), "\xFF");
+  const std::string counts = std::to_string(result.prompt_tokens()) + "," + std::to_string(result.completion_tokens());
+  return clean(result.content() + "\n" + result.model() + "\n" + counts + "\n" + result.finish_reason().value_or("absent"), "\xFF");
 }
 
 std::string outcome(std::vector<std::string> pieces) {
@@ -94,9 +94,9 @@ std::string expected(const std::string& body) {
   for (std::size_t at = body.starts_with("\uFEFF") ? 3 : 0, end = 0; at < body.size(); at = end + 1) {
     end = std::min(body.find_first_of("\r\n", at), body.size());
     const std::string_view raw = std::string_view(body).substr(at, end - at);
-    const std::string_view line = llm::trim(end == body.size() ? without_cut(raw) : raw);
+    const std::string_view line = http::trim(end == body.size() ? without_cut(raw) : raw);
     if (!http::is_utf8(line)) return "LLM stream is not valid UTF-8";
-    const std::string_view payload = llm::trim(line.starts_with("data:") ? line.substr(5) : "");
+    const std::string_view payload = http::trim(line.starts_with("data:") ? line.substr(5) : "");
     if (payload == "[DONE]") break;
     const Json chunk = decoded(payload);
     const Json told = member(chunk, "error");
@@ -118,7 +118,7 @@ std::string expected(const std::string& body) {
   content = llm::_strip_reasoning(with_halves(content, false));
   if (!finish_reason && !error.empty()) return "stream error: " + error;
   if (!finish_reason && content.empty()) return "empty stream (no content received)";
-  return outcome({content, model, counts[0], counts[1], finish_reason});
+  return outcome(llm::LLMResult({content, model, counts[0], counts[1], finish_reason}));
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // text, all that follows is looked at.
 #include "engines/llm/reply/reasoning.hpp"
 
-#include "engines/llm/reply/white_space.hpp"
+#include "text/trim.hpp"
 #include "fuzz.hpp"
 
 namespace {
@@ -37,6 +37,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto opens = tags(text, "<think>");
   const std::string uncut = text.substr(0, opens.empty() ? text.size() : opens.front());
   const std::string answer = closes.empty() ? uncut : text.substr(closes.back() + 8);
-  require(llm::_strip_reasoning(text) == llm::trim(answer), text);
+  require(llm::_strip_reasoning(text) == http::trim(answer), text);
   return 0;
 }

@@ -41,7 +41,7 @@ template <class Read>
 auto play(Reply reply, Read read, const http::RetryPolicy& policy = POLICY, const http::Secrets& secrets = {}) {
   Playback transport({std::move(reply)});
   return http::send("http://host.example/chat/completions",
-                    {.policy = policy, .body = Json::object(), .headers = {}, .secrets = secrets, .transport = &transport},
+                    {.policy = policy, .body = {}, .headers = {}, .secrets = secrets, .transport = &transport},
                     read);
 }
 

@@ -106,13 +106,13 @@ const char* road(const ask::Options& options) {
 }
 
 llm::Messages messages_for(const ask::Options& options) {
-  if (options.prompt) return {{{"role", "user"}, {"content", *options.prompt}}};
+  if (options.prompt) return {llm::user(*options.prompt)};
   const auto files = ask::gather(options.directory, SOURCE_BUDGET);
   return {{{"role", "system"},
            {"content",
             "You answer questions about source trees from the files that you are given, "
             "briefly and exactly."}},
-          {{"role", "user"}, {"content", ask::to_prompt(files, options.question)}}};
+          llm::user(ask::to_prompt(files, options.question))};
 }
 
 int run(const ask::Options& options) {
@@ -145,13 +145,13 @@ int run(const ask::Options& options) {
         messages,
         {.response_json = options.json, .should_stop = should_stop, .deadline = deadline});
     progress.reset();
-    std::cout << result.content << std::endl;
+    std::cout << result.content() << std::endl;
     std::fprintf(stderr,
                  "model=%s prompt_tokens=%lld completion_tokens=%lld finish_reason=%s "
                  "elapsed_s=%.2f\n",
-                 one_line(result.model).c_str(), static_cast<long long>(result.prompt_tokens),
-                 static_cast<long long>(result.completion_tokens),
-                 one_line(result.finish_reason.value_or("-")).c_str(), seconds_since(start));
+                 one_line(result.model()).c_str(), static_cast<long long>(result.prompt_tokens()),
+                 static_cast<long long>(result.completion_tokens()),
+                 one_line(result.finish_reason().value_or("-")).c_str(), seconds_since(start));
     return std::cout ? ANSWERED : FAILED;
   } catch (const llm::LLMError& error) {
     progress.reset();

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/http/utf8.hpp"
 
 namespace ask {
 namespace {

@@ -1,12 +1,13 @@
-// The face of the optional OpenAI client library. Whoever has a client library for
-// OpenAI-compatible endpoints can bind it to this: implement `OpenAI` and `ChunkStream`, define the
-// entry point, and build a shared object named libtovren_openai.so for the dynamic loader to find.
-// Needs the standard library only, and the same one as the program that loads it.
+// The interface of the optional OpenAI client library. To bind a client library of your own,
+// implement `OpenAI` and `ChunkStream`, define the entry point, and build a shared object named
+// libtovren_openai.so where the dynamic loader finds it. This header needs the standard library only;
+// the object needs the same one as the program that loads it.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -15,19 +16,19 @@
 
 namespace tovren_mapstead::openai {
 
-/// Grows with every change to what follows. An object of another version is not used.
-inline constexpr std::uint32_t INTERFACE_VERSION = 1;
+/// Increases with every change to what follows. An object of another version is not used.
+inline constexpr std::uint32_t INTERFACE_VERSION = 2;
 
 /// The name of the shared object, and of its entry point.
 inline constexpr const char* LIBRARY_NAME = "libtovren_openai.so";
 inline constexpr const char* ENTRY_POINT = "tovren_openai_library";
 
-/// A member of a reply as it came; the first alternative: absent or null.
-/// Strings are UTF-8, but one of a chunk may begin or end with half of a surrogate pair, in the
-/// three bytes of its number, where a server cut a character in two.
+/// A member of a reply as it came; the first alternative stands for absent and null.
+/// Strings are UTF-8. That of a chunk may begin or end with half of a surrogate pair, in the three
+/// bytes of its number, where a server cut a character in two.
 using Scalar = std::variant<std::monostate, bool, std::int64_t, double, std::string>;
 
-/// Token counts.
+/// Token counts, as the provider reports them.
 struct Usage {
   Scalar prompt_tokens;      ///< Of the messages.
   Scalar completion_tokens;  ///< Of the answer.
@@ -38,7 +39,7 @@ struct Message {
   Scalar content;  ///< Its text.
 };
 
-/// One of the answers; the first counts.
+/// One of the answers. The client uses the first.
 struct Choice {
   std::optional<Message> message;  ///< The answer.
   Scalar finish_reason;            ///< Why it ends here.
@@ -46,9 +47,9 @@ struct Choice {
 
 /// A whole reply.
 struct Completion {
-  Scalar model;                                ///< Who answered.
+  Scalar model;                                ///< The model that answered.
   std::optional<std::vector<Choice>> choices;  ///< The answers.
-  std::optional<Usage> usage;                  ///< What was counted.
+  std::optional<Usage> usage;                  ///< Token counts.
   std::string text;  ///< A readable rendering of all of it, for error texts.
 };
 
@@ -60,9 +61,9 @@ struct ChunkChoice {
 
 /// A piece of a streamed reply.
 struct Chunk {
-  Scalar model;                                     ///< Who answers.
+  Scalar model;                                     ///< The model that answers.
   std::optional<std::vector<ChunkChoice>> choices;  ///< Pieces of the answers.
-  std::optional<Usage> usage;                       ///< What was counted; in the last chunk.
+  std::optional<Usage> usage;                       ///< Token counts; in the last chunk.
   std::string text;                                 ///< As for `Completion`; may be empty.
 };
 
@@ -74,15 +75,24 @@ class ChunkStream {
   ChunkStream& operator=(const ChunkStream&) = delete;
   virtual ~ChunkStream() = default;
 
-  /// The next chunk, or nothing at the end. Blocks, for no longer than the client's timeout between
-  /// two pieces of the reply. Throws an OpenAIError.
+  /// Returns the next chunk, or nothing at the end. Blocks for no longer than the client's timeout
+  /// between two pieces of the reply. Throws an OpenAIError.
   virtual std::optional<Chunk> next() = 0;
 };
 
-/// The arguments of one request, in the order in which they are sent. Those that are absent are not
-/// sent at all.
+/// One message of a request.
+struct RequestMessage {
+  std::string role;     ///< "system", "user" or "assistant".
+  std::string content;  ///< UTF-8.
+  std::vector<std::pair<std::string, std::string>> others{};  ///< Further members, in order.
+
+  /// Returns whether all members are equal.
+  bool operator==(const RequestMessage&) const = default;
+};
+
+/// The arguments of one request, in the order in which they are sent. Absent ones are not sent.
 struct CreateArguments {
-  /// What a stream is to hold beside the answer.
+  /// What a stream holds beside the answer.
   struct StreamOptions {
     bool include_usage = true;  ///< Token counts, in the last chunk.
   };
@@ -92,11 +102,11 @@ struct CreateArguments {
     std::string type;  ///< "json_object".
   };
 
-  std::string model;                                                       ///< Who is to answer.
-  std::vector<std::vector<std::pair<std::string, std::string>>> messages;  ///< Members in order.
+  std::string model;                                ///< The model that is asked.
+  std::span<const RequestMessage> messages;         ///< Borrowed for the time of the request.
   double temperature = 0;                           ///< Sampling temperature.
   int max_tokens = 0;                               ///< Most tokens of the answer.
-  std::optional<bool> stream{};                     ///< Whether to send the answer in pieces.
+  std::optional<bool> stream{};                     ///< Asks for the answer in pieces.
   std::optional<StreamOptions> stream_options{};    ///< With `stream` only.
   std::optional<ResponseFormat> response_format{};  ///< Absent: any text.
 };
@@ -104,9 +114,9 @@ struct CreateArguments {
 /// What a client is made with.
 struct ClientArguments {
   std::string base_url;  ///< What "/chat/completions" is appended to.
-  std::string api_key;   ///< A secret; must be in no error text.
-  double timeout = 0;    ///< Seconds; bounds every wait of a request. 0: none.
-  int max_retries = 0;   ///< 0: exactly one try a request.
+  std::string api_key;   ///< A secret; must not be in any error text.
+  double timeout = 0;    ///< Bounds every wait of a request, in seconds; 0 means no limit.
+  int max_retries = 0;   ///< 0 means one attempt.
 };
 
 /// A client of one endpoint. Its destructor closes it and what it holds. Used by one thread.
@@ -117,8 +127,8 @@ class OpenAI {
   OpenAI& operator=(const OpenAI&) = delete;
   virtual ~OpenAI() = default;
 
-  /// `chat.completions.create`: the whole reply, or its stream when `arguments.stream` is true.
-  /// The stream is destroyed before the client. Throws an OpenAIError.
+  /// Calls `chat.completions.create`. Returns the whole reply, or its stream if `arguments.stream` is
+  /// true. The stream is destroyed before the client. Throws an OpenAIError.
   virtual std::variant<Completion, std::unique_ptr<ChunkStream>> create_chat_completion(
       const CreateArguments& arguments) = 0;
 };
@@ -126,11 +136,11 @@ class OpenAI {
 /// Any failure of a request. The text quotes what the provider says.
 class [[gnu::visibility("default")]] OpenAIError : public std::runtime_error {
  public:
-  /// `message` is redacted by who catches it; better that it holds no secret.
+  /// `message` should hold no secret. The client that catches the error removes its own secrets.
   explicit OpenAIError(const std::string& message, std::optional<int> status = std::nullopt)
       : std::runtime_error(message), _status(status) {}
 
-  /// The HTTP status of the reply, if there was one.
+  /// Returns the HTTP status of the reply, if there was one.
   [[nodiscard]] std::optional<int> status() const noexcept {
     return _status;
   }
@@ -157,7 +167,7 @@ class [[gnu::visibility("default")]] APITimeoutError : public APIConnectionError
   using APIConnectionError::APIConnectionError;
 };
 
-/// What the entry point returns: who made the object, and how to make a client.
+/// What the entry point returns.
 struct Library {
   std::uint32_t interface_version;  ///< INTERFACE_VERSION of the header it was built with.
   /// Makes a client. Throws an OpenAIError.

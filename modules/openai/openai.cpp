@@ -1,56 +1,33 @@
-// A binding of the OpenAI client library's face to this project's own HTTP engine: the library that
-// is there when no other is. Loaded at run time; knows nothing of the client that loads it.
+// The OpenAI client library's interface over this project's HTTP engine, for those who have no other
+// library. Loaded at run time. Does not know the client that loads it.
 #include "tovren_mapstead/openai.hpp"
 
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <tuple>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/http/response.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
+
+#include "openai/protocol.hpp"
 
 namespace {
 
 namespace http = tovren_mapstead::engines::http;
 namespace openai = tovren_mapstead::openai;
 using http::JsonValue;
-using Json = nlohmann::ordered_json;
 
-openai::Scalar to_scalar(const JsonValue& value) {
-  switch (value.kind()) {
-    case JsonValue::Kind::absent:
-    case JsonValue::Kind::null:
-      return {};
-    case JsonValue::Kind::boolean:
-      return value.boolean();
-    case JsonValue::Kind::integer:
-      if (const auto integer = value.integer()) return *integer;
-      return value.real();
-    case JsonValue::Kind::real:
-      return value.real();
-    case JsonValue::Kind::array:
-    case JsonValue::Kind::object:
-      if (value.empty()) return {};
-      break;
-    case JsonValue::Kind::string:
-      break;
-  }
-  return value.text();
-}
-
-// A piece of a text: half a character in it may find its other half in the next.
+// Returns a piece of a text. Half of a character in it may find its other half in the next piece.
 openai::Scalar to_piece(const JsonValue& value) {
-  if (value.kind() != JsonValue::Kind::string) return to_scalar(value);
+  if (value.kind() != JsonValue::Kind::string) return openai::to_scalar(value);
   std::string piece;
   value.append_text(piece);
   return piece;
@@ -58,11 +35,11 @@ openai::Scalar to_piece(const JsonValue& value) {
 
 std::optional<openai::Usage> to_usage(const JsonValue& usage) {
   if (usage.kind() != JsonValue::Kind::object) return std::nullopt;
-  return openai::Usage{.prompt_tokens = to_scalar(usage["prompt_tokens"]),
-                       .completion_tokens = to_scalar(usage["completion_tokens"])};
+  return openai::Usage{.prompt_tokens = openai::to_scalar(usage["prompt_tokens"]),
+                       .completion_tokens = openai::to_scalar(usage["completion_tokens"])};
 }
 
-// Makes one of the reply's choices: nobody asks for more than one, and a hostile reply may hold
+// Returns the first of the reply's choices: no request asks for more, and a hostile reply may hold
 // millions.
 template <class Choice, class Convert>
 std::optional<std::vector<Choice>> to_choices(const JsonValue& choices, Convert convert) {
@@ -86,13 +63,13 @@ openai::Completion to_completion(const JsonValue& reply, const http::Secrets& se
   }
   const auto to_choice = [](const JsonValue& choice) {
     openai::Choice converted{.message = std::nullopt,
-                             .finish_reason = to_scalar(choice["finish_reason"])};
+                             .finish_reason = openai::to_scalar(choice["finish_reason"])};
     if (const JsonValue message = choice["message"]; is_object(message)) {
-      converted.message = openai::Message{.content = to_scalar(message["content"])};
+      converted.message = openai::Message{.content = openai::to_scalar(message["content"])};
     }
     return converted;
   };
-  return {.model = to_scalar(reply["model"]),
+  return {.model = openai::to_scalar(reply["model"]),
           .choices = to_choices<openai::Choice>(reply["choices"], to_choice),
           .usage = to_usage(reply["usage"]),
           .text = http::redact(reply.text(), secrets)};
@@ -101,13 +78,13 @@ openai::Completion to_completion(const JsonValue& reply, const http::Secrets& se
 openai::Chunk to_chunk(const JsonValue& event) {
   const auto to_choice = [](const JsonValue& choice) {
     openai::ChunkChoice converted{.delta = std::nullopt,
-                                  .finish_reason = to_scalar(choice["finish_reason"])};
+                                  .finish_reason = openai::to_scalar(choice["finish_reason"])};
     if (const JsonValue delta = choice["delta"]; is_object(delta)) {
       converted.delta = openai::Message{.content = to_piece(delta["content"])};
     }
     return converted;
   };
-  return {.model = to_scalar(event["model"]),
+  return {.model = openai::to_scalar(event["model"]),
           .choices = to_choices<openai::ChunkChoice>(event["choices"], to_choice),
           .usage = to_usage(event["usage"]),
           .text = {}};
@@ -144,14 +121,7 @@ std::invoke_result_t<Step> translated(Step step) {
   }
 }
 
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view BLANKS = " \t\r\n";
-  const std::size_t begin = text.find_first_not_of(BLANKS);
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(BLANKS) + 1 - begin);
-}
-
-// What one request is bounded by. A reply borrows it for its life.
+// The bounds of one request. Must outlive its reply.
 struct Bounds {
   explicit Bounds(const openai::ClientArguments& arguments)
       : secrets{arguments.api_key}, timeout_s(arguments.timeout) {}
@@ -159,8 +129,8 @@ struct Bounds {
   Bounds(const Bounds&) = delete;  // the policy points here
   Bounds& operator=(const Bounds&) = delete;
 
-  // From now, a step may take the time limit as a whole: the engine's own bounds each silence, and
-  // a server that sends a comment now and then is never silent.
+  // The engine's timeout ends a silence only. A server that sends a comment now and then is never
+  // silent, so a step as a whole is limited, too.
   void begin_step() { began = http::Clock::now(); }
 
   [[nodiscard]] bool check_time() const {
@@ -181,7 +151,7 @@ struct Bounds {
 class EventStream final : public openai::ChunkStream {
  public:
   EventStream(std::unique_ptr<Bounds> bounds, http::Response reply)
-      : _bounds(std::move(bounds)), _reply(std::move(reply)) {}
+      : _bounds(std::move(bounds)), _reply(std::move(reply)), _events(_reply) {}
 
   std::optional<openai::Chunk> next() override {
     _bounds->begin_step();
@@ -190,16 +160,9 @@ class EventStream final : public openai::ChunkStream {
 
  private:
   std::optional<openai::Chunk> next_chunk() {
-    constexpr std::string_view PREFIX = "data:";
-    while (const auto raw = _ended ? std::nullopt : _reply.next_line()) {
-      if (!http::is_utf8(*raw)) throw openai::OpenAIError("the stream is not valid UTF-8");
-      std::ignore = _bounds->check_time();  // lines that came together are read without a wait
-      const std::string_view line = trimmed(*raw);
-      if (!line.starts_with(PREFIX)) continue;
-      const std::string_view payload = trimmed(line.substr(PREFIX.size()));
-      if (payload == "[DONE]") break;
-      const JsonValue event = _reply.reader().parse_padded(payload);
-      if (event.kind() != JsonValue::Kind::object) continue;
+    while (!_ended) {
+      const JsonValue event = _events.next();
+      if (!event.present()) break;
       if (const JsonValue error = event["error"]; !error.empty()) {
         const JsonValue message = error["message"];
         _error = http::redact((message.empty() ? error : message).text(), _reply.secrets());
@@ -209,7 +172,7 @@ class EventStream final : public openai::ChunkStream {
       return to_chunk(event);
     }
     _ended = true;
-    // A provider that has told its finish reason has given its answer, whatever it reports besides.
+    // After a finish reason the answer is complete, so an error that is reported as well is ignored.
     if (_error && !_finished) {
       throw openai::APIConnectionError(http::detail::without_nul("stream error: " + *_error));
     }
@@ -218,6 +181,7 @@ class EventStream final : public openai::ChunkStream {
 
   std::unique_ptr<Bounds> _bounds;
   http::Response _reply;
+  http::EventReader _events;
   std::optional<std::string> _error;
   bool _finished = false;
   bool _ended = false;
@@ -233,33 +197,12 @@ class WholeStream final : public openai::ChunkStream {
   std::optional<openai::Chunk> _chunk;
 };
 
-Json to_body(const openai::CreateArguments& arguments) {
-  Json messages = Json::array();
-  for (const auto& message : arguments.messages) {
-    Json& added = messages.emplace_back(Json::object());
-    for (const auto& [name, value] : message) added[name] = value;
-  }
-  Json body = Json::object();
-  body["model"] = arguments.model;
-  body["messages"] = std::move(messages);
-  body["temperature"] = arguments.temperature;
-  body["max_tokens"] = arguments.max_tokens;
-  if (arguments.stream) body["stream"] = *arguments.stream;
-  if (arguments.stream_options) {
-    body["stream_options"]["include_usage"] = arguments.stream_options->include_usage;
-  }
-  if (arguments.response_format) body["response_format"]["type"] = arguments.response_format->type;
-  return body;
-}
-
 class Client final : public openai::OpenAI {
  public:
   explicit Client(const openai::ClientArguments& arguments)
-      : _url(arguments.base_url.substr(0, arguments.base_url.find_last_not_of('/') + 1) +
-             "/chat/completions"),
-        _arguments(arguments) {}
+      : _url(openai::chat_url(arguments.base_url)), _arguments(arguments) {}
 
-  // One try, whatever `max_retries` says: whoever loads this has a retry loop of its own.
+  // Makes one attempt, whatever `max_retries` says: the client that loads this retries by itself.
   std::variant<openai::Completion, std::unique_ptr<openai::ChunkStream>> create_chat_completion(
       const openai::CreateArguments& arguments) override {
     const bool stream = arguments.stream.value_or(false);
@@ -270,7 +213,7 @@ class Client final : public openai::OpenAI {
       http::Response reply = http::send(_url,
                                         {.policy = bounds->policy,
                                          .timeout_s = bounds->timeout_s,
-                                         .body = to_body(arguments),
+                                         .body = openai::to_json(arguments),
                                          .headers = headers,
                                          .secrets = bounds->secrets},
                                         [](http::Response& open) { return std::move(open); });

@@ -79,7 +79,7 @@ Outcome make(const Call& call) {
                                .timeout_s = call.timeout_s,
                                .max_retries = 1},
                               {.transport = transport, .wait = call.wait});
-  const llm::Messages messages{{{"role", "user"}, {"content", std::string(call.size, 'x')}}};
+  const llm::Messages messages{llm::user(std::string(call.size, 'x'))};
   const auto moment = http::Clock::now() + (call.bound == Bound::none ? 0ms : call.until);
   // Stands for a flag that another thread sets.
   const http::StopTest stop = [=] { return http::Clock::now() >= moment; };
@@ -91,7 +91,7 @@ Outcome make(const Call& call) {
     told = client
                .chat(messages, {.should_stop = stops ? stop : http::StopTest(),
                                 .deadline = ends ? std::optional(moment) : std::nullopt})
-               .content;
+               .content();
     end = "answer";
   } catch (const llm::LLMStopped& error) {
     told = text_of(error);

@@ -95,7 +95,7 @@ class Run {
                                    .max_retries = _retries,
                                    .stream = number % 4 < 2},
                                   {.transport = _transport, .wait = wait});
-      const std::string answer = client.chat({{{"role", "user"}, {"content", id}}}).content;
+      const std::string answer = client.chat({llm::user(id)}).content();
       if (answer.find(id) == std::string::npos) error = "the answer of another call: " + answer;
     } catch (const llm::LLMError& failure) {
       error = failure.what();

@@ -138,7 +138,7 @@ inline llm::LLMResult carried(const llm::LLMConfig& config, const std::string& o
                               const std::string& path, int line = __builtin_LINE()) {
   const auto detour = std::make_shared<playback::Detour>(endpoint.url());
   const llm::LLMClient client(config, {.transport = detour});
-  llm::LLMResult result = client.chat({{{"role", "user"}, {"content", "Hello"}}});
+  llm::LLMResult result = client.chat({llm::user("Hello")});
   check(detour->meant_for().contains(origin), origin, line);
   check(endpoint.asked().back().target == path, endpoint.asked().back().target, line);
   return result;
@@ -176,5 +176,5 @@ using snippets::endpoint;
 inline const llm::LLMClient client({.base_url = endpoint.url() + "/v1",
                                     .model = "some-model",
                                     .api_key = "sk-made-up-key"});
-inline const llm::Messages messages{{{"role", "system"}, {"content", "You answer in JSON."}},
-                                    {{"role", "user"}, {"content", "Where are retries made?"}}};
+inline const llm::Messages messages{llm::system("You answer in JSON."),
+                                    llm::user("Where are retries made?")};

@@ -68,7 +68,7 @@ inline std::vector<Failure> failures() {
   const loopback::Server tls([](loopback::Exchange& exchange) { exchange.close(); }, {.tls = true});
   const std::string port = endpoint.url().substr(endpoint.url().rfind(':'));
   std::vector<Failure> failures{
-      failure_of([] { return llm::LLMClient({}).chat({}); }),
+      failure_of([] { return llm::LLMClient(llm::LLMConfig()).chat({}); }),
       failure_of([] { return llm::LLMClient({.base_url = "ftp://h"}).chat({}); }),
       ask(tls.url()),
       ask("https://127.0.0.1" + port),
@@ -100,7 +100,7 @@ inline std::vector<Failure> failures() {
   for (const int status : {400, 401, 402, 403, 404, 407, 413, 418, 429, 503}) {
     failures.push_back(after(reply(status, "told")));
   }
-  failures.push_back(bounded({}, {{{"content", "\xff"}}}));
+  failures.push_back(bounded({}, {llm::user("\xff")}));
   failures.push_back(bounded({.temperature = std::nan("")}));
   failures.push_back(bounded({.deadline = http::Clock::now() + 300ms}));  // the 503 still stands
   endpoint.forget();
@@ -114,8 +114,8 @@ inline std::vector<Failure> failures() {
     endpoint.replies(401, "told");
     if (status != 200) endpoint.exchanges(status, "told");
     const auto detour = std::make_shared<playback::Detour>(endpoint.url());
-    const llm::LLMConfig copilot{
-        .provider = "copilot", .base_url = "https://h", .model = "m", .max_retries = 0};
+    const llm::LLMConfig copilot(
+        {.provider = "copilot", .base_url = "https://h", .model = "m", .max_retries = 0});
     failures.push_back(
         failure_of([&] { return llm::LLMClient(copilot, {.transport = detour}).chat({}); }));
   }
@@ -126,8 +126,8 @@ inline std::vector<Failure> failures() {
     setenv("https_proxy", url.c_str(), 1);
     const auto transport = http::make_transport();
     unsetenv("https_proxy");
-    const llm::LLMConfig config{
-        .base_url = "https://h", .model = "m", .api_key = "sk-made-up-key", .max_retries = 0};
+    const llm::LLMConfig config(
+        {.base_url = "https://h", .model = "m", .api_key = "sk-made-up-key", .max_retries = 0});
     failures.push_back(
         failure_of([&] { return llm::LLMClient(config, {.transport = transport}).chat({}); }));
   }

@@ -169,14 +169,14 @@ Told ask(const llm::LLMClient& client, const Call& call, Clock::time_point start
   if (call.deadline) deadline = start + *call.deadline;
   try {
     const llm::LLMResult result =
-        client.chat({{{"role", "user"}, {"content", call.prompt}}},
+        client.chat({llm::user(call.prompt)},
                     {.response_json = call.json, .should_stop = should_stop, .deadline = deadline});
-    const llm::LLMResult whole{.content = result.content,
+    const llm::LLMResult whole{.content = result.content(),
                                .model = call.model,
                                .prompt_tokens = static_cast<std::int64_t>(call.prompt.size()),
                                .completion_tokens = static_cast<std::int64_t>(call.pieces.size()),
                                .finish_reason = "stop"};
-    return {Outcome::Kind::answer, result.content, result == whole};
+    return {Outcome::Kind::answer, result.content(), result == whole};
   } catch (const llm::LLMStopped& error) {
     return {Outcome::Kind::stopped, error.what()};
   } catch (const llm::LLMTimeout& error) {

@@ -44,7 +44,7 @@ class Copilot : public testing::Test {
   }
 
   static std::string chat(const LLMClient& with) {
-    return with.chat({{{"role", "user"}, {"content", "Hello"}}}).content;
+    return with.chat({llm::user("Hello")}).content();
   }
 
   static void answer(Exchange& exchange) {

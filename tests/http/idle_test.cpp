@@ -58,7 +58,7 @@ const Form FORMS[] = {
 std::string post(http::Transport& transport, const std::string& url, int number, bool whole) {
   const http::SendOptions options{.policy = POLICY,
                                   .timeout_s = 20,
-                                  .body = number,
+                                  .body = http::JsonObject().add("call", number),
                                   .headers = {},
                                   .secrets = {},
                                   .transport = &transport};
@@ -70,7 +70,8 @@ std::string post(http::Transport& transport, const std::string& url, int number,
 void judge(const Event& event, const Form& form, std::chrono::milliseconds after, bool tls) {
   std::atomic<int> begun = 0, played = 0;
   const auto serve = [&](Exchange& exchange) {
-    const char number = exchange.request().body.front();
+    const std::string& body = exchange.request().body;  // {"call":N}
+    const char number = body.at(body.size() - 2);
     std::string head = form.head, tail = form.tail;
     std::ranges::replace(head, '#', number);
     std::ranges::replace(tail, '#', number);
@@ -198,7 +199,7 @@ TEST(Idle, DeadPoolCostsOneAttempt) {
                               .stream = false},
                              {.transport = transport, .wait = [&](auto...) { ++waits; }});
       try {
-        return client.chat({{{"role", "user"}, {"content", "x"}}}).content;
+        return client.chat({llm::user("x")}).content();
       } catch (const llm::LLMError& error) {
         return error.what();
       }

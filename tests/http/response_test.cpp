@@ -74,12 +74,12 @@ TEST(Lines, MayBeLongAndManyInLinearTime) {
 }
 
 template <class Read>
-void post(Playback& transport, const std::string& url, const http::Headers& headers, const Json& body, Read read) {
+void post(Playback& transport, const std::string& url, const http::Headers& headers, const http::JsonObject& body, Read read) {
   http::send(url, {.policy = POLICY, .body = body, .headers = headers, .secrets = {}, .transport = &transport}, read);
 }
 
 TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
-  const auto refused = [](const std::string& url, const http::Headers& headers, const Json& body) {
+  const auto refused = [](const std::string& url, const http::Headers& headers, const http::JsonObject& body) {
     Playback transport({Reply{}});
     auto text = text_of<http::HttpFailure>([&] { post(transport, url, headers, body, [](http::Response&) {}); });
     EXPECT_TRUE(transport.requests.empty());
@@ -92,7 +92,7 @@ TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
   }
   refused("http://h", {{"bad name", "x"}}, {});
   refused(with_nul, {}, {});
-  refused("http://h", {}, Json{{"content", "sk-1 \xff"}});
+  refused("http://h", {}, http::JsonObject().add("content", "sk-1 \xff"));
 }
 
 // A transport that throws what it likes.

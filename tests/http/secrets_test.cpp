@@ -1,7 +1,7 @@
 #include <bit>
 
-#include "engines/http/quote.hpp"
 #include "support.hpp"
+#include "text/quote.hpp"
 
 namespace {
 
@@ -99,7 +99,7 @@ TEST(SecretsOf, KnowsWhereCredentialsStand) {
 }
 
 TEST(ErrorTexts, HoldNoSecretThatTheEngineItselfSays) {
-  const std::pair<int, Json> cases[] = {{401, 0}, {503, 0}, {200, {{"the key", "\xff"}}}};
+  const std::pair<int, http::JsonObject> cases[] = {{401, {}}, {503, {}}, {200, http::JsonObject().add("the key", "\xff")}};
   for (const auto& [status, body] : cases) {
     Playback transport({Reply{.status = status}});
     const http::Secrets secrets{"key", "server"};

@@ -13,11 +13,11 @@ namespace {
 
 using namespace support;
 
-const llm::Messages HELLO{{{"role", "user"}, {"content", "Hello"}}};
+const llm::Messages HELLO{llm::user("Hello")};
 const Reply WHOLE{.pieces = {R"({"model":"x","choices":[{"message":{"content":"hi"}}]})"}};
 const Reply STREAMED{.pieces = {"data: {\"model\":\"x\",\"choices\":[{\"delta\":{\"content\":\"hi\"}}]}\n\n"},
                      .content_type = "Text/Event-Stream; charset=utf-8"};
-const LLMResult HI{"hi", "x"};
+const LLMResult HI({.content = "hi", .model = "x"});
 
 // A client over played replies, its waits noted instead of waited.
 struct Scene {
@@ -125,7 +125,7 @@ TEST(Chat, DoesWithoutWhatAProviderRejects) {
 
 TEST(Chat, RefusesWhatCannotBeSent) {
   Scene scene({WHOLE});
-  const llm::Messages bad{{{"role", "user"}, {"content", "\xff"}}};
+  const llm::Messages bad{llm::user("\xff")};
   const auto text = text_of<llm::LLMError>([&] { std::ignore = scene.client.chat(bad); });
   EXPECT_TRUE(text.starts_with("LLM request cannot be") && contains(text, "UTF-8 at /messages/0/content")) << text;
   EXPECT_TRUE(scene.transport->requests.empty());
@@ -173,7 +173,7 @@ TEST(Chat, ServesManyThreadsOverAConnectionEach) {
   in_threads(8, [&] {
     for (int i = 0; i < 100; ++i) {
       const std::string word = std::to_string(++question);
-      right += client.chat({{{"role", "user"}, {"content", word}}}).content == word ? 1 : 0;
+      right += client.chat({llm::user(word)}).content() == word ? 1 : 0;
     }
   });
   EXPECT_EQ(right, 800);

@@ -3,7 +3,7 @@
 #include "engines/llm/reply/completion.hpp"
 #include "engines/llm/reply/reasoning.hpp"
 #include "engines/llm/reply/token_count.hpp"
-#include "engines/llm/stream/sse.hpp"
+#include "engines/llm/reply/stream.hpp"
 #include "support.hpp"
 
 namespace {
@@ -50,14 +50,14 @@ TEST(AsInt, ConvertsWhatIsANumber) {
 
 TEST(Completion, IsReadFromAWholeBody) {
   const std::pair<const char*, LLMResult> cases[] = {
-      {R"({"choices":[{}]})", {"", "m"}},
-      {R"({"choices":[{"message":false,"finish_reason":""}],"usage":[]})", {"", "m", 0, 0, ""}},
-      {R"({"model":"","choices":[{"message":{"content":"hi"}},{"message":{"content":"2"}}]})", {"hi", "m"}},
+      {R"({"choices":[{}]})", {{"", "m"}}},
+      {R"({"choices":[{"message":false,"finish_reason":""}],"usage":[]})", {{"", "m", 0, 0, ""}}},
+      {R"({"model":"","choices":[{"message":{"content":"hi"}},{"message":{"content":"2"}}]})", {{"hi", "m"}}},
       {R"({"model":5,"choices":[{"message":{"content":"\ud83d \ud83d\ude00"},"finish_reason":7}]})",
-       {"\uFFFD \U0001F600", "5", 0, 0, "7"}},
+       {{"\uFFFD \U0001F600", "5", 0, 0, "7"}}},
       {R"({"model":"x","choices":[{"message":{"content":" <think>p</think>\n\nA "},"finish_reason":"length"}],
            "usage":{"prompt_tokens":"12","completion_tokens":1e999}})",
-       {"A", "x", 12, 0, "length"}}};
+       {{"A", "x", 12, 0, "length"}}}};
   http::JsonReader reader;
   for (const auto& [text, result] : cases) EXPECT_EQ(llm::_parse_completion(reader.parse(text), "m"), result) << text;
 }

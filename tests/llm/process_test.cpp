@@ -18,7 +18,7 @@ namespace {
 
 using namespace support;
 
-const llm::Messages HELLO{{{"role", "user"}, {"content", "Hello"}}};
+const llm::Messages HELLO{llm::user("Hello")};
 
 void stream_slowly(Exchange& exchange) {
   exchange.start_stream();
@@ -31,7 +31,7 @@ LLMClient client_of(const Server& server, std::shared_ptr<http::Transport> trans
 }
 
 std::string ask(const LLMClient& client) {
-  return client.chat(HELLO, {.should_stop = [] { return false; }}).content;
+  return client.chat(HELLO, {.should_stop = [] { return false; }}).content();
 }
 
 TEST(Process, GoesOnThroughSignals) {

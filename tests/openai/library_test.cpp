@@ -21,32 +21,32 @@ TEST(Library, MayFailInEveryWay) {
     const char* model;
     bool stream;
     const char* told;  // an error's text; null: an answer
-    LLMResult answer{"", ""};
+    LLMResult answer{{"", ""}};
     int clients = 1;
     bool json = false;
     const char* url = "http://h/";
   };
 
   const Case cases[] = {
-      {"arguments", true, "call failed: http://h/ 7.000000 0 stream options json", {"", ""}, 1, true},
+      {"arguments", true, "call failed: http://h/ 7.000000 0 stream options json", {{"", ""}}, 1, true},
       {"arguments", false, "call failed: http://h/ 7.000000 0"},
       {"foreign", true, "LLM SDK call failed: foreign ***"},
       {"unknown", true, "call failed: the OpenAI client library raised an error of an unknown kind"},
-      {"501", false, "LLM call failed after 3 tries; last failure: 501 ***", {"", ""}, 3},
-      {"timeout", true, "LLM call failed after 3 tries; last failure: late", {"", ""}, 3},
-      {"rejects all", true, "call failed: no response_format, no streams", {"", ""}, 3, true},
+      {"501", false, "LLM call failed after 3 tries; last failure: 501 ***", {{"", ""}}, 3},
+      {"timeout", true, "LLM call failed after 3 tries; last failure: late", {{"", ""}}, 3},
+      {"rejects all", true, "call failed: no response_format, no streams", {{"", ""}}, 3, true},
       {"null stream", true, "call failed: the OpenAI client library gave another kind of reply"},
       {"wrong kind", true, "call failed: the OpenAI client library gave another kind of reply"},
       {"no choices", false, "LLM SDK response missing 'choices': all of ***"},
       {"empty choices", false, "LLM SDK response missing 'choices': all of ***"},
       {"no message", false, "call failed: the first choice of the reply has no message"},
-      {"breaks", true, "LLM call failed after 3 tries; last failure: broken ***", {"", ""}, 3},
+      {"breaks", true, "LLM call failed after 3 tries; last failure: broken ***", {{"", ""}}, 3},
       {"breaks oddly", true, "call failed: the OpenAI client library raised"},
-      {"m", true, "made no client", {"", ""}, 0, false, "http://no.client"},
-      {"nulls", false, nullptr, {"", "nulls"}},
-      {"numbers", false, nullptr, {"2.5", "5", 7, 0, "true"}},
-      {"no delta", true, nullptr, {"Hello", "x", 7, 8, "stop"}},
-      {"plain", true, nullptr, {"Hello", "plain"}}};
+      {"m", true, "made no client", {{"", ""}}, 0, false, "http://no.client"},
+      {"nulls", false, nullptr, {{"", "nulls"}}},
+      {"numbers", false, nullptr, {{"2.5", "5", 7, 0, "true"}}},
+      {"no delta", true, nullptr, {{"Hello", "x", 7, 8, "stop"}}},
+      {"plain", true, nullptr, {{"Hello", "plain"}}}};
   void* const library = dlopen(FAKE_LIBRARY, RTLD_LAZY);
   ASSERT_NE(library, nullptr) << dlerror();
   const auto counts = reinterpret_cast<void (*)(int*, int*)>(dlsym(library, "fake_counts"));

@@ -37,7 +37,7 @@ const std::string EVENTS = delta("<think>a</think> h") + delta("i", R"(,"finish_
                            "\n\n";
 const Script STREAMED = stream(EVENTS + "data: [DONE]\n\n");
 
-const LLMResult HI{"hi", "x", 1, 2, "stop"};
+const LLMResult HI{{"hi", "x", 1, 2, "stop"}};
 
 TEST(Roads, LeadToTheSameAnswers) {
   ASSERT_EQ(llm::_openai_available(), LIBRARY);
@@ -60,9 +60,9 @@ TEST(Roads, LeadToTheSameAnswers) {
       {"streamed", 's', 1, {STREAMED}},
       {"whole where a stream was asked for", 's', 1, {whole("hi")}},
       // The library's whole replies are passed on as they are.
-      {"whole, with reasoning", 'w', 1, {whole("<think>a</think> hi ")}, {LIBRARY ? "<think>a</think> hi " : "hi", "x", 1, 2, "stop"}},
-      {"half a character a delta", 's', 1, {stream(delta(R"(\ud83d)") + delta(R"(\ude00\ud83d)"))}, {"\U0001F600\uFFFD", "x"}},
-      {"half a character", 'w', 1, {whole(R"(\ud83dx)")}, {"\uFFFDx", "x", 1, 2, "stop"}},
+      {"whole, with reasoning", 'w', 1, {whole("<think>a</think> hi ")}, {{LIBRARY ? "<think>a</think> hi " : "hi", "x", 1, 2, "stop"}}},
+      {"half a character a delta", 's', 1, {stream(delta(R"(\ud83d)") + delta(R"(\ude00\ud83d)"))}, {{"\U0001F600\uFFFD", "x"}}},
+      {"half a character", 'w', 1, {whole(R"(\ud83dx)")}, {{"\uFFFDx", "x", 1, 2, "stop"}}},
       {"no JSON mode", 'j', 2, {{400, "response_format?"}, STREAMED}},
       {"no stream", 's', 2, {{400, "no Streams"}, whole("hi")}},
       {"busy twice", 's', 3, {{503, ""}, {429, ""}, STREAMED}},
@@ -96,7 +96,7 @@ TEST(Roads, LeadToTheSameAnswers) {
     }
     const LLMClient client({.base_url = server.url() + "/", .model = "m", .api_key = KEY, .stream = mode != 'w'},
                            {.wait = [](double, auto&, auto) {}});
-    return client.chat({{{"role", "user"}, {"content", "x"}}}, {.response_json = mode == 'j'});
+    return client.chat({llm::user("x")}, {.response_json = mode == 'j'});
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);

@@ -9,15 +9,18 @@
 #include <string_view>
 
 #include <fcntl.h>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "tovren_mapstead/engines/http/json.hpp"
+
+#include "json/json_members.hpp"
+#include "text/characters.hpp"
 
 namespace tovren_mapstead::engines::copilot {
 namespace {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::json;  // finds members in logarithmic time
 
 constexpr std::array<const char*, 3> VARIABLES{"COPILOT_GITHUB_TOKEN", "GH_TOKEN", "GITHUB_TOKEN"};
 constexpr std::array<const char*, 2> FILES{"apps.json", "hosts.json"};
@@ -32,16 +35,8 @@ std::string variable(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-// Pasted values come with blanks and line ends.
-std::string trimmed(const std::string& text) {
-  constexpr std::string_view BLANKS = " \t\r\n";
-  const std::size_t begin = text.find_first_not_of(BLANKS);
-  return begin == std::string::npos ? ""
-                                    : text.substr(begin, text.find_last_not_of(BLANKS) + 1 - begin);
-}
-
-void add(Credentials& found, const std::string& text) {
-  std::string credential = trimmed(text);
+void add(Credentials& found, std::string_view text) {
+  std::string credential(http::trim_blanks(text));  // pasted values come with blanks and line ends
   if (credential.empty() || found.size() == MAX_CREDENTIALS) return;
   if (std::ranges::find(found, credential) == found.end()) found.push_back(std::move(credential));
 }
@@ -94,15 +89,13 @@ std::optional<std::string> content_of(const fs::path& path) {
   return content;
 }
 
-// Keys are hosts, in newer files followed by the identifier of the application that signed in.
-void add_from(const Json& file, Credentials& found) {
-  if (!file.is_object()) return;
-  for (const auto& [key, entry] : file.get_ref<const Json::object_t&>()) {
-    if (key != "github.com" && !key.starts_with("github.com:")) continue;
-    if (!entry.is_object() || !entry.contains("oauth_token")) continue;
-    const Json& token = entry["oauth_token"];
-    if (token.is_string()) add(found, token.get_ref<const std::string&>());
-  }
+// Keys are hosts. In newer files the identifier of the application that signed in follows.
+void add_from(const http::JsonValue& file, Credentials& found) {
+  http::for_each_member(file, [&](std::string_view key, const auto& entry) {
+    if (key != "github.com" && !key.starts_with("github.com:")) return;
+    const http::JsonValue token = entry()["oauth_token"];
+    if (token.kind() == http::JsonValue::Kind::string) add(found, token.text());
+  });
 }
 
 }  // namespace
@@ -116,7 +109,8 @@ Credentials CredentialSources::find() const {
   if (_folder.empty()) return found;
   for (const char* const name : FILES) {
     if (const auto content = content_of(_folder / name)) {
-      add_from(Json::parse(*content, nullptr, false), found);
+      http::JsonReader reader;
+      add_from(reader.parse(*content), found);
     }
   }
   return found;

@@ -11,8 +11,8 @@
 #include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 
-#include "engines/http/text.hpp"
-#include "engines/http/time.hpp"
+#include "engines/http/clock.hpp"
+#include "text/characters.hpp"
 
 namespace tovren_mapstead::engines::copilot {
 namespace {
@@ -152,7 +152,7 @@ std::variant<Token, Refusal> exchange(const std::string& credential, const AuthO
     return http::get(TOKEN_URL,
                      {.policy = policy,
                       .timeout_s = policy.timeout_s,
-                      .headers = headers,
+                      .headers = std::move(headers),
                       .secrets = secrets,
                       .transport = options.transport.get()},
                      read);

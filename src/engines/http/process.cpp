@@ -78,7 +78,7 @@ void prepare() {
 
 }  // namespace
 
-UnderWay::UnderWay() {
+CallGuard::CallGuard() {
   prepare();  // a call before `main` may come first
   // Exit handlers run in reverse, so this one runs before those of all that calls need.
   if (!exit_watched.exchange(true)) std::atexit(end_calls);
@@ -86,7 +86,7 @@ UnderWay::UnderWay() {
   ++calls;
 }
 
-UnderWay::~UnderWay() {
+CallGuard::~CallGuard() {
   --calls;
 }
 

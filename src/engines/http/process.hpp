@@ -11,13 +11,13 @@ namespace tovren_mapstead::engines::http {
 
 /// Held by a thread for as long as it is inside the engine. Once `exit` has begun, those calls are
 /// stopped, and the process waits up to a second for their threads to leave.
-class TOVREN_EXPORT UnderWay {
+class TOVREN_EXPORT CallGuard {
  public:
   /// Throws Stopped when the process is ending.
-  UnderWay();
-  UnderWay(const UnderWay&) = delete;
-  UnderWay& operator=(const UnderWay&) = delete;
-  ~UnderWay();
+  CallGuard();
+  CallGuard(const CallGuard&) = delete;
+  CallGuard& operator=(const CallGuard&) = delete;
+  ~CallGuard();
 };
 
 /// Throws Stopped when the process is ending. To be called in every wait.

@@ -1,3 +1,5 @@
+#include "tovren_mapstead/engines/http/response.hpp"
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -5,35 +7,36 @@
 #include <optional>
 #include <utility>
 
-#include "tovren_mapstead/engines/http/json.hpp"
-#include "tovren_mapstead/engines/http/send.hpp"
+#include "tovren_mapstead/engines/http/utf8.hpp"
 
+#include "engines/http/clock.hpp"
 #include "engines/http/process.hpp"
-#include "engines/http/quote.hpp"
-#include "engines/http/text.hpp"
-#include "engines/http/time_limit.hpp"
+#include "json/json_mend.hpp"
+#include "text/characters.hpp"
+#include "text/quote.hpp"
+#include "text/trim.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// How long the text of a failed reply may take to come: its status is known already, so it is not
-// worth the patience that an answer is.
+// How long the text of a failed reply may take to come. Its status is known already, so the text is
+// worth less patience than an answer.
 constexpr double QUOTE_PATIENCE_S = 5.0;
 
-// What a transport may hand out at once of a reply that comes fast, and the padding: room for it
-// all, or growing to it would cost as much again for a while.
-constexpr std::size_t BURST_BYTES = (std::size_t{64} << 10U) + Response::PADDING;
+// The most that a transport hands out at once of a reply that comes fast, and the padding. To grow
+// to it later would need the memory twice for a while.
+constexpr std::size_t BURST_BYTES = (std::size_t{64} << 10U) + JsonReader::PADDING;
 
 std::string mebibytes(std::size_t bytes) {
   constexpr std::size_t MIB = std::size_t{1} << 20U;
   return bytes % MIB == 0 ? std::to_string(bytes / MIB) + " MiB" : std::to_string(bytes) + " bytes";
 }
 
-// How many bytes at the end of `text` begin a UTF-8 character that needs more bytes.
+// Returns how many bytes at the end of `text` begin a UTF-8 character that needs more bytes.
 std::size_t unfinished(std::string_view text) {
   constexpr std::size_t LONGEST = 4;
   for (std::size_t width = 1; width < LONGEST && width <= text.size(); ++width) {
-    // The least and the greatest byte that can follow: each lead takes one of the two.
+    // Each first byte can be followed by the least or by the greatest continuation byte.
     for (const char next : {'\x80', '\xBF'}) {
       std::array<char, LONGEST> whole{};
       whole.fill(next);
@@ -44,8 +47,8 @@ std::size_t unfinished(std::string_view text) {
   return 0;
 }
 
-// Where the next `character` stands in a growing buffer. Looks at each byte once, however short the
-// lines are and however rare the character.
+// Finds the next occurrence of a character in a growing buffer. Looks at each byte once, however
+// short the lines are and however rare the character.
 class Finder {
  public:
   explicit Finder(char character) : _character(character) {}
@@ -90,64 +93,32 @@ struct Response::Impl {
     return guarded([&] { return transport.open(std::move(request), watch); });
   }
 
-  // The one place where what went wrong on the way becomes an error of the engine. A transport of
-  // the caller's may throw those of the engine, too: they stay what they are, without the secrets.
+  // Runs a step of the transport. The one place where a transport's failure becomes an error of the
+  // engine. A transport may throw the engine's errors as well: only their secrets are removed.
   template <class Step>
   std::invoke_result_t<Step> guarded(Step step) {
     try {
       return step();
-    } catch (const TransportTimeout& error) {
-      failed = true;
-      throw TimedOut(quote(error.what(), secrets, QUOTED_BYTES));
     } catch (const TransportError& error) {
-      fail(error);
-    } catch (const HttpFailure& failure) {
       failed = true;
-      throw redacted(failure);
-    } catch (const TimedOut& error) {
-      fail_again(error);
-    } catch (const Retryable& error) {
-      fail_again(error);
-    } catch (const Stopped& error) {
-      fail_again(error);
-    } catch (const DeadlineExceeded& error) {
-      fail_again(error);
-    } catch (const Exhausted& error) {
-      fail_again(error);
-    } catch (const Error& error) {
-      fail_again(error);
+      const std::string text = quote(error.what(), secrets);
+      // A proxy's status sorts the failure, but it is not the status of a reply.
+      const auto status = error.status();
+      const bool again = status ? policy.retry_statuses.contains(*status) : error.transient();
+      if (again) throw Retryable(text);
+      throw HttpFailure("request failed: " + text);
+    } catch (Error& error) {
+      failed = true;
+      error.redact(secrets);
+      throw;
     } catch (...) {
       failed = true;
       throw;
     }
   }
 
-  template <class Kind>
-  [[noreturn]] void fail_again(const Kind& error) {
-    failed = true;
-    throw Kind(redact(error.what(), secrets), error.status());
-  }
-
-  [[nodiscard]] HttpFailure redacted(const HttpFailure& failure) const {
-    const std::string text = redact(failure.what(), secrets);
-    const std::string detail = redact(failure.detail(), secrets);
-    const std::string tail = ": " + detail;
-    // A secret that reached into the detail has taken its start away.
-    if (detail.empty() || !text.ends_with(tail)) return HttpFailure(text, failure.status());
-    return HttpFailure(text.substr(0, text.size() - tail.size()), failure.status(), detail);
-  }
-
-  [[noreturn]] void fail(const TransportError& error) {
-    failed = true;
-    const std::string text = quote(error.what(), secrets, QUOTED_BYTES);
-    // A proxy's status is not the server's: it sorts the failure, and is told in the text alone.
-    const auto status = error.status();
-    if (status ? policy.retry_statuses.contains(*status) : error.transient()) throw Retryable(text);
-    fail(text);
-  }
-
-  // Appends what comes next to `into`; false at the end of the body. Asks for stop and deadline
-  // itself: a transport of the caller's may not.
+  // Appends what comes next to `into`; returns false at the end of the body. Checks stop and deadline
+  // itself, because a transport of the caller's may not.
   bool pull(std::string& into) {
     if (std::exchange(reading, true)) {
       guarded([&] { watch.check_call("reading", "the reply"); });
@@ -155,7 +126,7 @@ struct Response::Impl {
     return guarded([&] { return exchange->read(into, watch); });
   }
 
-  // Gets more of the body into the buffer; false at the end of the body.
+  // Reads more of the body into the buffer; returns false at the end of the body.
   bool fill() {
     buffer.resize(size);  // takes off the padding
     if (start > 0) {
@@ -168,20 +139,23 @@ struct Response::Impl {
     if (reading) buffer.reserve(BURST_BYTES);
     const bool more = pull(buffer);
     size = buffer.size();
-    buffer.append(PADDING, '\0');
-    if (size > 0) guarded([&] { lines_limit.check(); });
+    buffer.append(JsonReader::PADDING, '\0');
+    if (size > 0 && has_passed(lines_end_at)) {
+      failed = true;
+      throw Retryable("stream exceeded timeout before completing");
+    }
     return more;
   }
 
-  // Passes over the LF of a CRLF whose CR has ended its line already, so that a sender that stops
-  // between the two is not waited for.
+  // Skips the LF of a CRLF. The CR has ended the line already, so that nobody waits for a sender that
+  // stops between the two.
   void skip_line_feed() {
     if (!after_carriage_return || start == size) return;
     after_carriage_return = false;
     if (buffer[start] == '\n') ++start;
   }
 
-  // What has come and has not been handed out.
+  // Returns what has come and has not been handed out.
   std::string take_buffer() {
     skip_line_feed();
     line_feed = Finder('\n');
@@ -200,9 +174,8 @@ struct Response::Impl {
     fail("a line of the reply is longer than " + mebibytes(policy.max_line_bytes));
   }
 
-  // Cuts the line that ends at `end` off the buffer, with its line end if it has come.
+  // Takes the line that ends at `end` from the buffer, with its line end if that has come.
   std::string_view take_line(std::size_t end) {
-    constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
     check_line(end - start);
     std::string_view line(buffer.data() + start, end - start);
     start = std::min(end + 1, size);
@@ -212,16 +185,16 @@ struct Response::Impl {
     return line;
   }
 
-  const UnderWay under_way;
+  const CallGuard guard;
   const int exceptions_before = std::uncaught_exceptions();
   const RetryPolicy& policy;
   Secrets secrets;
   bool failed = false;
   Watch watch;
   std::unique_ptr<Exchange> exchange;
-  std::optional<JsonReader> reader;  // where the exchange has none
+  JsonReader reader;
   std::string buffer;
-  TimeLimit lines_limit{0};
+  std::optional<Deadline> lines_end_at;
   bool reading = false;   // of the body
   std::size_t start = 0;  // of what has not been handed out
   std::size_t size = 0;   // of what has come; behind it is padding
@@ -267,13 +240,11 @@ const Secrets& Response::secrets() const noexcept {
 }
 
 void Response::limit_lines(double timeout_s) {
-  _impl->lines_limit = TimeLimit(timeout_s);
+  _impl->lines_end_at = time_limit(timeout_s);
 }
 
 JsonReader& Response::reader() {
-  if (JsonReader* const kept = _impl->exchange->reader()) return *kept;
-  if (!_impl->reader) _impl->reader.emplace();
-  return *_impl->reader;
+  return _impl->reader;
 }
 
 std::string Response::read_rest(std::size_t max_bytes) {
@@ -296,11 +267,56 @@ std::string Response::quote_rest() {
   } catch (const Retryable&) {  // what has come is enough
   } catch (const HttpFailure&) {
   }
-  return quote(body, self.secrets, detail_limit(self.policy));
+  return quote(body, self.secrets, quoted_chars(self.policy.detail_chars));
 }
 
 std::string content_type(const Response& reply) {
   return lower_case(reply.head().content_type);
+}
+
+JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& secrets) {
+  std::string body = reply.read_rest(policy.max_body_bytes);
+  const std::size_t size = body.size();
+  body.append(JsonReader::PADDING, '\0');
+  std::string_view text(body.data(), size);
+  if (text.starts_with(BYTE_ORDER_MARK)) text.remove_prefix(BYTE_ORDER_MARK.size());
+  const JsonValue root = reply.reader().parse_padded(text);
+  if (root.present()) return root;
+  std::string what = "request failed: the reply is not JSON; check that the URL is that of an API";
+  switch (fault_of(text)) {
+    case JsonFault::cut_short:
+      throw Retryable("reply breaks off in the middle of its JSON");
+    case JsonFault::too_deep:
+      what = "request failed: the JSON of the reply is nested too deeply";
+      break;
+    case JsonFault::wrong:
+      break;
+  }
+  throw HttpFailure(redact(what, secrets), reply.head().status,
+                    quote(text.substr(0, QUOTED_BYTES), secrets, quoted_chars(policy.detail_chars)));
+}
+
+JsonValue EventReader::next() {
+  constexpr std::string_view PREFIX = "data:";
+  const auto require_utf8 = [](std::string_view line) {
+    if (line.empty() || is_utf8(line)) return;
+    throw HttpFailure("stream is not valid UTF-8; ask again, without streaming if it stays so");
+  };
+  while (const std::optional<std::string_view> raw = _reply.next_line()) {
+    const std::string_view line = trim(*raw);
+    if (!line.starts_with(PREFIX)) {
+      require_utf8(*raw);
+      continue;
+    }
+    std::string_view payload = line.substr(PREFIX.size());
+    if (payload.starts_with(' ')) payload.remove_prefix(1);  // usual, and cheaper than `trim`
+    payload = trim(payload);
+    if (payload == "[DONE]") break;
+    const JsonValue event = _json.parse_padded(payload);
+    if (event.kind() == JsonValue::Kind::object) return event;
+    if (!event.present()) require_utf8(*raw);
+  }
+  return {};
 }
 
 }  // namespace tovren_mapstead::engines::http

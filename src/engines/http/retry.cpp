@@ -1,53 +1,35 @@
 #include "tovren_mapstead/engines/http/retry.hpp"
 
-#include <algorithm>
-#include <thread>
+#include <chrono>
 
-#include "engines/http/process.hpp"
-#include "engines/http/quote.hpp"
-#include "engines/http/time.hpp"
+#include "tovren_mapstead/openai.hpp"
+
+#include "text/quote.hpp"
 
 namespace tovren_mapstead::engines::http {
 
-void wait_unless_stopped(double period_s, const StopTest& should_stop,
-                         std::optional<Deadline> deadline) {
-  const auto end = after(Clock::now(), period_s);
-  for (;;) {
-    check_process();
-    if (should_stop && should_stop()) throw Stopped("stopped by the caller during a wait");
-    if (deadline && (!end || *end >= *deadline)) {
-      throw DeadlineExceeded("the wait would last past the deadline");
-    }
-    const auto now = Clock::now();
-    if (end && now >= *end) return;
-    const auto next = now + (should_stop ? STOP_POLL : LONGEST_NAP);
-    std::this_thread::sleep_until(end ? std::min(next, *end) : next);
-  }
+// A timeout is a kind of connection error.
+bool is_transient(const std::exception& error, const StatusSet& statuses) {
+  if (dynamic_cast<const openai::APIConnectionError*>(&error) != nullptr) return true;
+  const auto status = status_of(error);
+  return status && statuses.contains(*status);
 }
 
-RetryPolicy RetryPolicy::with(const Call& call) const {
-  return {.attempts = attempts,
-          .backoff_s = backoff_s,
-          .timeout_s = timeout_s,
-          .retry_statuses = retry_statuses,
-          .detail_chars = detail_chars,
-          .wait = wait,
-          .should_stop = call.should_stop,
-          .deadline = call.deadline,
-          .max_body_bytes = max_body_bytes,
-          .max_line_bytes = max_line_bytes};
+std::optional<int> status_of(const std::exception& error) {
+  const auto* const known = dynamic_cast<const openai::OpenAIError*>(&error);
+  return known == nullptr ? std::nullopt : known->status();
 }
 
 namespace detail {
 
-// "LLM call OUTCOME; last failure: ...". The failure was cut to `detail_chars` where it quotes a
-// reply; the room beyond that is for the words around the quotation.
+// Returns "LLM call OUTCOME; last failure: ...". The failure quotes up to `detail_chars` of a reply,
+// and has words around the quotation.
 std::string RetryLoop::text(std::string_view outcome) const {
   constexpr std::size_t ROOM_FOR_WORDS = 200;
   std::string text = _options.label;
   text.append(" ").append(outcome);
   if (!_last_failure.empty()) text.append("; last failure: ").append(_last_failure);
-  return quote(text, _options.secrets, detail_limit(_policy) + ROOM_FOR_WORDS);
+  return quote(text, _options.secrets, quoted_chars(_policy.detail_chars) + ROOM_FOR_WORDS);
 }
 
 void RetryLoop::check_stop() const {
@@ -61,10 +43,11 @@ double RetryLoop::begin() {
   const double timeout_s = _policy.timeout_s;
   if (_policy.deadline) {
     const auto now = Clock::now();
-    if (now >= *_policy.deadline)
+    if (now >= *_policy.deadline) {
       throw DeadlineExceeded(text("ran out of time: its deadline has passed; allow more time"));
+    }
     const std::chrono::duration<double> left = *_policy.deadline - now;
-    // 0 stands for any silence, which the deadline cuts as well.
+    // 0 means no limit, so it is cut as well.
     if (timeout_s == 0 || !(timeout_s < left.count())) return left.count();
   }
   return timeout_s;
@@ -75,8 +58,8 @@ void RetryLoop::failed(const Retryable& failure) {
   _last_failure = failure.what();
   check_stop();
   if (_made < _policy.attempts) return;
-  throw Exhausted(text("failed " + (_made == 1 ? std::string("at the only try")
-                                               : "after " + std::to_string(_made) + " tries")));
+  throw Exhausted(text(_made == 1 ? "failed after 1 attempt (no retries)"
+                                  : "failed after " + std::to_string(_made) + " attempts"));
 }
 
 void RetryLoop::wait() {
@@ -86,7 +69,7 @@ void RetryLoop::wait() {
     throw Stopped(text("was stopped by its caller"));
   } catch (const DeadlineExceeded&) {
     throw DeadlineExceeded(
-        text("ran out of time: no try could begin before its deadline; allow more time"));
+        text("ran out of time: no attempt could begin before its deadline; allow more time"));
   }
   _backoff_s *= 2;
 }

@@ -4,33 +4,30 @@
 #include <array>
 #include <utility>
 
-#include <nlohmann/json.hpp>
-
-#include "engines/http/json_text.hpp"
-#include "engines/http/quote.hpp"
-#include "engines/http/text.hpp"
+#include "text/characters.hpp"
+#include "text/quote.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {
 
 constexpr std::string_view USER_AGENT = "tovren-mapstead/" TOVREN_MAPSTEAD_VERSION;
 
-// What the user can do about a status. About 401 the caller knows more.
+// What the user can do about a status. The caller knows what to do about 401.
 struct Advice {
   int status;
   std::string_view text;
 };
 
 constexpr std::array<Advice, 10> ADVICE{{
-    {.status = 400, .text = "the server does not accept the request as it is"},
+    {.status = 400, .text = "the server rejected the request; see its message"},
     {.status = 402, .text = "check the account's credit"},
     {.status = 403, .text = "the credential does not permit this; check it and the account"},
     {.status = 404, .text = "check the URL and the model name"},
     {.status = 405, .text = "check the URL"},
     {.status = 407, .text = "the proxy wants a user name and password; check the proxy variables"},
     {.status = 413, .text = "the request is too large; send less"},
-    {.status = 422, .text = "the server does not accept the request as it is"},
-    {.status = 429, .text = "the server limits the rate or the account; ask less often, or later"},
+    {.status = 422, .text = "the server rejected the request; see its message"},
+    {.status = 429, .text = "the server limits the rate or the account; send requests less often, or later"},
     {.status = 501, .text = "the server does not offer this"},
 }};
 
@@ -40,10 +37,10 @@ std::string in_words(int status, std::string_view advice_on_401) {
   if (status == 401) return text + " (" + std::string(advice_on_401) + ")";
   const auto* const advice = std::ranges::find(ADVICE, status, &Advice::status);
   if (advice != ADVICE.end()) return text + " (" + std::string(advice->text) + ")";
-  return status / 100 == 5 ? text + " (the server is in trouble; try again later)" : text;
+  return status / 100 == 5 ? text + " (the server failed; try again later)" : text;
 }
 
-// The engine writes header lines as they are given, so a value that ends one could add another.
+// Header lines are written as they are given, so a line end in a value could add another header.
 void refuse_unsafe(const std::string& url, const Headers& headers) {
   // Not `find_first_of`, which calls a function for each character.
   const auto breaks = [](char c) { return c == '\r' || c == '\n' || c == '\0'; };
@@ -53,11 +50,11 @@ void refuse_unsafe(const std::string& url, const Headers& headers) {
   }
   for (const auto& [name, value] : headers) {
     if (name.empty() || std::ranges::any_of(name, ends_name)) {
-      throw HttpFailure("request cannot be sent: a header has a name that is not one");
+      throw HttpFailure("request cannot be sent: a header name is empty or holds a blank, a colon or a line break");
     }
     if (std::ranges::any_of(value, breaks)) {
       throw HttpFailure("request cannot be sent: the value of the header " + name +
-                        " holds a line break or NUL; was a key pasted with its newline?");
+                        " holds a line break or NUL; was a key pasted with its line end?");
     }
   }
 }
@@ -69,8 +66,8 @@ void add_unless_given(Headers& headers, const std::string& name, std::string_vie
 }
 
 std::string redirect(const Head& head, const RetryPolicy& policy, const Secrets& secrets) {
-  const std::size_t location_chars = std::min(std::size_t{200}, detail_limit(policy));
-  // Without what a URL can carry besides: user information and the query can hold credentials.
+  const std::size_t location_chars = std::min(std::size_t{200}, quoted_chars(policy.detail_chars));
+  // Without user information and query, which can hold credentials.
   std::string_view location = head.location;
   location = location.substr(0, location.find_first_of("?#"));
   const bool bare = location.find('@') == std::string_view::npos;
@@ -79,7 +76,7 @@ std::string redirect(const Head& head, const RetryPolicy& policy, const Secrets&
          (to.empty() ? "" : " to " + to) + ", which is not followed; use the final URL)";
 }
 
-// Who is stopped while the reason comes still learns the status.
+// A call that is stopped while the reason comes still tells the status.
 std::string quote_rest(Response& reply) {
   try {
     return reply.quote_rest();
@@ -115,20 +112,22 @@ Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
 
 namespace detail {
 
-Response post(const std::string& url, const SendOptions& options) {
-  Request request{.method = Method::post, .url = url, .headers = options.headers};
-  try {
-    request.body = write_json(options.body);
-  } catch (const HttpFailure& failure) {  // names a place in the body, which may hold a secret
-    throw HttpFailure(redact(failure.what(), options.secrets));
+Response post(const std::string& url, SendOptions options) {
+  if (const std::string& fault = options.body.fault(); !fault.empty()) {
+    // It names a place in the body, which may hold a secret.
+    throw HttpFailure(redact("request cannot be written as JSON: " + fault, options.secrets));
   }
+  Request request{.method = Method::post,
+                  .url = url,
+                  .headers = std::move(options.headers),
+                  .body = std::move(options.body).text()};
   add_unless_given(request.headers, "Content-Type", "application/json");
   return exchange(std::move(request), options.timeout_s, options.policy, options.secrets,
                   options.transport, options.advice_on_401);
 }
 
-Response get(const std::string& url, const GetOptions& options) {
-  return exchange({.method = Method::get, .url = url, .headers = options.headers},
+Response get(const std::string& url, GetOptions options) {
+  return exchange({.method = Method::get, .url = url, .headers = std::move(options.headers)},
                   options.timeout_s, options.policy, options.secrets, options.transport);
 }
 

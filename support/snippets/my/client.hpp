@@ -25,13 +25,12 @@ class Client {
       : _base_url(std::move(base_url)), _api_key(std::move(api_key)) {}
 
   [[nodiscard]] std::string ask(
-      const std::string& model,
-      const std::vector<std::vector<std::pair<std::string, std::string>>>& messages) const {
+      const std::string& model, const std::string& question) const {
     if (model == "offline") throw Offline(_base_url + " cannot be reached");
     if (model == "503") throw Refused("busy", 503);
     if (model == "401") throw Refused("the key " + _api_key + " is refused", 401);
     if (model == "odd") throw std::runtime_error("something odd");
-    return "You said: " + messages.back().back().second;
+    return "You said: " + question;
   }
 
  private:

@@ -1,77 +1,73 @@
-// What an exchange or a retry loop can end in. The engine makes these texts free of the secrets it
-// was given before it throws, so whoever prints one later cannot leak them.
+// How an exchange, a retry loop or a transport fails. The engine removes its caller's secrets from
+// these texts before it throws, so whoever prints one later cannot leak them.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/export.hpp"
 
 namespace tovren_mapstead::engines::http {
 
 namespace detail {
 
-/// `text` with U+FFFD for each NUL: `what()` would end at the first.
-[[nodiscard]] inline std::string without_nul(const std::string& text) {
-  if (text.find('\0') == std::string::npos) return text;
-  std::string out;
-  for (const char c : text) c == '\0' ? out += "\uFFFD" : out += c;
-  return out;
-}
+/// Returns `text` with U+FFFD for each NUL, because `what()` would end at the first.
+[[nodiscard]] TOVREN_EXPORT std::string without_nul(const std::string& text);
 
 }  // namespace detail
 
-/// The engine's errors have this base, so that a caller of the engine alone can catch them all.
+/// The base of the engine's errors.
 class TOVREN_EXPORT Error : public std::runtime_error {
  public:
-  /// `message` is quoted as it is, but for NUL, which becomes U+FFFD: it must hold no secret.
+  /// `message` must hold no secret. NUL in it becomes U+FFFD.
   explicit Error(const std::string& message, std::optional<int> status = std::nullopt)
       : std::runtime_error(detail::without_nul(message)), _status(status) {}
 
-  /// The HTTP status of the reply behind the failure, or that was being read; absent: none came.
+  /// Returns the HTTP status of the reply behind the failure; nothing if there was no reply.
   [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+
+  /// Removes `secrets` from the text, for a handler that rethrows the error.
+  virtual void redact(const Secrets& secrets);
 
  private:
   std::optional<int> _status;
 };
 
-/// A failure that another attempt may mend: `retry` makes one if its policy has any left.
+/// A failure that another attempt may avoid. `retry` makes one if its policy has any left.
 class TOVREN_EXPORT Retryable : public Error {
  public:
   using Error::Error;
 };
 
-/// The peer was silent for longer than the time limit.
+/// No data came or went for longer than the idle timeout.
 class TOVREN_EXPORT TimedOut : public Retryable {
  public:
   using Retryable::Retryable;
 };
 
-/// A failure that no repetition mends: a refusing status, a bad URL, a certificate, a request that
-/// cannot be written.
+/// A failure that repetition does not avoid: a refusing status, a bad URL, a certificate, a request
+/// that cannot be written.
 class TOVREN_EXPORT HttpFailure : public Error {
  public:
   /// The text is `what`, followed by ": " and `detail` unless that is empty.
   explicit HttpFailure(const std::string& what, std::optional<int> status = std::nullopt,
-                       const std::string& detail = {})
-      : Error(detail.empty() ? what : what + ": " + detail, status),
-        _detail_chars(http::detail::without_nul(detail).size()) {}
+                       const std::string& detail = {});
 
-  /// The quoted start of the server's reply, or nothing. Lives as long as this error.
-  [[nodiscard]] std::string_view detail() const noexcept {
-    const std::string_view text = what();
-    return text.substr(text.size() - std::min(text.size(), _detail_chars));
-  }
+  /// Returns the quoted start of the server's reply, which may be empty. Lives as long as this
+  /// error.
+  [[nodiscard]] std::string_view detail() const noexcept;
+
+  void redact(const Secrets& secrets) override;
 
  private:
-  std::size_t _detail_chars;
+  std::size_t _detail_bytes;
 };
 
-/// The caller's stop test said stop.
+/// The caller's stop test ended the call.
 class TOVREN_EXPORT Stopped : public Error {
  public:
   using Error::Error;
@@ -87,6 +83,28 @@ class TOVREN_EXPORT DeadlineExceeded : public Error {
 class TOVREN_EXPORT Exhausted : public Error {
  public:
   using Error::Error;
+};
+
+/// What a transport throws when it cannot carry a request. The engine makes a Retryable or an
+/// HttpFailure of it and removes the secrets from its text.
+class TOVREN_EXPORT TransportError : public std::runtime_error {
+ public:
+  /// `transient` says that the same request may get through when it is sent again. `status` is that
+  /// of a proxy which refused to pass the request on: it is sorted like a server's, whatever
+  /// `transient` is.
+  TransportError(const std::string& message, bool transient,
+                 std::optional<int> status = std::nullopt)
+      : std::runtime_error(detail::without_nul(message)), _transient(transient), _status(status) {}
+
+  /// Returns whether the same request may get through when it is sent again.
+  [[nodiscard]] bool transient() const noexcept { return _transient; }
+
+  /// Returns the HTTP status with which a proxy refused; nothing for any other failure.
+  [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
+
+ private:
+  bool _transient;
+  std::optional<int> _status;
 };
 
 }  // namespace tovren_mapstead::engines::http

@@ -10,7 +10,7 @@
 namespace tovren_mapstead::engines::llm {
 
 /// Raised when an LLM chat completion fails (after retries). Its text says what to do and holds no
-/// secret. Where one failure caused another, it is nested (`std::rethrow_if_nested`).
+/// secret. A CopilotError that caused it is nested in it (`std::rethrow_if_nested`).
 class TOVREN_EXPORT LLMError : public std::runtime_error {
  public:
   /// `message` must hold no secret. NUL in it becomes U+FFFD.

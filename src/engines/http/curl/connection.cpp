@@ -14,9 +14,6 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// The JSON reader of a larger reply is not kept: idle connections would hold its memory.
-constexpr std::size_t MAX_KEPT_TEXT = std::size_t{32} << 10U;
-
 [[noreturn]] void fail(const char* reason) {
   throw TransportError(std::string("libcurl cannot be set up: ") + reason, false);
 }
@@ -171,10 +168,6 @@ bool Connection::tls_at_rest() {
   SSL_set0_rbio(_tls, libcurl_in);
   SSL_set0_wbio(_tls, libcurl_out);
   return silent;
-}
-
-void Connection::save_memory() {
-  if (_reader.capacity() > MAX_KEPT_TEXT) _reader = {};
 }
 
 // A call's headers are mostly those of the call before.

@@ -12,7 +12,6 @@
 #include <curl/curl.h>
 #include <openssl/ssl.h>
 
-#include "tovren_mapstead/engines/http/json.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/engines/http/transport.hpp"
 
@@ -52,12 +51,6 @@ class Connection {
   [[nodiscard]] bool at_rest() noexcept;
 
   [[nodiscard]] const Route& route() const noexcept { return _route; }
-
-  /// For the JSON of replies.
-  [[nodiscard]] JsonReader& reader() noexcept { return _reader; }
-
-  /// Gives back memory that an idle connection is not to hold. Ends the life of what was read.
-  void save_memory();
 
   /// Until when the server can be expected to keep it open while it is idle.
   Clock::time_point idle_until{};
@@ -106,7 +99,6 @@ class Connection {
   std::array<char, CURL_ERROR_SIZE> _error{};  // libcurl's text
   std::exception_ptr _thrown;                  // by a callback
   bool _used = false;                          // a whole reply has come over it
-  JsonReader _reader;
 };
 
 }  // namespace tovren_mapstead::engines::http

@@ -68,7 +68,7 @@ std::vector<Address> usable(Found found, const Service& service) {
                                : found.error == EAI_SYSTEM
                                    ? std::generic_category().message(found.system_error)
                                    : gai_strerror(found.error);
-    throw TransportError("cannot resolve the name of " + service.whom + " (" + reason +
+    throw TransportError("cannot resolve " + service.whom + " (" + reason +
                              "); check " +
                              (service.is_proxy ? "the proxy variables" : "the URL and the network"),
                          true);
@@ -158,7 +158,7 @@ std::vector<Address> Names::find(const Service& service, const Watch& watch) {
   std::unique_lock lock(lookup->mutex);
   while (!lookup->has_ended) {
     lock.unlock();
-    watch.check("looking up the name of", service.whom);
+    watch.check("resolving", service.whom);
     lock.lock();
     if (!lookup->has_ended) lookup->ended.wait_for(lock, watch.patience());
   }

@@ -98,7 +98,6 @@ void Pool::put(std::unique_ptr<Connection> connection) noexcept {
   std::list<std::unique_ptr<Connection>> stale;
   std::list<Parked> stalled;
   try {
-    connection->save_memory();
     connection->user = std::this_thread::get_id();
     std::list<std::unique_ptr<Connection>> fresh;
     fresh.push_back(std::move(connection));

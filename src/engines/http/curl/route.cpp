@@ -6,7 +6,7 @@
 #include "tovren_mapstead/engines/http/transport.hpp"
 
 #include "engines/http/curl/url.hpp"
-#include "engines/http/text.hpp"
+#include "text/characters.hpp"
 
 namespace tovren_mapstead::engines::http {
 

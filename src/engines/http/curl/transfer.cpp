@@ -10,7 +10,7 @@
 
 #include "engines/http/curl/failure.hpp"
 #include "engines/http/process.hpp"
-#include "engines/http/text.hpp"
+#include "text/characters.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {

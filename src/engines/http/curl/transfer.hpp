@@ -54,8 +54,6 @@ class Transfer {
 
   [[nodiscard]] const Route& route() const noexcept { return _connection->route(); }
 
-  [[nodiscard]] JsonReader& reader() noexcept { return _connection->reader(); }
-
   /// Whether an earlier reply came over the connection, and nothing of this one: the connection may
   /// have been dead before the request.
   [[nodiscard]] bool suspects_connection() const noexcept {

@@ -44,7 +44,7 @@ class PooledExchange final : public Exchange {
       auto connection = _shared->connect(request.url, watch);
       _transfer = std::make_unique<Transfer>(std::move(connection), std::move(request), watch);
       try {
-        await(watch, "waiting for the reply of", [&] { return _transfer->head_complete(); });
+        await(watch, "waiting for", [&] { return _transfer->head_complete(); });
         return;
       } catch (...) {
         if (_transfer->unsent()) {
@@ -77,10 +77,8 @@ class PooledExchange final : public Exchange {
     const Pouring pouring{*_transfer};
     const std::size_t before = into.size();
     _transfer->pour_into(&into);
-    return await(watch, "reading the reply of", [&] { return into.size() > before; });
+    return await(watch, "reading from", [&] { return into.size() > before; });
   }
-
-  JsonReader* reader() noexcept override { return &_transfer->reader(); }
 
   [[nodiscard]] Secrets secrets() const override {
     const auto& proxy = _transfer->route().proxy;

@@ -7,7 +7,7 @@
 
 #include <curl/curl.h>
 
-#include "engines/http/text.hpp"
+#include "text/characters.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {

@@ -1,4 +1,4 @@
-// Whole reply bodies. Pure functions of a decoded JSON value.
+// Whole reply bodies.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@
 
 namespace tovren_mapstead::engines::llm {
 
-/// The result that a chat-completion object holds; `fallback_model` where it names no model.
-/// Throws LLMError, free of `secrets`, when it is none.
+/// Returns the result that a chat-completion object holds; its model is `fallback_model` if the object
+/// names none. Throws LLMError, free of `secrets`, if `payload` is no such object.
 [[nodiscard]] LLMResult _parse_completion(const http::JsonValue& payload,
                                           const std::string& fallback_model,
                                           const http::Secrets& secrets = {});

@@ -5,29 +5,30 @@
 #include <re2/re2.h>
 
 #include "engines/http/process.hpp"
-#include "engines/llm/reply/white_space.hpp"
+#include "text/characters.hpp"
+#include "text/trim.hpp"
 
 namespace tovren_mapstead::engines::llm {
 namespace {
 
 re2::RE2 make_code_span() {
-  // An answer may hold anything; in UTF-8 mode spans beside bad bytes would be missed. All that the
-  // pattern names is ASCII, so offsets in bytes are as good as offsets in characters.
+  // In UTF-8 mode, spans beside invalid bytes would be missed. All that the pattern names is ASCII,
+  // so it can match bytes.
   re2::RE2::Options options(re2::RE2::Latin1);
   options.set_dot_nl(true);
   options.set_log_errors(false);
-  const http::ForkGuard guard;  // RE2 begins with locks of its own that all patterns share
+  const http::ForkGuard guard;  // for locks that all patterns share when they are made
   return {"```.*?```|~~~.*?~~~|`[^`\\n]*`", options};
 }
 
-// A pattern keeps what it has learnt of texts behind a lock, which another thread may hold during a
-// fork: a child takes a pattern of its own.
+// A pattern has a lock around its cache, which another thread may hold during a fork. So a child has
+// its own pattern.
 constinit http::Once<re2::RE2> code_span;
 
-// When the library is loaded: there is memory then. A call before `main` may come first.
+// Made when the library is loaded, when there is memory, unless a call before `main` needs it first.
 [[maybe_unused]] const bool LOADED = (code_span.get(make_code_span), true);
 
-// The code spans of a text from left to right, found as far as they are asked for.
+// The code spans of a text from left to right. They are found as they are needed.
 class CodeSpans {
  public:
   explicit CodeSpans(std::string_view text)
@@ -35,7 +36,7 @@ class CodeSpans {
     next();
   }
 
-  // To be asked in ascending order.
+  // Returns whether a span covers `at`. For ascending values only.
   bool cover(std::size_t at) {
     while (!_none && _end <= at) next();
     return !_none && _begin <= at;
@@ -57,10 +58,6 @@ class CodeSpans {
   bool _none = false;
 };
 
-constexpr char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 std::string_view without_reasoning(std::string_view content) {
   if (content.find('<') == std::string_view::npos) return content;  // as mostly
   const auto closes = _tag_positions(content, THINK_CLOSE);
@@ -76,8 +73,7 @@ std::vector<std::size_t> _tag_positions(std::string_view content, std::string_vi
   // Both tags begin with a character that has no letter case and stands nowhere else in them.
   for (std::size_t at = content.find(tag.front()); at != std::string_view::npos;
        at = content.find(tag.front(), at + 1)) {
-    const std::string_view here = content.substr(at, tag.size());
-    if (std::ranges::equal(here, tag, {}, lower)) found.push_back(at);
+    if (http::equal_in_any_case(content.substr(at, tag.size()), tag)) found.push_back(at);
   }
   if (found.empty()) return found;
   CodeSpans spans(content);
@@ -86,7 +82,7 @@ std::vector<std::size_t> _tag_positions(std::string_view content, std::string_vi
 }
 
 std::string _strip_reasoning(std::string content) {
-  const std::string_view answer = trim(without_reasoning(content));
+  const std::string_view answer = http::trim(without_reasoning(content));
   // In place, so that a long answer is not held twice.
   const auto begin = static_cast<std::size_t>(answer.data() - content.data());
   content.resize(begin + answer.size());

@@ -1,4 +1,4 @@
-// Token counts, from whatever a provider or a client library gives for one.
+// Token counts, from whatever a provider or a client library reports.
 #pragma once
 
 #include <cstdint>
@@ -8,10 +8,10 @@
 
 namespace tovren_mapstead::engines::llm {
 
-/// `value` as a whole number: a number without its fraction, true as 1, a string that spells an
-/// integer. `fallback` for everything else, and for what 64 bits cannot hold: a bad token count
-/// never costs an answer.
-[[nodiscard]] std::int64_t _as_int(const http::JsonValue& value, std::int64_t fallback = 0);
+/// Converts `value` to an integer: drops the fraction of a number, takes true as 1, and reads a
+/// string that spells an integer. Returns `fallback` for anything else, and for what 64 bits cannot
+/// hold: a bad token count never costs an answer.
 [[nodiscard]] std::int64_t _as_int(const openai::Scalar& value, std::int64_t fallback = 0);
+[[nodiscard]] std::int64_t _as_int(const http::JsonValue& value, std::int64_t fallback = 0);
 
 }  // namespace tovren_mapstead::engines::llm

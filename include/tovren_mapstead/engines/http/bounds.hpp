@@ -1,0 +1,72 @@
+// What bounds a call: time limits, the deadline and the caller's stop test.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string_view>
+
+#include "tovren_mapstead/export.hpp"
+
+namespace tovren_mapstead::engines::http {
+
+using Clock = std::chrono::steady_clock;
+
+/// The moment by which a call must have ended.
+using Deadline = Clock::time_point;
+
+/// Returns true to end the call. Called on the thread that makes the call, at least every 25 ms and
+/// at each read of a reply, so it has to be quick. An exception from it ends the call and reaches
+/// the caller unchanged. May be empty.
+using StopTest = std::function<bool()>;
+
+/// Waits about `period_s` seconds between two attempts. Throws Stopped or DeadlineExceeded to end
+/// the call; when it returns, the next attempt is made.
+using Wait = std::function<void(double period_s, const StopTest& should_stop,
+                                std::optional<Deadline> deadline)>;
+
+/// Waits `period_s` seconds on the calling thread. Returns at once for zero, negative or NaN.
+/// Throws Stopped within 25 ms after `should_stop` turns true, and DeadlineExceeded at once if the
+/// wait would last to `deadline` or past it. Exceptions of `should_stop` pass through. Thread-safe.
+TOVREN_EXPORT void wait_unless_stopped(double period_s, const StopTest& should_stop,
+                                       std::optional<Deadline> deadline);
+
+/// The bounds of every wait in one exchange. A transport waits for at most `patience` at a time,
+/// calls `check` in between, and `moved` when bytes have been sent or received. For the thread of
+/// the call only.
+class TOVREN_EXPORT Watch {
+ public:
+  /// `timeout_s` is the idle timeout in seconds; 0, NaN or more than the clock can count mean no
+  /// limit. `should_stop` must outlive this object.
+  Watch(double timeout_s, const StopTest& should_stop, std::optional<Deadline> deadline);
+
+  /// Restarts the idle timeout, because data has moved.
+  void moved() noexcept;
+
+  /// Cuts the idle timeout to `timeout_s` seconds, and restarts it.
+  void shorten(double timeout_s) noexcept;
+
+  /// Throws Stopped, DeadlineExceeded or, once the idle timeout has passed, TimedOut. `doing` and
+  /// `whom` say in their texts what is under way: "waiting for" and the host. Exceptions of the stop
+  /// test pass through.
+  void check(std::string_view doing, std::string_view whom) const;
+
+  /// Does the same without the idle timeout: throws Stopped and DeadlineExceeded only.
+  void check_call(std::string_view doing, std::string_view whom) const;
+
+  /// Returns the idle timeout in seconds, as given or shortened.
+  [[nodiscard]] double timeout_s() const noexcept { return _timeout_s; }
+
+  /// Returns how long to wait at most before the next `check`; never negative.
+  [[nodiscard]] std::chrono::milliseconds patience() const noexcept;
+
+ private:
+  [[nodiscard]] bool timeout_counts() const noexcept;
+
+  double _timeout_s;
+  const StopTest& _should_stop;
+  std::optional<Deadline> _deadline;
+  std::optional<Deadline> _times_out_at;
+};
+
+}  // namespace tovren_mapstead::engines::http

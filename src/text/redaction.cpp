@@ -1,0 +1,219 @@
+#include "text/redaction.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "text/unescaped.hpp"
+
+namespace tovren_mapstead::engines::http {
+namespace {
+
+// A server that quotes JSON inside JSON escapes twice, rarely three times. The bound keeps a
+// hostile text from asking for a level per character.
+constexpr std::size_t ESCAPE_LEVELS = 4;
+
+// One is free of the secrets in practice; a secret that is part of them all is cut out.
+constexpr std::array<std::string_view, 3> MASKS{"***", "[redacted]", "#"};
+
+// A text that still spells secrets after they were cut out so often was made to take time; none of
+// it is shown.
+constexpr int MOST_ROUNDS = 8;
+
+// How much of a text is searched at a time, in bytes.
+constexpr std::size_t WINDOW = std::size_t{128} << 10U;
+
+// Too short a secret in Base64 is to be met in any text.
+constexpr std::size_t LEAST_IN_BASE64 = 8;
+
+// The characters of `bytes` in Base64, as far as they do not depend on what stands around them when
+// `before` bytes (0 to 2) precede it in its group of three. RFC 4648, `specials`: the last two
+// digits.
+std::string base64(std::string_view bytes, std::size_t before, std::string_view specials) {
+  std::string out;
+  for (std::size_t bit = (6 - before * 8 % 6) % 6; bit + 6 <= bytes.size() * 8; bit += 6) {
+    const auto byte = [&](std::size_t at) {
+      return at < bytes.size() ? static_cast<unsigned char>(bytes[at]) : 0U;
+    };
+    const unsigned pair = (byte(bit / 8) << 8U) | byte(bit / 8 + 1);
+    const unsigned digit = (pair >> (10 - bit % 8)) & 0x3FU;
+    out += static_cast<char>(digit < 26   ? 'A' + digit
+                             : digit < 52 ? 'a' + digit - 26
+                             : digit < 62 ? '0' + digit - 52
+                                          : static_cast<unsigned char>(specials[digit - 62]));
+  }
+  return out;
+}
+
+// The secrets, and those in Base64, whatever is encoded with them: a user's name before a password.
+Secrets with_base64(const Secrets& secrets) {
+  Secrets all;
+  for (const std::string& secret : secrets) {
+    if (secret.empty() || std::ranges::find(all, secret) != all.end()) continue;
+    all.push_back(secret);
+    for (std::size_t before = 0; before < 3 && secret.size() >= LEAST_IN_BASE64; ++before) {
+      for (const char* const specials : {"+/", "-_"}) {
+        std::string coded = base64(secret, before, specials);
+        if (std::ranges::find(all, coded) == all.end()) all.push_back(std::move(coded));
+      }
+    }
+  }
+  return all;
+}
+
+// Returns where `secret` occurs in `text`, in order, occurrences that touch joined; for a text that
+// was cut, the start of it at the end, too.
+std::vector<Span> find_all(std::string_view text, std::string_view secret, Tail tail) {
+  std::vector<Span> found;
+  std::string_view rest = text;
+  while (const void* const next = memmem(rest.data(), rest.size(), secret.data(), secret.size())) {
+    const auto begin = static_cast<std::size_t>(static_cast<const char*>(next) - text.data());
+    if (found.empty() || found.back().end < begin) found.push_back({.begin = begin, .end = begin});
+    found.back().end = begin + secret.size();
+    rest = text.substr(begin + 1);  // occurrences may overlap
+  }
+  if (tail != Tail::cut) return found;
+  for (std::size_t size = secret.size() - 1; size > SHOWN_START; --size) {
+    if (!text.ends_with(secret.substr(0, size))) continue;
+    found.push_back({.begin = text.size() - size, .end = text.size()});
+    break;
+  }
+  return found;
+}
+
+// What a search looks for, and in how many levels of escapes.
+struct Needles {
+  explicit Needles(const Secrets& secrets);
+
+  std::vector<std::string> plain;
+  std::vector<std::string> unescaped;  // secrets that hold escapes themselves, without them
+  std::size_t levels = 0;
+  std::size_t longest = 0;
+};
+
+// Undoing the escapes of a text may undo those of a secret in it as well. Such a secret is found
+// without them, after as many more levels as it has.
+Needles::Needles(const Secrets& secrets) {
+  constexpr std::size_t LEAST = 3;  // what is shorter is to be met in any text
+  Unescaped less;
+  for (const std::string& secret : with_base64(secrets)) {
+    std::string bare = secret;
+    std::size_t level = 0;
+    for (; level < ESCAPE_LEVELS; ++level) {
+      if (!less.assign(bare, Tail::whole)) break;
+      bare = less.text();
+    }
+    if (bare.size() < LEAST) level = 0;
+    if (level > 0) unescaped.push_back(std::move(bare));
+    levels = std::max(levels, ESCAPE_LEVELS + level);
+    plain.push_back(secret);
+    longest = std::max(longest, secret.size());
+  }
+}
+
+// Adds `more` to `spans`, both in order, and joins those that touch.
+void add(std::vector<Span>& spans, const std::vector<Span>& more) {
+  if (more.empty()) return;
+  const auto middle = static_cast<std::ptrdiff_t>(spans.size());
+  spans.insert(spans.end(), more.begin(), more.end());
+  std::ranges::inplace_merge(spans, spans.begin() + middle, {}, &Span::begin);
+  auto last = spans.begin();
+  for (const Span& span : spans) {
+    if (span.begin <= last->end) {
+      last->end = std::max(last->end, span.end);
+    } else {
+      *++last = span;
+    }
+  }
+  spans.erase(last + 1, spans.end());
+}
+
+// What was found in a part of a text. What begins before `settled` is complete.
+struct Found {
+  std::vector<Span> spans;
+  std::size_t settled;
+};
+
+// Undoes the escapes of `part` level by level in `levels` and searches each level.
+Found search(std::string_view part, const Needles& needles, Tail tail,
+             std::vector<Unescaped>& levels) {
+  const auto text = [&](std::size_t level) {
+    return level == 0 ? part : std::string_view(levels[level - 1].text());
+  };
+  std::size_t level = 0;
+  while (level < levels.size() && levels[level].assign(text(level), tail)) ++level;
+  // What begins so far from the end of the last level ends inside it. So it does in the levels
+  // before: undoing escapes shortens.
+  const std::size_t least = text(level).size();
+  std::vector<Span> settled{{.begin = least - std::min(least, needles.longest), .end = least}};
+  std::vector<Span> spans;
+  for (;; --level) {
+    for (const auto& secret : needles.plain) add(spans, find_all(text(level), secret, tail));
+    if (level == 0) break;
+    for (const auto& secret : needles.unescaped) add(spans, find_all(text(level), secret, tail));
+    levels[level - 1].map_to_source(spans);
+    levels[level - 1].map_to_source(settled);
+  }
+  return {.spans = std::move(spans), .settled = least > needles.longest ? settled[0].begin : 0};
+}
+
+// Returns `text` with a mask in place of every piece of it that spells a secret; nothing if there
+// is none. The tables of a search are several times as large as what it searches, so it searches
+// one window after the other. A window begins where an escape of the window before ends, in every
+// level: it is read as in one pass. And it begins early enough to hold whole what the end of that
+// one may have cut.
+std::optional<std::string> masked(std::string_view text, const Needles& needles, Tail tail,
+                                  std::string_view mask) {
+  std::optional<std::string> out;
+  std::size_t copied = 0;
+  std::vector<Span> spans;
+  std::vector<Unescaped> levels(needles.levels);
+  std::size_t window = WINDOW;
+  for (std::size_t begin = 0; begin < text.size();) {
+    const bool last = text.size() - begin <= window;
+    Found found = search(text.substr(begin, window), needles, last ? tail : Tail::more, levels);
+    if (!last && found.settled < window / 2) {
+      window *= 2;
+      continue;
+    }
+    for (Span& span : found.spans) span = {.begin = span.begin + begin, .end = span.end + begin};
+    add(spans, found.spans);
+    begin = last ? text.size() : begin + found.settled;
+    window = WINDOW;
+    // A piece that the next window may make longer stays.
+    auto open = spans.begin();
+    for (; open != spans.end() && (last || open->end < begin); ++open) {
+      if (!out) out.emplace().reserve(text.size());
+      out->append(text, copied, open->begin - copied).append(mask);
+      copied = open->end;
+    }
+    spans.erase(spans.begin(), open);
+  }
+  if (out) out->append(text.substr(copied));
+  return out;
+}
+
+}  // namespace
+
+std::string redact(std::string_view text, const Secrets& plain, Tail tail) {
+  const Needles needles(plain);
+  for (const std::string_view mask : MASKS) {
+    std::optional<std::string> out = masked(text, needles, tail, mask);
+    if (!out) return std::string(text);
+    if (!masked(*out, needles, tail, "")) return *std::move(out);
+  }
+  // What was apart may spell a secret once it meets, so cut until nothing is left to cut.
+  std::string out(text);
+  for (int round = 0; round < MOST_ROUNDS; ++round) {
+    std::optional<std::string> less = masked(out, needles, tail, "");
+    if (!less) return out;
+    out = *std::move(less);
+  }
+  return {};
+}
+
+}  // namespace tovren_mapstead::engines::http
