@@ -1,5 +1,6 @@
-# Includes run one way: llm -> copilot -> http -> the standard library and third parties. Public
-# headers include public headers only, and neither libcurl nor RE2 nor spdlog; one folder names libcurl.
+# Includes run one way, from a layer to those below it:
+#   text -> json -> engines/http -> engines/http/curl -> engines/copilot, openai -> engines/llm
+# Public headers include public headers only, and no third party's. One folder names libcurl.
 # ROOT: the project
 cmake_minimum_required(VERSION 3.25)
 file(GLOB_RECURSE files RELATIVE ${ROOT} ${ROOT}/include/*.hpp ${ROOT}/src/*.hpp ${ROOT}/src/*.cpp)
@@ -15,13 +16,20 @@ function(forbid place pattern)
   endforeach()
 endfunction()
 
-forbid("/engines/http/" "engines/(llm|copilot)|tovren_mapstead/config")
-forbid("/engines/http/([^c]|c[^l]).*$" "tovren_mapstead/openai")  # its classifier alone knows it
-forbid("/openai" "engines/")
-forbid("/engines/copilot" "engines/llm|tovren_mapstead/config")
-forbid("^include/" "\"engines/|<(curl|openssl|re2|spdlog)/|<simdjson")
-# Who only asks a client compiles no third party's header.
-forbid("^include/.*(copilot|llm.*|classify|errors|retry|secrets|transport)\\.hpp" "http/(send|json)\\.hpp|<nlohmann/")
-forbid("^src/engines/llm/(reply|stream)/" "<thread>|<mutex>|<sys/|engines/http/transport|engines/llm/client")
+# What each layer must not name: the layers above it.
+forbid("^src/text/" "\"(json|engines|openai)/")
+forbid("^src/json/" "\"(engines|openai)/")
+forbid("^src/engines/http/" "\"(engines/(copilot|llm)|openai)/|mapstead/(config|engines/(copilot|llm))")
+forbid("^src/openai/" "\"engines/|mapstead/(config|engines/(copilot|llm))")
+forbid("^src/engines/copilot/" "\"(engines/llm|openai)/|mapstead/(config|openai|engines/llm)")
+# The public headers of the engine belong to three layers.
+forbid("^src/text/" "engines/http/(bounds|errors|json|response|retry|send|transport)")
+forbid("^src/json/" "engines/http/(bounds|errors|response|retry|send|transport)")
+forbid("engines/http/(secrets|utf8)" "engines/")
+forbid("^include/.*engines/http/" "engines/(llm|copilot)|mapstead/(config|openai)")
+forbid("^include/.*engines/copilot" "engines/llm|mapstead/config")
+forbid("^include/tovren_mapstead/(openai|config)" "tovren")
+forbid("^include/" "\"(engines|json|openai|text)/|<(curl|openssl|re2|spdlog|simdjson|nlohmann)")
+forbid("^src/engines/llm/reply/" "<thread>|<mutex>|<sys/|engines/http/transport|engines/llm/client")
 list(FILTER files EXCLUDE REGEX "^src/engines/http/curl/")
 forbid("." "<curl/|engines/http/curl/")

@@ -209,9 +209,9 @@ inline void every_failure_is_provoked() {
 /// The worked budget, with a `timeout_s` of 0.5: what ends each call, and when.
 inline void budgets_are_kept() {
   const std::tuple<double, const char*, const char*, double> cases[] = {
-      {1e6, "LLMError", "failed after 3 tries", 4.5},
+      {1e6, "LLMError", "failed after 3 attempts", 4.5},
       {4.4, "LLMTimeout", "the deadline passed", 4.4},
-      {3.5, "LLMTimeout", "no try could begin", 2.0}};
+      {3.5, "LLMTimeout", "no attempt could begin", 2.0}};
   std::array<std::string, std::size(cases)> told;
   endpoint.stalls();
   {

@@ -116,7 +116,7 @@ Outcome outcome_of(const Call& call) {
       case Effect::again:
         // The next try would begin a second later, when each of the deadlines has passed.
         if (call.deadline) return {Outcome::Kind::timeout, "ran out of time", request + 1};
-        if (++tries == TRIES) return {Outcome::Kind::error, "after 3 tries; ", request + 1};
+        if (++tries == TRIES) return {Outcome::Kind::error, "after 3 attempts; ", request + 1};
         json = call.json;
         streamed = call.road != Road::whole;
         break;

@@ -187,7 +187,7 @@ TEST_F(Copilot, SaysWhatToDoWhenThereIsNoToken) {
       {200, R"({"token":"TOKEN-1","expires_at":1})", "clock", 1},
       {403, limit, "GitHub's Copilot token endpoint: HTTP 403 (GitHub limits the rate", 3},
       {429, "TOKEN-1", "GitHub's Copilot token endpoint: HTTP 429 (GitHub limits the rate", 3},
-      {503, "TOKEN-1", "GitHub's Copilot token endpoint: HTTP 503 (GitHub is in trouble", 3},
+      {503, "TOKEN-1", "GitHub's Copilot token endpoint: HTTP 503 (GitHub failed", 3},
       {200, R"({"token":"TOKEN-1)", "GitHub's Copilot token endpoint: reply breaks off", 3}};
   on_chat = [](Exchange& exchange) { ADD_FAILURE(), exchange.close(); };
   for (const auto& [status, body, told, expected] : cases) {

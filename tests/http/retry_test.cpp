@@ -66,14 +66,14 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
   };
 
   const char* const early =
-      "DeadlineExceeded call ran out of time: no try could begin before its "
+      "DeadlineExceeded call ran out of time: no attempt could begin before its "
       "deadline; allow more time; last failure: busy";
   const char* const late =
       "DeadlineExceeded call ran out of time: its deadline has passed; "
       "allow more time; last failure: busy";
   const char* const stopped = "Stopped call was stopped by its caller; last failure: busy";
-  const char* const only = "Exhausted call failed at the only try; last failure: busy";
-  const char* const twice = "Exhausted call failed after 2 tries; last failure: busy";
+  const char* const only = "Exhausted call failed after 1 attempt (no retries); last failure: busy";
+  const char* const twice = "Exhausted call failed after 2 attempts; last failure: busy";
   const Case cases[] = {
       {2, 4, engines, 3s, 0ms, false, early},
       {2, FOREVER, engines, 3s, 0ms, false, early},

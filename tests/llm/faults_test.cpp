@@ -16,7 +16,7 @@ namespace {
 using namespace faults;
 using namespace support;
 
-// Judges how a call ends: "N text" expects an error with that text, or that after a bar, after N tries; else an answer.
+// Judges how a call ends: "N text" expects an error with that text, or that after a bar, after N attempts; else an answer.
 double judge(const Call& call) {
   const Outcome outcome = make(call);
   SCOPED_TRACE(call.name + ": " + outcome.told.substr(0, 2000));
@@ -31,7 +31,7 @@ double judge(const Call& call) {
     const std::string text = call.ends.substr(2);
     EXPECT_TRUE(contains(outcome.told, text.substr(0, text.find('|'))) || contains(outcome.told, text.substr(text.find('|') + 1)));
     EXPECT_EQ(outcome.end, "error");
-    EXPECT_EQ(contains(outcome.told, "after 2 tries"), tries == 2);
+    EXPECT_EQ(contains(outcome.told, "after 2 attempts"), tries == 2);
     EXPECT_EQ(outcome.requests, call.reached ? tries : 0);
   }
   return outcome.seconds;
@@ -91,13 +91,13 @@ struct Moment {
 };
 
 const Moment MOMENTS[] = {
-    {"before the head", true, "", "HTTP/1.1 103 Early Hints\r\n\r\n", "2 nothing moved", "2 reset", "2 empty reply", nullptr, "1 too large"},
-    {"in the head", true, "HTTP/1.1 200 OK\r\nContent-Type: text/ev", "x", "2 nothing moved", "2 reset", "2 breaks off", nullptr, "1 too large"},
-    {"between header lines", true, "HTTP/1.1 200 OK\r\n", "A: b\r\n", "2 nothing moved", "2 reset", "2 breaks off", nullptr, "1 too large"},
-    {"in an event", false, STREAM + ENDLESS_CHUNK + "data: {\"choi", "x", "2 nothing moved", "2 reset", "2 breaks off", "2 exceeded", "1 longer than 16 MiB"},
-    {"between events", false, STREAM + ENDLESS_CHUNK + EVENT, ": still there\n", "2 nothing moved", "2 reset", "2 breaks off", "2 exceeded", "2 exceeded"},
+    {"before the head", true, "", "HTTP/1.1 103 Early Hints\r\n\r\n", "2 no data for", "2 reset", "2 empty reply", nullptr, "1 too large"},
+    {"in the head", true, "HTTP/1.1 200 OK\r\nContent-Type: text/ev", "x", "2 no data for", "2 reset", "2 breaks off", nullptr, "1 too large"},
+    {"between header lines", true, "HTTP/1.1 200 OK\r\n", "A: b\r\n", "2 no data for", "2 reset", "2 breaks off", nullptr, "1 too large"},
+    {"in an event", false, STREAM + ENDLESS_CHUNK + "data: {\"choi", "x", "2 no data for", "2 reset", "2 breaks off", "2 exceeded", "1 longer than 16 MiB"},
+    {"between events", false, STREAM + ENDLESS_CHUNK + EVENT, ": still there\n", "2 no data for", "2 reset", "2 breaks off", "2 exceeded", "2 exceeded"},
     {"after the end marker", false, STREAM + ENDLESS_CHUNK + EVENT + "data: [DONE]\n\n", "x", "hi", "hi", "hi", "hi", "hi"},
-    {"in a whole body", true, JSON + ENDLESS + R"({"choices":[{"message":{"content":")", "x", "2 nothing moved", "2 reset", "2 breaks off", nullptr, "1 larger than|cannot be read"},
+    {"in a whole body", true, JSON + ENDLESS + R"({"choices":[{"message":{"content":")", "x", "2 no data for", "2 reset", "2 breaks off", nullptr, "1 larger than|cannot be read"},
     {"in a refusal", true, "HTTP/1.1 401 No\r\n" + ENDLESS + ECHO, " " + KEY, "1 HTTP 401", "1 HTTP 401", "1 HTTP 401", nullptr, "1 HTTP 401"},
     {"in a plea to come back", true, "HTTP/1.1 503 No\r\n" + ENDLESS + ECHO, " " + KEY, "2 HTTP 503", "2 HTTP 503", "2 HTTP 503", nullptr, "2 HTTP 503"}};
 
@@ -164,23 +164,23 @@ TEST(Faults, OnTheWayToARequest) {
       {"unknown name", "2 cannot resolve", false, "", "http://no.such.host.invalid"},
       {"name server that is silent", nullptr, true, "", "http://x.slow.test"},
       {"refused connection", "2 cannot connect", false, "", loopback::refused_url()},
-      {"silent connect", "2 nothing moved", true, "", "http://" + hole},
-      {"silent connect for TLS", "2 nothing moved", true, "", "https://" + hole},
-      {"silent handshake", "2 nothing moved", true, "https", "", in_silence},
+      {"silent connect", "2 no data for", true, "", "http://" + hole},
+      {"silent connect for TLS", "2 no data for", true, "", "https://" + hole},
+      {"silent handshake", "2 no data for", true, "https", "", in_silence},
       {"handshake reset", "2 cannot agree on TLS|cannot connect", false, "https", "", resetting},
       {"handshake closed", "2 cannot agree on TLS", false, "https", "", closing},
       {"no handshake", "1 cannot agree on TLS", false, "https", "", garbage},
       {"slow handshake", nullptr, true, "https", "", slowly},
-      {"deaf to the body", "2 nothing moved", true, "", "", deaf, MUCH},
-      {"reset during the body", "2 after 2 tries", false, "", "", resetting, MUCH},
-      {"closed during the body", "2 after 2 tries", false, "", "", closing, MUCH},
+      {"deaf to the body", "2 no data for", true, "", "", deaf, MUCH},
+      {"reset during the body", "2 after 2 attempts", false, "", "", resetting, MUCH},
+      {"closed during the body", "2 after 2 attempts", false, "", "", closing, MUCH},
       {"refused during the body", "1 HTTP 413", false, "", "", refuse, MUCH}};
   std::vector<Call> calls;
   for (const Place& place : places) {
     for (const bool tls : {false, true}) {
       if (tls && place.size != MUCH) continue;
       const std::string ends = place.ends != nullptr ? place.ends : "";
-      Call call{.name = place.name + std::string(tls ? ", TLS" : ""), .ends = ends, .options = {.tls = tls, .greeting = place.greeting}, .url = place.url, .scheme = place.scheme, .reached = false, .timeout_s = contains(ends, "nothing moved") ? 0.5 : 30, .size = place.size};
+      Call call{.name = place.name + std::string(tls ? ", TLS" : ""), .ends = ends, .options = {.tls = tls, .greeting = place.greeting}, .url = place.url, .scheme = place.scheme, .reached = false, .timeout_s = contains(ends, "no data for") ? 0.5 : 30, .size = place.size};
       if (!ends.empty()) calls.push_back(call);
       if (place.lasts) add_bounded(calls, call);
     }

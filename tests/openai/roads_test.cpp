@@ -52,10 +52,10 @@ TEST(Roads, LeadToTheSameAnswers) {
   };
 
   const std::string h = "LLM request failed", l = "LLM SDK call failed: request failed";
-  const std::string tries = "LLM call failed after 3 tries; last failure: ";
+  const std::string tries = "LLM call failed after 3 attempts; last failure: ";
   const std::string in_band = tries + "stream error: ***", empty = tries + "empty stream";
   const std::string no_text[] = {"LLM stream is not valid UTF-8",
-                                 "LLM SDK call failed: the stream is not"};
+                                 "LLM SDK call failed: stream is not"};
   const Case cases[] = {
       {"streamed", 's', 1, {STREAMED}},
       {"whole where a stream was asked for", 's', 1, {whole("hi")}},
@@ -153,7 +153,7 @@ TEST(Roads, EndInTime) {
     });
     const LLMClient client({.base_url = chatty.url(), .model = "m", .api_key = KEY, .timeout_s = 0.2, .max_retries = 0});
     const auto start = http::Clock::now();
-    EXPECT_TRUE(contains(text_of<llm::LLMError>([&] { std::ignore = client.chat({}); }), "at the only try"));
+    EXPECT_TRUE(contains(text_of<llm::LLMError>([&] { std::ignore = client.chat({}); }), "after 1 attempt (no retries)"));
     EXPECT_NEAR(seconds_since(start), 0.6, 0.4) << filler;
   }
 }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <map>
 #include <optional>
 #include <string_view>
 
@@ -89,13 +90,16 @@ std::optional<std::string> content_of(const fs::path& path) {
   return content;
 }
 
-// Keys are hosts. In newer files the identifier of the application that signed in follows.
+// Keys are hosts. In newer files the identifier of the application that signed in follows. Whatever
+// the order in the file, an entry without an identifier is tried first.
 void add_from(const http::JsonValue& file, Credentials& found) {
+  std::map<std::string, std::string> tokens;
   http::for_each_member(file, [&](std::string_view key, const auto& entry) {
     if (key != "github.com" && !key.starts_with("github.com:")) return;
     const http::JsonValue token = entry()["oauth_token"];
-    if (token.kind() == http::JsonValue::Kind::string) add(found, token.text());
+    if (token.kind() == http::JsonValue::Kind::string) tokens[std::string(key)] = token.text();
   });
+  for (const auto& [key, token] : tokens) add(found, token);
 }
 
 }  // namespace

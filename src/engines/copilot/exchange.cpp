@@ -79,11 +79,11 @@ Refusal refusal_in(const http::HttpFailure& failure) {
   const std::string answer = "HTTP " + std::to_string(status);
   if (is_rate_limit(status, failure.detail())) {
     throw http::Retryable(
-        at_endpoint(answer + " (GitHub limits the rate of requests; ask less often, or later)"),
+        at_endpoint(answer + " (GitHub limits the rate of requests; send fewer, or later)"),
         status);
   }
   if (TRANSIENT.contains(status)) {
-    throw http::Retryable(at_endpoint(answer + " (GitHub is in trouble; try again later)"), status);
+    throw http::Retryable(at_endpoint(answer + " (GitHub failed; try again later)"), status);
   }
   switch (status) {
     case 401:

@@ -5,6 +5,7 @@
 namespace tovren_mapstead::engines::http {
 
 std::string detail::without_nul(const std::string& text) {
+  if (text.find('\0') == std::string::npos) return text;
   std::string out;
   for (const char c : text) c == '\0' ? out += "\uFFFD" : out += c;
   return out;
