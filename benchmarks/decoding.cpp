@@ -15,7 +15,7 @@
 #include "tovren_mapstead/engines/http/send.hpp"
 
 #include "engines/llm/reply/reasoning.hpp"
-#include "engines/llm/stream/sse.hpp"
+#include "engines/llm/reply/stream.hpp"
 #include "figure.hpp"
 #include "measure.hpp"
 

@@ -80,6 +80,14 @@ char* escape(std::string_view text, char* out) {
 
 }  // namespace
 
+JsonObject::JsonObject() {
+  // Room for a small request, whose cost is mostly allocations.
+  _text.reserve(PIECE);
+  _text += '{';
+  _open.reserve(4);
+  _open.emplace_back();
+}
+
 void JsonObject::refuse(std::string_view what) {
   if (!_fault.empty()) return;
   _fault = std::string(what).append(" at ");
@@ -106,8 +114,11 @@ void JsonObject::begin_value(std::string_view name) {
   Open& inside = _open.back();
   if (inside.elements++ > 0) _text += ',';
   if (inside.end == ']') return;
-  inside.last_name = is_utf8(name) ? name : "?";
-  if (!is_utf8(name)) refuse("a name that is not valid UTF-8");
+  inside.last_name = name;
+  if (!is_utf8(name)) {
+    inside.last_name = "?";
+    refuse("a name that is not valid UTF-8");
+  }
   append_string(inside.last_name);
   _text += ':';
 }

@@ -4,7 +4,7 @@
 
 namespace tovren_mapstead::engines::http {
 
-std::string detail::without_nul(const std::string& text) {
+std::string detail::without_nul(std::string text) {
   if (text.find('\0') == std::string::npos) return text;
   std::string out;
   for (const char c : text) c == '\0' ? out += "\uFFFD" : out += c;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/export.hpp"
@@ -16,7 +17,7 @@ namespace tovren_mapstead::engines::http {
 namespace detail {
 
 /// Returns `text` with U+FFFD for each NUL, because `what()` would end at the first.
-[[nodiscard]] TOVREN_EXPORT std::string without_nul(const std::string& text);
+[[nodiscard]] TOVREN_EXPORT std::string without_nul(std::string text);
 
 }  // namespace detail
 
@@ -24,8 +25,8 @@ namespace detail {
 class TOVREN_EXPORT Error : public std::runtime_error {
  public:
   /// `message` must hold no secret. NUL in it becomes U+FFFD.
-  explicit Error(const std::string& message, std::optional<int> status = std::nullopt)
-      : std::runtime_error(detail::without_nul(message)), _status(status) {}
+  explicit Error(std::string message, std::optional<int> status = std::nullopt)
+      : std::runtime_error(detail::without_nul(std::move(message))), _status(status) {}
 
   /// Returns the HTTP status of the reply behind the failure; nothing if there was no reply.
   [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
@@ -92,9 +93,10 @@ class TOVREN_EXPORT TransportError : public std::runtime_error {
   /// `transient` says that the same request may get through when it is sent again. `status` is that
   /// of a proxy which refused to pass the request on: it is sorted like a server's, whatever
   /// `transient` is.
-  TransportError(const std::string& message, bool transient,
-                 std::optional<int> status = std::nullopt)
-      : std::runtime_error(detail::without_nul(message)), _transient(transient), _status(status) {}
+  TransportError(std::string message, bool transient, std::optional<int> status = std::nullopt)
+      : std::runtime_error(detail::without_nul(std::move(message))),
+        _transient(transient),
+        _status(status) {}
 
   /// Returns whether the same request may get through when it is sent again.
   [[nodiscard]] bool transient() const noexcept { return _transient; }

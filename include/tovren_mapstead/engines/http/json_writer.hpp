@@ -19,6 +19,9 @@ namespace tovren_mapstead::engines::http {
 ///     body.begin_object().add("role", "user").end().end();
 class TOVREN_EXPORT JsonObject {
  public:
+  /// Begins the object.
+  JsonObject();
+
   /// Adds a member to the innermost object, or an element, which has no name, to the innermost
   /// array. A string that is not valid UTF-8 and a number that is not finite are a fault.
   JsonObject& add(std::string_view name, std::string_view text);
@@ -65,8 +68,8 @@ class TOVREN_EXPORT JsonObject {
   void append_string(std::string_view text);
   void refuse(std::string_view what);
 
-  std::string _text = "{";
-  std::vector<Open> _open{{}};  // the object itself first
+  std::string _text;
+  std::vector<Open> _open;  // the object itself first
   std::string _fault;
 };
 

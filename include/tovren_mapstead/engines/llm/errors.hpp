@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "tovren_mapstead/engines/http/errors.hpp"
 #include "tovren_mapstead/export.hpp"
@@ -14,8 +15,8 @@ namespace tovren_mapstead::engines::llm {
 class TOVREN_EXPORT LLMError : public std::runtime_error {
  public:
   /// `message` must hold no secret. NUL in it becomes U+FFFD.
-  explicit LLMError(const std::string& message)
-      : std::runtime_error(http::detail::without_nul(message)) {}
+  explicit LLMError(std::string message)
+      : std::runtime_error(http::detail::without_nul(std::move(message))) {}
 };
 
 /// Raised when the call was asked to stop (`should_stop`) before it had an answer.

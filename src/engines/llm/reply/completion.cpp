@@ -1,6 +1,7 @@
 #include "engines/llm/reply/completion.hpp"
 
 #include <optional>
+#include <utility>
 
 #include "tovren_mapstead/engines/llm/errors.hpp"
 
@@ -24,9 +25,9 @@ LLMResult _parse_completion(const JsonValue& payload, const std::string& fallbac
       payload.members<4>({"choices", "model", "usage", "error"});
   const JsonValue& reason = error.empty() ? payload : error;  // in the server's words if it has any
   if (choices.empty()) {
-    // The text may be as large as the reply, so its copies must not all live at once.
-    const std::string detail = http::redact(reason.text(), secrets);
-    throw LLMError("LLM response missing 'choices': " + detail);
+    // The text may be as large as the reply, so it has as few copies as possible.
+    std::string text = http::redact(reason.text(), secrets);
+    throw LLMError(std::move(text.insert(0, "LLM response missing 'choices': ")));
   }
   const auto require = [&](bool good, const char* what) {
     if (good) return;
