@@ -4,6 +4,7 @@
 
 #include <string>
 
+/// The library of the application.
 namespace tovren_mapstead {
 
 /// How answers are generated: section `generation` of the configuration.

@@ -14,13 +14,16 @@
 #include <variant>
 #include <vector>
 
+/// The interface of the optional OpenAI client library.
 namespace tovren_mapstead::openai {
 
 /// Increases with every change to what follows. An object of another version is not used.
 inline constexpr std::uint32_t INTERFACE_VERSION = 2;
 
-/// The name of the shared object, and of its entry point.
+/// The name of the shared object.
 inline constexpr const char* LIBRARY_NAME = "libtovren_openai.so";
+
+/// The name of its entry point.
 inline constexpr const char* ENTRY_POINT = "tovren_openai_library";
 
 /// A member of a reply as it came; the first alternative stands for absent and null.

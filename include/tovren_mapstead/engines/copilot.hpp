@@ -13,6 +13,7 @@
 #include "tovren_mapstead/engines/http/transport.hpp"
 #include "tovren_mapstead/export.hpp"
 
+/// The Copilot adapter.
 namespace tovren_mapstead::engines::copilot {
 
 /// The base URL of Copilot's chat-completions API.

@@ -8,8 +8,13 @@
 
 #include "tovren_mapstead/export.hpp"
 
+/// @namespace tovren_mapstead::engines
+/// What the application is built on.
+
+/// The HTTP engine: one exchange within bounds, and the retry loop.
 namespace tovren_mapstead::engines::http {
 
+/// The clock of deadlines and time limits.
 using Clock = std::chrono::steady_clock;
 
 /// The moment by which a call must have ended.

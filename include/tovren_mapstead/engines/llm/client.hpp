@@ -14,6 +14,7 @@
 #include "tovren_mapstead/engines/llm/result.hpp"
 #include "tovren_mapstead/export.hpp"
 
+/// The chat-completions client.
 namespace tovren_mapstead::engines::llm {
 
 /// What a client may be given beside its configuration.

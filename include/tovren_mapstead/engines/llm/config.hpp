@@ -40,7 +40,8 @@ class LLMConfig {
   LLMConfig(Fields fields) noexcept  // NOLINT(google-explicit-constructor): its fields by name
       : _fields(std::move(fields)) {}
 
-  /// Each returns the field of its name. References live as long as this object.
+  /// @{
+  /// Returns the field of this name. A reference lives as long as this object.
   [[nodiscard]] const std::string& provider() const noexcept { return _fields.provider; }
   [[nodiscard]] const std::string& base_url() const noexcept { return _fields.base_url; }
   [[nodiscard]] const std::string& model() const noexcept { return _fields.model; }
@@ -52,6 +53,7 @@ class LLMConfig {
   [[nodiscard]] double temperature() const noexcept { return _fields.temperature; }
   [[nodiscard]] int max_tokens() const noexcept { return _fields.max_tokens; }
   [[nodiscard]] bool stream() const noexcept { return _fields.stream; }
+  /// @}
 
   /// Returns a copy of all fields, for a configuration that differs in some of them.
   [[nodiscard]] Fields fields() const { return _fields; }

@@ -21,9 +21,12 @@ class LLMResult {
   /// A string without a default: fields that leave it out do not compile.
   class Required : public std::string {
    public:
+    /// @{
+    /// Has this text.
     Required(std::string text) noexcept  // NOLINT(google-explicit-constructor): it is a string
         : std::string(std::move(text)) {}
     Required(const char* text) : std::string(text) {}  // NOLINT(google-explicit-constructor)
+    /// @}
   };
 
   /// The fields by name.
