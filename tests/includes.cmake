@@ -16,7 +16,12 @@ function(forbid place pattern)
   endforeach()
 endfunction()
 
-# What each layer must not name: the layers above it.
+# Every file belongs to a layer. What a layer must not name: the layers above it.
+foreach(file IN LISTS files)
+  if(NOT file MATCHES "^(include|src/(text|json|openai|engines/(http|copilot|llm)))/")
+    message(SEND_ERROR "${file} is in no layer")
+  endif()
+endforeach()
 forbid("^src/text/" "\"(json|engines|openai)/")
 forbid("^src/json/" "\"(engines|openai)/")
 forbid("^src/engines/http/" "\"(engines/(copilot|llm)|openai)/|mapstead/(config|engines/(copilot|llm))")
@@ -26,6 +31,9 @@ forbid("^src/engines/copilot/" "\"(engines/llm|openai)/|mapstead/(config|openai|
 forbid("^src/text/" "engines/http/(bounds|errors|json|response|retry|send|transport)")
 forbid("^src/json/" "engines/http/(bounds|errors|response|retry|send|transport)")
 forbid("engines/http/(secrets|utf8)" "engines/")
+forbid("^include/.*http/json" "http/(bounds|errors|response|retry|send|transport)")
+forbid("^include/.*http/(bounds|errors|retry|transport)" "http/(json|response|send)")
+forbid("^include/.*http/response" "http/send")
 forbid("^include/.*engines/http/" "engines/(llm|copilot)|mapstead/(config|openai)")
 forbid("^include/.*engines/copilot" "engines/llm|mapstead/config")
 forbid("^include/tovren_mapstead/(openai|config)" "tovren")

@@ -16,13 +16,13 @@ using Logger = std::shared_ptr<spdlog::logger>;
 
 constexpr const char* NAME = "tovren_mapstead.engines.llm";
 
-// spdlog's registry is made when the library is loaded, so that it outlives every call.
+// spdlog's registry is made when the library is loaded, so that it outlives all calls.
 [[maybe_unused]] const bool REGISTRY_MADE = [] {
   std::ignore = spdlog::get(NAME);
   return true;
 }();
 
-// Not registered under its name, or a host that registers its own later would fail.
+// It is not registered under its name: a host that registers its own later would fail.
 constinit http::Once<Logger> fallback;
 
 Logger make_fallback() {
@@ -33,10 +33,10 @@ Logger make_fallback() {
 
 void warn(std::string_view text) noexcept {
   try {
-    const http::ForkGuard guard;  // spdlog has locks, which no child may find held
+    const http::ForkGuard guard;  // spdlog has locks, which a child must not find locked
     const Logger hosts = spdlog::get(NAME);
     (hosts ? hosts : fallback.get(make_fallback))->warn("{}", text);
-  } catch (...) {  // a call is worth more than a line about it
+  } catch (...) {  // a lost line in the log is better than a lost call
   }
 }
 

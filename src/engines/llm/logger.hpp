@@ -1,4 +1,4 @@
-// The module's log: two warnings, no more, and nothing of a request or a reply.
+// The module's log. It gets two fixed warnings, and nothing of a request or a reply.
 #pragma once
 
 #include <string_view>
