@@ -159,7 +159,8 @@ JsonObject& JsonObject::end() {
 
 std::string JsonObject::text() && {
   if (!_fault.empty()) return {};
-  for (auto open = _open.rbegin(); open != _open.rend(); ++open) _text += open->end;
+  while (_open.size() > 1) end();
+  _text += _open.back().end;
   return std::move(_text);
 }
 
