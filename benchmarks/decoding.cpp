@@ -118,7 +118,7 @@ void stream(benchmark::State& state, std::string (*make)(std::size_t), std::size
   const http::Headers headers;
   const http::Secrets secrets;
   const auto read = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); };
-  const http::GetOptions options{
+  const http::SendOptions options{
       .policy = policy, .headers = headers, .secrets = secrets, .transport = &transport};
   run_cold(
       state, [] { return 0; },

@@ -1,7 +1,7 @@
 // The interface of the optional OpenAI client library. To bind a client library of your own,
 // implement `OpenAI` and `ChunkStream`, define the entry point, and build a shared object named
-// libtovren_openai.so where the dynamic loader finds it. This header needs the standard library only;
-// the object needs the same one as the program that loads it.
+// libtovren_openai.so where the dynamic loader finds it. This header needs the standard library
+// only; the object needs the same one as the program that loads it.
 #pragma once
 
 #include <cstdint>
@@ -85,8 +85,8 @@ class ChunkStream {
 
 /// One message of a request.
 struct RequestMessage {
-  std::string role;     ///< "system", "user" or "assistant".
-  std::string content;  ///< UTF-8.
+  std::string role;                                           ///< "system", "user" or "assistant".
+  std::string content;                                        ///< UTF-8.
   std::vector<std::pair<std::string, std::string>> others{};  ///< Further members, in order.
 
   /// Returns whether all members are equal.
@@ -130,8 +130,8 @@ class OpenAI {
   OpenAI& operator=(const OpenAI&) = delete;
   virtual ~OpenAI() = default;
 
-  /// Calls `chat.completions.create`. Returns the whole reply, or its stream if `arguments.stream` is
-  /// true. The stream is destroyed before the client. Throws an OpenAIError.
+  /// Calls `chat.completions.create`. Returns the whole reply, or its stream if `arguments.stream`
+  /// is true. The stream is destroyed before the client. Throws an OpenAIError.
   virtual std::variant<Completion, std::unique_ptr<ChunkStream>> create_chat_completion(
       const CreateArguments& arguments) = 0;
 };

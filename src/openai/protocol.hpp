@@ -18,7 +18,8 @@ namespace tovren_mapstead::openai {
 /// Returns the body of a request.
 [[nodiscard]] engines::http::JsonObject to_json(const CreateArguments& arguments);
 
-/// Returns a member of a reply. An empty array or object counts as absent, any other is its JSON text.
+/// Returns a member of a reply. An empty array or object counts as absent, any other is its JSON
+/// text.
 [[nodiscard]] Scalar to_scalar(const engines::http::JsonValue& value);
 
 /// Returns true for an absent value, false, zero and an empty string.

@@ -114,7 +114,7 @@ TEST(Send, KeepsWhatATransportThrowsButForSecrets) {
   const auto told = [&](auto thrown) {
     Throwing transport([&] { throw thrown; });
     try {
-      const http::GetOptions options{
+      const http::SendOptions options{
           .policy = POLICY, .headers = headers, .secrets = secrets, .transport = &transport};
       http::get("http://h", options, [](http::Response&) {});
     } catch (const http::Error& error) {

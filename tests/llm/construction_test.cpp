@@ -21,7 +21,9 @@ concept CanLackModel = requires {
 };
 
 template <class Record>
-concept HasAssignableFields = requires(Record record) { record.model() = ""; };
+concept HasAssignableFields = requires(Record record) {
+  record.model() = "";
+};
 
 static_assert(!CanLackModel<LLMResult> && !std::is_default_constructible_v<LLMResult>);
 static_assert(!HasAssignableFields<LLMConfig> && !HasAssignableFields<LLMResult>);
@@ -48,8 +50,7 @@ TEST(Records, AreEqualAndHashAlikeWhenAllFieldsAre) {
       {{.temperature = 1}},
       {{.max_tokens = 1}},
       {{.stream = false}}};
-  const LLMResult results[] = {{{"c", "m"}},       {{"x", "m"}},           {{"c", "x"}},              {{"c", "m", 1}},
-                               {{"c", "m", 0, 1}}, {{"c", "m", 0, 0, ""}}, {{"c", "m", 0, 0, "stop"}}};
+  const LLMResult results[] = {{{"c", "m"}}, {{"x", "m"}}, {{"c", "x"}}, {{"c", "m", 1}}, {{"c", "m", 0, 1}}, {{"c", "m", 0, 0, ""}}, {{"c", "m", 0, 0, "stop"}}};
   const auto distinct = [](const auto& records) {
     std::unordered_set<std::remove_cvref_t<decltype(records[0])>> set(std::begin(records), std::end(records));
     set.insert(std::begin(records), std::end(records));

@@ -26,8 +26,8 @@ namespace tovren_mapstead::engines::http {
   return timeout_s == 0 || std::isnan(timeout_s) ? std::nullopt : after(Clock::now(), timeout_s);
 }
 
-/// Returns whether `limit` has passed. By the coarse clock, which lags by some milliseconds, so that
-/// no limit ends early, and costs a quarter.
+/// Returns whether `limit` has passed. By the coarse clock, which lags by some milliseconds, so
+/// that no limit ends early, and costs a quarter.
 [[nodiscard]] inline bool has_passed(const std::optional<Deadline>& limit) noexcept {
   if (!limit) return false;
   timespec now{};

@@ -117,8 +117,8 @@ struct Response::Impl {
     }
   }
 
-  // Appends what comes next to `into`; returns false at the end of the body. Checks stop and deadline
-  // itself, because a transport of the caller's may not.
+  // Appends what comes next to `into`; returns false at the end of the body. Checks stop and
+  // deadline itself, because a transport of the caller's may not.
   bool pull(std::string& into) {
     if (std::exchange(reading, true)) {
       guarded([&] { watch.check_call("reading", "the reply"); });
@@ -147,8 +147,8 @@ struct Response::Impl {
     return more;
   }
 
-  // Skips the LF of a CRLF. The CR has ended the line already, so that nobody waits for a sender that
-  // stops between the two.
+  // Skips the LF of a CRLF. The CR has ended the line already, so that nobody waits for a sender
+  // that stops between the two.
   void skip_line_feed() {
     if (!after_carriage_return || start == size) return;
     after_carriage_return = false;
@@ -292,8 +292,9 @@ JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& s
     case JsonFault::wrong:
       break;
   }
-  throw HttpFailure(redact(what, secrets), reply.head().status,
-                    quote(text.substr(0, QUOTED_BYTES), secrets, quoted_chars(policy.detail_chars)));
+  throw HttpFailure(
+      redact(what, secrets), reply.head().status,
+      quote(text.substr(0, QUOTED_BYTES), secrets, quoted_chars(policy.detail_chars)));
 }
 
 JsonValue EventReader::next() {

@@ -22,8 +22,8 @@ std::optional<int> status_of(const std::exception& error) {
 
 namespace detail {
 
-// Returns "LLM call OUTCOME; last failure: ...". The failure quotes up to `detail_chars` of a reply,
-// and has words around the quotation.
+// Returns "LLM call OUTCOME; last failure: ...". The failure quotes up to `detail_chars` of a
+// reply, and has words around the quotation.
 std::string RetryLoop::text(std::string_view outcome) const {
   constexpr std::size_t ROOM_FOR_WORDS = 200;
   std::string text = _options.label;

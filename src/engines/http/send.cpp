@@ -27,7 +27,8 @@ constexpr std::array<Advice, 10> ADVICE{{
     {.status = 407, .text = "the proxy wants a user name and password; check the proxy variables"},
     {.status = 413, .text = "the request is too large; send less"},
     {.status = 422, .text = "the server rejected the request; see its message"},
-    {.status = 429, .text = "the server limits the rate or the account; send requests less often, or later"},
+    {.status = 429,
+     .text = "the server limits the rate or the account; send requests less often, or later"},
     {.status = 501, .text = "the server does not offer this"},
 }};
 
@@ -50,7 +51,9 @@ void refuse_unsafe(const std::string& url, const Headers& headers) {
   }
   for (const auto& [name, value] : headers) {
     if (name.empty() || std::ranges::any_of(name, ends_name)) {
-      throw HttpFailure("request cannot be sent: a header name is empty or holds a blank, a colon or a line break");
+      throw HttpFailure(
+          "request cannot be sent: a header name is empty or holds a blank, a colon or a line "
+          "break");
     }
     if (std::ranges::any_of(value, breaks)) {
       throw HttpFailure("request cannot be sent: the value of the header " + name +
@@ -87,10 +90,19 @@ std::string quote_rest(Response& reply) {
   }
 }
 
-// The one exchange routine: every request goes out and every status is judged here.
-Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
-                  const Secrets& secrets, Transport* transport,
-                  std::string_view advice_on_401 = CHECK_API_KEY) {
+}  // namespace
+
+// Every request goes out here, and every status is judged here.
+Response detail::exchange(Method method, const std::string& url, SendOptions options) {
+  const auto& [policy, timeout_s, body, headers, secrets, transport, advice_on_401] = options;
+  Request request{.method = method, .url = url, .headers = std::move(options.headers)};
+  if (method == Method::post) {
+    if (!body.fault().empty()) {  // it names a place in the body, which may hold a secret
+      throw HttpFailure(redact("request cannot be written as JSON: " + body.fault(), secrets));
+    }
+    request.body = std::move(options.body).text();
+    add_unless_given(request.headers, "Content-Type", "application/json");
+  }
   refuse_unsafe(request.url, request.headers);
   add_unless_given(request.headers, "User-Agent", USER_AGENT);
   Response reply(transport != nullptr ? *transport : default_transport(), std::move(request),
@@ -108,28 +120,4 @@ Response exchange(Request request, double timeout_s, const RetryPolicy& policy,
   throw HttpFailure(redact(text, secrets), status, quote_rest(reply));
 }
 
-}  // namespace
-
-namespace detail {
-
-Response post(const std::string& url, SendOptions options) {
-  if (const std::string& fault = options.body.fault(); !fault.empty()) {
-    // It names a place in the body, which may hold a secret.
-    throw HttpFailure(redact("request cannot be written as JSON: " + fault, options.secrets));
-  }
-  Request request{.method = Method::post,
-                  .url = url,
-                  .headers = std::move(options.headers),
-                  .body = std::move(options.body).text()};
-  add_unless_given(request.headers, "Content-Type", "application/json");
-  return exchange(std::move(request), options.timeout_s, options.policy, options.secrets,
-                  options.transport, options.advice_on_401);
-}
-
-Response get(const std::string& url, GetOptions options) {
-  return exchange({.method = Method::get, .url = url, .headers = std::move(options.headers)},
-                  options.timeout_s, options.policy, options.secrets, options.transport);
-}
-
-}  // namespace detail
 }  // namespace tovren_mapstead::engines::http

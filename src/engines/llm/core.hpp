@@ -26,8 +26,8 @@ struct HttpTarget {
 };
 
 /// Immutable but for the token that the Copilot adapter keeps. The attempts are in `transports/`.
-/// Each throws http::Retryable if another attempt may succeed, http::Stopped, http::DeadlineExceeded,
-/// and LLMError for any other failure.
+/// Each throws http::Retryable if another attempt may succeed, http::Stopped,
+/// http::DeadlineExceeded, and LLMError for any other failure.
 struct LLMClient::Core {
   Core(LLMConfig config, const ClientOptions& options);
 

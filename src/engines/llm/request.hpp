@@ -27,8 +27,8 @@ struct Prompt {
 [[nodiscard]] openai::CreateArguments arguments_of(const Prompt& prompt, const std::string& model,
                                                    const Features& features);
 
-/// Removes the feature that a provider rejected, with this status and text, from `features` and logs
-/// it. Returns false if the failure is no such rejection.
+/// Removes the feature that a provider rejected, with this status and text, from `features` and
+/// logs it. Returns false if the failure is no such rejection.
 [[nodiscard]] bool drop_rejected(Features& features, std::optional<int> status,
                                  std::string_view text);
 

@@ -52,8 +52,8 @@ class TOVREN_EXPORT Watch {
   void shorten(double timeout_s) noexcept;
 
   /// Throws Stopped, DeadlineExceeded or, once the idle timeout has passed, TimedOut. `doing` and
-  /// `whom` say in their texts what is under way: "waiting for" and the host. Exceptions of the stop
-  /// test pass through.
+  /// `whom` say in their texts what is under way: "waiting for" and the host. Exceptions of the
+  /// stop test pass through.
   void check(std::string_view doing, std::string_view whom) const;
 
   /// Does the same without the idle timeout: throws Stopped and DeadlineExceeded only.

@@ -25,12 +25,15 @@ class TOVREN_EXPORT JsonObject {
   /// Adds a member to the innermost object, or an element, which has no name, to the innermost
   /// array. A string that is not valid UTF-8 and a number that is not finite are a fault.
   JsonObject& add(std::string_view name, std::string_view text);
+
   /// As above: a literal is a string, not a boolean.
   JsonObject& add(std::string_view name, const char* text) {
     return add(name, std::string_view(text));
   }
+
   /// As above.
   JsonObject& add(std::string_view name, double number);
+
   /// As above, for booleans and integers.
   template <std::integral Value>
   JsonObject& add(std::string_view name, Value value) {

@@ -21,8 +21,8 @@ namespace tovren_mapstead::engines::http {
 /// HttpFailure (a line or a body that is too large), and what the stop test throws.
 class TOVREN_EXPORT Response {
  public:
-  /// Sends `request` and waits for the head of its reply, whatever its status. `policy` must outlive
-  /// this object. Throws like reading.
+  /// Sends `request` and waits for the head of its reply, whatever its status. `policy` must
+  /// outlive this object. Throws like reading.
   Response(Transport& transport, Request request, double timeout_s, const RetryPolicy& policy,
            const Secrets& secrets);
 
@@ -46,8 +46,8 @@ class TOVREN_EXPORT Response {
   void limit_lines(double timeout_s);
 
   /// Returns the next line of the body without its end, or nothing at the end of the body. Blocks
-  /// until the line has arrived. LF, CRLF and a lone CR end a line, and so does the end of the body,
-  /// which removes a UTF-8 character that it cuts. A byte order mark before the first line is
+  /// until the line has arrived. LF, CRLF and a lone CR end a line, and so does the end of the
+  /// body, which removes a UTF-8 character that it cuts. A byte order mark before the first line is
   /// skipped (the event-stream format).
   /// The line is valid until the next read. The JsonReader::PADDING bytes after it are readable.
   std::optional<std::string_view> next_line();
@@ -109,8 +109,8 @@ class TOVREN_EXPORT Response {
 TOVREN_EXPORT JsonValue read_json(Response& reply, const RetryPolicy& policy,
                                   const Secrets& secrets);
 
-/// Reads the events of `reply`: its `data:` lines that hold a JSON object (the event-stream format).
-/// Any other line is skipped. For one thread at a time.
+/// Reads the events of `reply`: its `data:` lines that hold a JSON object (the event-stream
+/// format). Any other line is skipped. For one thread at a time.
 class TOVREN_EXPORT EventReader {
  public:
   /// `reply` must outlive this object.

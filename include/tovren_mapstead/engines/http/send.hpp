@@ -20,52 +20,42 @@ namespace tovren_mapstead::engines::http {
 /// The advice for a refused credential (401) if the caller has none that is better.
 inline constexpr std::string_view CHECK_API_KEY = "check the API key";
 
-/// What a POST needs. References are borrowed for the time of the exchange.
+/// What a request needs. References are borrowed for the time of the exchange.
 struct SendOptions {
   const RetryPolicy& policy;       ///< Bounds and limits. `send` makes one attempt.
   double timeout_s = 60.0;         ///< Idle timeout in seconds; 0 means no limit.
-  JsonObject body{};               ///< The request.
-  Headers headers{};               ///< Sent beside `Content-Type: application/json`.
+  JsonObject body{};               ///< Of a POST; a GET has none.
+  Headers headers{};               ///< A POST gets a `Content-Type: application/json` as well.
   const Secrets& secrets;          ///< Kept out of every error text.
   Transport* transport = nullptr;  ///< Absent: `default_transport`.
   std::string_view advice_on_401 = CHECK_API_KEY;  ///< For the text of such a failure.
 };
 
-/// What a GET needs: the same without a body.
-struct GetOptions {
-  const RetryPolicy& policy;       ///< As for SendOptions.
-  double timeout_s = 60.0;         ///< Idle timeout in seconds; 0 means no limit.
-  Headers headers{};               ///< Sent unchanged.
-  const Secrets& secrets;          ///< Kept out of every error text.
-  Transport* transport = nullptr;  ///< Absent: `default_transport`.
-};
-
 namespace detail {
 
-/// Send a request and return its reply if the status is a success; throw like `send`.
-TOVREN_EXPORT Response post(const std::string& url, SendOptions options);
-TOVREN_EXPORT Response get(const std::string& url, GetOptions options);
+/// Sends a request and returns its reply if the status is a success; throws like `send`.
+TOVREN_EXPORT Response exchange(Method method, const std::string& url, SendOptions options);
 
 }  // namespace detail
 
 /// POSTs `options.body` to `url`, once, and returns what `read(Response&)` returns.
-/// Throws Retryable (a status of `policy.retry_statuses`, silence, a failed connection), HttpFailure
-/// (any other status but success, redirects included; a request that cannot be sent: text that is
-/// not UTF-8, a number that is not finite, a header value with a line break), Stopped and
-/// DeadlineExceeded (the bounds of `policy`). Exceptions of `read` and of the stop test pass
+/// Throws Retryable (a status of `policy.retry_statuses`, silence, a failed connection),
+/// HttpFailure (any other status but success, redirects included; a request that cannot be sent:
+/// text that is not UTF-8, a number that is not finite, a header value with a line break), Stopped
+/// and DeadlineExceeded (the bounds of `policy`). Exceptions of `read` and of the stop test pass
 /// unchanged. Runs on the calling thread. Thread-safe.
 template <class Read>
 std::invoke_result_t<Read&, Response&> send(const std::string& url, SendOptions options,
                                             Read&& read) {
-  Response reply = detail::post(url, std::move(options));
+  Response reply = detail::exchange(Method::post, url, std::move(options));
   return std::invoke(read, reply);
 }
 
 /// GETs `url`, once; otherwise like `send`.
 template <class Read>
-std::invoke_result_t<Read&, Response&> get(const std::string& url, GetOptions options,
+std::invoke_result_t<Read&, Response&> get(const std::string& url, SendOptions options,
                                            Read&& read) {
-  Response reply = detail::get(url, std::move(options));
+  Response reply = detail::exchange(Method::get, url, std::move(options));
   return std::invoke(read, reply);
 }
 

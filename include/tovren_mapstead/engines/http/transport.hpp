@@ -30,8 +30,8 @@ struct Head {
   std::string location{};      ///< As received; empty if absent.
 };
 
-/// A request under way whose head has been received. Destroying it before the end of the body closes
-/// the connection.
+/// A request under way whose head has been received. Destroying it before the end of the body
+/// closes the connection.
 class TOVREN_EXPORT Exchange {
  public:
   Exchange() = default;
@@ -76,9 +76,10 @@ struct TransportOptions {
   std::string ca_file{};
 };
 
-/// Returns a transport over libcurl with its own pool of connections. It speaks http and https only,
-/// keeps connections for reuse, and uses the proxies of the usual environment variables, which it
-/// reads when it is made. It must not be used in a child process of the process that made it.
+/// Returns a transport over libcurl with its own pool of connections. It speaks http and https
+/// only, keeps connections for reuse, and uses the proxies of the usual environment variables,
+/// which it reads when it is made. It must not be used in a child process of the process that made
+/// it.
 [[nodiscard]] TOVREN_EXPORT std::shared_ptr<Transport> make_transport(
     const TransportOptions& options = {});
 

@@ -34,7 +34,8 @@ struct ChatOptions {
 
 /// A thin OpenAI-compatible chat-completions client.
 /// Immutable and thread-safe; needs no closing. Copies are cheap and share the transport and, for
-/// Copilot, the token. A client must not be assigned or destroyed while another thread is in `chat`.
+/// Copilot, the token. A client must not be assigned or destroyed while another thread is in
+/// `chat`.
 class TOVREN_EXPORT LLMClient {
  public:
   /// Throws std::invalid_argument for a base URL that is not empty and does not start with
@@ -42,7 +43,8 @@ class TOVREN_EXPORT LLMClient {
   /// `is_configured`.
   explicit LLMClient(LLMConfig config, const ClientOptions& options = {});
 
-  /// Does the same with the fields of a configuration: `LLMClient({.base_url = url, .model = "m"})`.
+  /// Does the same with the fields of a configuration: `LLMClient({.base_url = url, .model =
+  /// "m"})`.
   explicit LLMClient(LLMConfig::Fields fields, const ClientOptions& options = {});
 
   /// Returns the configuration. Lives as long as the client and its copies.
@@ -69,14 +71,14 @@ class TOVREN_EXPORT LLMClient {
   std::shared_ptr<const Core> _core;
 };
 
-/// Returns whether the OpenAI client library (`openai`) can be loaded, in which case plain providers
-/// are reached through it. Searches once in the life of the process. Thread-safe.
+/// Returns whether the OpenAI client library (`openai`) can be loaded, in which case plain
+/// providers are reached through it. Searches once in the life of the process. Thread-safe.
 [[nodiscard]] TOVREN_EXPORT bool _openai_available();
 
 /// Builds a client from the application's configuration and, unless the provider is "copilot", the
 /// key in the environment variable TOVREN_LLM_API_KEY. The client may be unconfigured.
-/// Throws std::invalid_argument like the constructor. Must not be called while another thread changes
-/// the environment.
+/// Throws std::invalid_argument like the constructor. Must not be called while another thread
+/// changes the environment.
 [[nodiscard]] TOVREN_EXPORT LLMClient build_llm_client_from_config(const Config& config);
 
 }  // namespace tovren_mapstead::engines::llm

@@ -19,9 +19,9 @@ class LLMConfig {
  public:
   /// The fields by name. Those that are left out have their defaults.
   struct Fields {
-    std::string provider = "openai";  ///< "copilot" is GitHub Copilot; any other: `base_url`.
-    std::string base_url{};           ///< http(s) URL before "/chat/completions".
-    std::string model{};              ///< Sent with every request.
+    std::string provider = "openai";       ///< "copilot" is GitHub Copilot; any other: `base_url`.
+    std::string base_url{};                ///< http(s) URL before "/chat/completions".
+    std::string model{};                   ///< Sent with every request.
     std::optional<std::string> api_key{};  ///< A secret; kept out of every error text.
     double timeout_s = 60.0;   ///< Idle timeout, and limit of a whole stream, in seconds; 0: none.
     int max_retries = 2;       ///< Attempts after the first; below 0 counts as 0.
@@ -43,16 +43,25 @@ class LLMConfig {
   /// @{
   /// Returns the field of this name. A reference lives as long as this object.
   [[nodiscard]] const std::string& provider() const noexcept { return _fields.provider; }
+
   [[nodiscard]] const std::string& base_url() const noexcept { return _fields.base_url; }
+
   [[nodiscard]] const std::string& model() const noexcept { return _fields.model; }
+
   [[nodiscard]] const std::optional<std::string>& api_key() const noexcept {
     return _fields.api_key;
   }
+
   [[nodiscard]] double timeout_s() const noexcept { return _fields.timeout_s; }
+
   [[nodiscard]] int max_retries() const noexcept { return _fields.max_retries; }
+
   [[nodiscard]] double temperature() const noexcept { return _fields.temperature; }
+
   [[nodiscard]] int max_tokens() const noexcept { return _fields.max_tokens; }
+
   [[nodiscard]] bool stream() const noexcept { return _fields.stream; }
+
   /// @}
 
   /// Returns a copy of all fields, for a configuration that differs in some of them.

@@ -9,8 +9,8 @@
 
 namespace tovren_mapstead::engines::llm {
 
-/// One message: `{.role = "user", .content = text}`, or `user(text)`. Further members are sent after
-/// these, in their order.
+/// One message: `{.role = "user", .content = text}`, or `user(text)`. Further members are sent
+/// after these, in their order.
 using Message = openai::RequestMessage;
 
 /// The messages of a call, the oldest first.

@@ -25,7 +25,9 @@ class LLMResult {
     /// Has this text.
     Required(std::string text) noexcept  // NOLINT(google-explicit-constructor): it is a string
         : std::string(std::move(text)) {}
+
     Required(const char* text) : std::string(text) {}  // NOLINT(google-explicit-constructor)
+
     /// @}
   };
 
@@ -80,10 +82,11 @@ class LLMResult {
   bool operator==(const LLMResult&) const = default;
 
  private:
-  // For `map[key] = result`, which makes an element before it assigns. Nobody else can make a result
-  // without an answer.
+  // For `map[key] = result`, which makes an element before it assigns. Nobody else can make a
+  // result without an answer.
   template <class, class>
   friend struct std::pair;
+
   LLMResult() : _fields{.content = "", .model = ""} {}
 
   Fields _fields;

@@ -68,8 +68,7 @@ std::vector<Address> usable(Found found, const Service& service) {
                                : found.error == EAI_SYSTEM
                                    ? std::generic_category().message(found.system_error)
                                    : gai_strerror(found.error);
-    throw TransportError("cannot resolve " + service.whom + " (" + reason +
-                             "); check " +
+    throw TransportError("cannot resolve " + service.whom + " (" + reason + "); check " +
                              (service.is_proxy ? "the proxy variables" : "the URL and the network"),
                          true);
   }

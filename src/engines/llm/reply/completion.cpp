@@ -31,9 +31,9 @@ LLMResult _parse_completion(const JsonValue& payload, const std::string& fallbac
   }
   const auto require = [&](bool good, const char* what) {
     if (good) return;
-    throw LLMError(std::string("LLM response is malformed: ") + what +
-                   "; check the URL and the model: " +
-                   http::quote(reason.text(), secrets, DETAIL_CHARS));
+    throw LLMError(
+        std::string("LLM response is malformed: ") + what +
+        "; check the URL and the model: " + http::quote(reason.text(), secrets, DETAIL_CHARS));
   };
   require(choices.kind() == Kind::array, "'choices' is not an array");
   const JsonValue first = choices.front();
@@ -44,11 +44,12 @@ LLMResult _parse_completion(const JsonValue& payload, const std::string& fallbac
   require(content.empty() || content.kind() == Kind::string, "'content' is not a string");
   const JsonValue finish_reason = first["finish_reason"];
   const bool finished = finish_reason.kind() != Kind::absent && finish_reason.kind() != Kind::null;
-  return LLMResult({.content = _strip_reasoning(content.empty() ? std::string() : content.text()),
-                    .model = model.empty() ? fallback_model : model.text(),
-                    .prompt_tokens = _as_int(usage["prompt_tokens"]),
-                    .completion_tokens = _as_int(usage["completion_tokens"]),
-                    .finish_reason = finished ? std::optional(finish_reason.text()) : std::nullopt});
+  return LLMResult(
+      {.content = _strip_reasoning(content.empty() ? std::string() : content.text()),
+       .model = model.empty() ? fallback_model : model.text(),
+       .prompt_tokens = _as_int(usage["prompt_tokens"]),
+       .completion_tokens = _as_int(usage["completion_tokens"]),
+       .finish_reason = finished ? std::optional(finish_reason.text()) : std::nullopt});
 }
 
 }  // namespace tovren_mapstead::engines::llm

@@ -9,8 +9,8 @@
 
 namespace tovren_mapstead::engines::llm {
 
-/// Returns the result that a chat-completion object holds; its model is `fallback_model` if the object
-/// names none. Throws LLMError, free of `secrets`, if `payload` is no such object.
+/// Returns the result that a chat-completion object holds; its model is `fallback_model` if the
+/// object names none. Throws LLMError, free of `secrets`, if `payload` is no such object.
 [[nodiscard]] LLMResult _parse_completion(const http::JsonValue& payload,
                                           const std::string& fallback_model,
                                           const http::Secrets& secrets = {});

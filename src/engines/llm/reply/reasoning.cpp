@@ -21,11 +21,12 @@ re2::RE2 make_code_span() {
   return {"```.*?```|~~~.*?~~~|`[^`\\n]*`", options};
 }
 
-// A pattern has a lock around its cache, which another thread may hold during a fork. So a child has
-// its own pattern.
+// A pattern has a lock around its cache, which another thread may hold during a fork. So a child
+// has its own pattern.
 constinit http::Once<re2::RE2> code_span;
 
-// Made when the library is loaded, when there is memory, unless a call before `main` needs it first.
+// Made when the library is loaded, when there is memory, unless a call before `main` needs it
+// first.
 [[maybe_unused]] const bool LOADED = (code_span.get(make_code_span), true);
 
 // The code spans of a text from left to right. They are found as they are needed.

@@ -14,8 +14,8 @@ namespace tovren_mapstead::engines::llm {
 
 /// Reads the events of `response` and returns the answer that they make. `timeout_s` limits the
 /// whole stream, in seconds, and is tested when bytes have come; 0 means no limit. Throws
-/// http::Retryable if bytes come after the limit or the stream broke off without an answer, LLMError
-/// for an answer beyond 64 MiB, and what reading throws.
+/// http::Retryable if bytes come after the limit or the stream broke off without an answer,
+/// LLMError for an answer beyond 64 MiB, and what reading throws.
 [[nodiscard]] LLMResult _parse_sse_stream(http::Response& response,
                                           const std::string& fallback_model, double timeout_s = 0);
 

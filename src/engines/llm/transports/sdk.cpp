@@ -56,11 +56,14 @@ LLMResult to_result(const openai::Completion& reply, const std::string& fallback
   const openai::Usage usage = reply.usage.value_or(openai::Usage{});
   const bool finished = !std::holds_alternative<std::monostate>(choice.finish_reason);
   return LLMResult(
-      {.content = openai::is_empty(choice.message->content) ? "" : openai::text_of(choice.message->content),
+      {.content = openai::is_empty(choice.message->content)
+                      ? ""
+                      : openai::text_of(choice.message->content),
        .model = openai::is_empty(reply.model) ? fallback_model : openai::text_of(reply.model),
        .prompt_tokens = _as_int(usage.prompt_tokens),
        .completion_tokens = _as_int(usage.completion_tokens),
-       .finish_reason = finished ? std::optional(openai::text_of(choice.finish_reason)) : std::nullopt});
+       .finish_reason =
+           finished ? std::optional(openai::text_of(choice.finish_reason)) : std::nullopt});
 }
 
 LLMResult result_of(openai::OpenAI& client, const openai::CreateArguments& arguments,
