@@ -24,7 +24,7 @@ std::string outcome(std::vector<std::string> pieces) {
   try {
     return outcome(http::send("http://h", {.policy = policy, .body = {}, .headers = {}, .secrets = SECRETS, .transport = &transport}, read));
   } catch (const std::runtime_error& error) {
-    require(dynamic_cast<const http::Retryable*>(&error) != nullptr || dynamic_cast<const llm::LLMError*>(&error) != nullptr, error.what());
+    require(dynamic_cast<const http::Retryable*>(&error) != nullptr || dynamic_cast<const llm::LLMError*>(&error) != nullptr || dynamic_cast<const http::HttpFailure*>(&error) != nullptr, error.what());
     return clean(error.what(), SECRETS[0]);
   }
 }
@@ -95,7 +95,7 @@ std::string expected(const std::string& body) {
     end = std::min(body.find_first_of("\r\n", at), body.size());
     const std::string_view raw = std::string_view(body).substr(at, end - at);
     const std::string_view line = http::trim(end == body.size() ? without_cut(raw) : raw);
-    if (!http::is_utf8(line)) return "LLM stream is not valid UTF-8";
+    if (!http::is_utf8(line)) return "stream is not valid UTF-8";
     const std::string_view payload = http::trim(line.starts_with("data:") ? line.substr(5) : "");
     if (payload == "[DONE]") break;
     const Json chunk = decoded(payload);
