@@ -78,7 +78,8 @@ std::string_view without_cut(std::string_view line) {
     for (const char last : {'\x80', '\xBF'}) {
       std::string end(line.substr(line.size() - width));
       for (int more = 0; more < 3; ++more) {
-        if (http::is_utf8(end += last)) return line.substr(0, line.size() - width);
+        end += last;
+        if (http::is_utf8(end)) return line.substr(0, line.size() - width);
       }
     }
   }
