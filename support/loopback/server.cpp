@@ -211,6 +211,7 @@ BlackHole::BlackHole(bool connects, std::uint32_t host, std::uint16_t port) : _p
   // With its queue full, the kernel drops what else wants to connect.
   for (int i = 0; i < 8; ++i) {
     const int filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (filler < 0) throw std::system_error(errno, std::generic_category(), "socket");
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(host);

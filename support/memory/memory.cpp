@@ -33,7 +33,9 @@ void count_out(void* block) {
 }
 
 bool refused() {
-  if (until_failure == 0 || --until_failure > 0) return false;
+  if (until_failure == 0) return false;
+  --until_failure;
+  if (until_failure > 0) return false;
   return has_failed = true;
 }
 

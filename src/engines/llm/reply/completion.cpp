@@ -11,11 +11,8 @@
 #include "text/quote.hpp"
 
 namespace tovren_mapstead::engines::llm {
-namespace {
 
 using http::JsonValue;
-
-}  // namespace
 
 LLMResult _parse_completion(const JsonValue& payload, const std::string& fallback_model,
                             const http::Secrets& secrets) {
