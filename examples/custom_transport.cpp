@@ -1,5 +1,6 @@
-// Tests code that asks a model, without a network and without waiting: the transport plays replies
-// and keeps what was sent, waits are noted. Not asked where an OpenAI client library is installed.
+// Tests code that calls a model, without network and without waits: the transport returns prepared
+// replies and records requests, and the wait function records waits. The client does not use the
+// transport if an OpenAI client library is installed.
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -16,7 +17,7 @@ namespace {
 namespace http = tovren_mapstead::engines::http;
 namespace llm = tovren_mapstead::engines::llm;
 
-// A reply whose body comes in one read.
+// A reply whose body is returned by one read.
 struct Reply final : http::Exchange {
   Reply(int status, std::string text) : body(std::move(text)) { top.status = status; }
 
@@ -31,10 +32,10 @@ struct Reply final : http::Exchange {
   std::string body;
 };
 
-// Serves one thread: a test has no more.
+// For one thread at a time, which is enough for a test.
 struct Script final : http::Transport {
   std::unique_ptr<http::Exchange> open(http::Request request, http::Watch& watch) override {
-    watch.check("waiting for the reply of", "the script");  // asks the stop test and the deadline
+    watch.check("waiting for the reply of", "the script");  // checks the stop test and the deadline
     requests.push_back(std::move(request));
     if (requests.size() > replies.size()) throw http::TransportError("no reply is left", false);
     return std::move(replies[requests.size() - 1]);
@@ -44,7 +45,7 @@ struct Script final : http::Transport {
   std::vector<http::Request> requests;
 };
 
-// The code under test: it is handed its client.
+// The code under test, which gets its client as an argument.
 std::string title_of(const llm::LLMClient& client, const std::string& text) {
   return client.chat({llm::user("A title for: " + text)}).content();
 }

@@ -1,6 +1,7 @@
-// Calls in an application with an event loop: threads make them, the loop's thread has the answers.
+// Calls in an application with an event loop: threads make the calls, and the loop gets the
+// answers.
 //   TOVREN_LLM_API_KEY=... event_loop URL MODEL SECONDS QUESTION...
-// After SECONDS it shuts down and stops the calls that have no answer yet.
+// After SECONDS it stops the calls that have no answer yet, and exits.
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -21,7 +22,7 @@ namespace llm = tovren_mapstead::engines::llm;
 struct Calls {
   ~Calls() { close(answered); }
 
-  // A thread's work until `stop`, which ends the call under way; those that wait fail at once.
+  // Runs on each thread until `stop`, which cancels the current call. Calls after it fail at once.
   void make(const std::stop_token& stop) {
     std::unique_lock lock(mutex);
     while (changed.wait(lock, stop, [this] { return !questions.empty(); })) {
@@ -30,7 +31,8 @@ struct Calls {
       lock.unlock();
       std::string answer;
       try {
-        answer = client.chat(asked, {.should_stop = [&] { return stop.stop_requested(); }}).content();
+        answer =
+            client.chat(asked, {.should_stop = [&] { return stop.stop_requested(); }}).content();
       } catch (const std::exception& error) {
         answer = std::string("failed: ") + error.what();
       }
@@ -43,9 +45,9 @@ struct Calls {
   const llm::LLMClient client;
   std::deque<std::string> questions;
   std::deque<std::string> answers{};
-  std::mutex mutex{};                                           // of both
-  std::condition_variable_any changed{};                        // to be notified of a question
-  const int answered = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // readable after an answer
+  std::mutex mutex{};                                           // for both queues
+  std::condition_variable_any changed{};                        // notify it after adding a question
+  const int answered = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // becomes readable after an answer
 };
 
 int main(int argc, char** argv) {
@@ -61,7 +63,7 @@ int main(int argc, char** argv) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     int open = argc - 4;
     while (open > 0 && std::chrono::steady_clock::now() < end) {
-      if (poll(&ready, 1, 100) == 0) std::cerr << "tick\n";  // the loop's own work goes on
+      if (poll(&ready, 1, 100) == 0) std::cerr << "tick\n";  // other work of the loop
       eventfd_t count = 0;
       eventfd_read(calls.answered, &count);
       std::unique_lock lock(calls.mutex);
@@ -70,7 +72,7 @@ int main(int argc, char** argv) {
       for (const std::string& answer : answers) std::cout << answer << std::endl;
       open -= static_cast<int>(answers.size());
     }
-    for (auto& thread : threads) thread.request_stop();  // all at once; each is joined later
+    for (auto& thread : threads) thread.request_stop();  // all of them before the first join
     if (open > 0) throw std::runtime_error(std::to_string(open) + " calls were stopped");
   } catch (const std::exception& error) {
     std::cerr << error.what() << "\n";

@@ -1,4 +1,4 @@
-// Asks for an answer that a program can use: a JSON object of a known shape.
+// Asks for an answer that a program can read: a JSON object with known members.
 //
 //   TOVREN_LLM_API_KEY=... json_mode URL MODEL TEXT
 #include <chrono>
@@ -16,7 +16,7 @@ namespace {
 namespace llm = tovren_mapstead::engines::llm;
 using Json = nlohmann::json;
 
-// JSON mode brings an object, not yet the right one, so the prompt has to say which.
+// JSON mode ensures an object only. The prompt must describe its members.
 constexpr const char* INSTRUCTIONS =
     "Describe the text that you are given. Answer with a JSON object and nothing else, like "
     R"({"summary": "one sentence", "tags": ["up to five", "single words"]})";
@@ -26,11 +26,12 @@ struct Description {
   std::vector<std::string> tags;
 };
 
-// What a model says is foreign input: each member may be missing or of another type.
-// Throws std::runtime_error, which says what to do.
+// Returns the description in an answer. Answers are untrusted input: a member may be missing or of
+// another type. Throws std::runtime_error, whose text says what to do.
 Description parse(const llm::LLMResult& result) {
   if (result.finish_reason() == "length") {
-    throw std::runtime_error("the answer broke off at " + std::to_string(result.completion_tokens()) +
+    throw std::runtime_error("the answer broke off at " +
+                             std::to_string(result.completion_tokens()) +
                              " tokens; allow more (ChatOptions::max_tokens)");
   }
   const Json json = Json::parse(result.content(), nullptr, false);
@@ -50,9 +51,8 @@ Description parse(const llm::LLMResult& result) {
 
 Description describe(const llm::LLMClient& client, const std::string& text) {
   const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  return parse(client.chat(
-      {llm::system(INSTRUCTIONS), llm::user(text)},
-      {.temperature = 0.0, .response_json = true, .deadline = soon}));
+  return parse(client.chat({llm::system(INSTRUCTIONS), llm::user(text)},
+                           {.temperature = 0.0, .response_json = true, .deadline = soon}));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The first program: one question, one answer, one line that says what is wrong.
+// The first program: one question, then one answer or one line with the error.
 //
 //   TOVREN_LLM_API_KEY=... quickstart URL MODEL [QUESTION]
 #include <chrono>
@@ -23,15 +23,14 @@ int main(int argc, char** argv) {
     config.generation.model = argv[2];
     const llm::LLMClient client = llm::build_llm_client_from_config(config);
 
-    const llm::Messages messages{llm::system("Answer in one paragraph."),
-                                 llm::user(question)};
+    const llm::Messages messages{llm::system("Answer in one paragraph."), llm::user(question)};
     const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     const llm::LLMResult result = client.chat(messages, {.deadline = soon});
 
     std::cout << result.content() << std::endl;
     if (!std::cout) throw std::runtime_error("cannot write the answer");
     return 0;
-  } catch (const std::exception& error) {  // an LLMError, mostly
+  } catch (const std::exception& error) {  // usually an LLMError
     std::cerr << "quickstart: " << error.what() << "\n";
     return 1;
   }

@@ -1,9 +1,9 @@
-# Uses the example NAME as its reader would, beside an endpoint.
+# Runs the example NAME against a test endpoint.
 # PROGRAM: the example; WITH: with_endpoint; SOURCE: this repository; WORK: a folder to work in
 cmake_minimum_required(VERSION 3.25)
 set(ENV ${CMAKE_COMMAND} -E env)
 
-# expect(STATUS STDOUT STDERR COMMAND...): what a command has to exit with and, as expressions, print.
+# expect(STATUS STDOUT STDERR COMMAND...): checks a command's exit status, and its output by regular expressions.
 function(expect status stdout stderr)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE ended OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT ended STREQUAL status OR NOT out MATCHES "${stdout}" OR NOT err MATCHES "${stderr}")
@@ -12,7 +12,7 @@ function(expect status stdout stderr)
   endif()
 endfunction()
 
-# expect_pages(FOLDER PAGE...): the pages below FOLDER, in the index as in the tree.
+# expect_pages(FOLDER PAGE...): checks the pages below FOLDER, and the links in its index.
 function(expect_pages folder)
   file(GLOB_RECURSE pages RELATIVE ${folder} ${folder}/wiki.md)
   file(STRINGS ${folder}/index.md links)
@@ -66,13 +66,13 @@ elseif(NAME STREQUAL wiki)
     message(SEND_ERROR "src/openai: ${page}\nindex: ${index}")
   endif()
 
-  # A tree with what is no text, runs in circles or is nobody's business.
+  # A tree with files that are not text, loops of links, and hidden files.
   set(tree ${WORK}/tree)
   foreach(path IN ITEMS a.txt b/b.txt "e f/\"e\".txt" .hidden/h.txt build/CMakeCache.txt build/x/x.txt)
     file(WRITE "${tree}/${path}" "text\n")
   endforeach()
   string(REPEAT "é" 3000 long)
-  file(WRITE ${tree}/c/d/d.txt "text\n${long}")  # whose excerpt would end within a character
+  file(WRITE ${tree}/c/d/d.txt "text\n${long}")  # its excerpt would end in the middle of a character
   string(ASCII 255 254 10 bytes)
   file(WRITE ${tree}/b/latin1.txt "${bytes}")
   file(WRITE "${tree}/b/${bytes}.txt" "text\n")
@@ -86,7 +86,7 @@ elseif(NAME STREQUAL wiki)
   expect_pages(${WORK}/none)
   expect(1 "^$" "^[^\n]*cannot[^\n]*\n$" ${PROGRAM} http://h m ${WORK}/no/such/tree ${WORK}/none)
 
-  # Ctrl-C once three pages are there; the fourth never comes.
+  # Sends SIGINT after three pages. The endpoint never answers the fourth call.
   set(interrupt [[
     log=$1
     shift
@@ -105,7 +105,7 @@ elseif(NAME STREQUAL wiki)
   file(GLOB_RECURSE pages RELATIVE ${WORK}/part ${WORK}/part/wiki.md)
   expect_pages(${WORK}/part ${pages})
 
-  foreach(run IN ITEMS first second)  # which does not describe the pages of the first
+  foreach(run IN ITEMS first second)  # the second must not describe the pages of the first
     expect(0 "^$" "4 of 4 pages\n$" ${WITH} ${PROGRAM} {url} m ${tree} ${tree}/wiki)
     expect_pages(${tree}/wiki b/wiki.md c/d/wiki.md "e f/wiki.md" wiki.md)
   endforeach()

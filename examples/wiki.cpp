@@ -1,4 +1,5 @@
-// Writes a Markdown page about each folder of a source tree, many at once. Ctrl-C keeps the done.
+// Writes a Markdown page about each folder of a source tree, eight at a time. Ctrl-C stops it and
+// keeps the finished pages.
 //   TOVREN_LLM_API_KEY=... wiki URL MODEL REPOSITORY OUT
 #include <atomic>
 #include <csignal>
@@ -17,7 +18,8 @@ namespace engines = tovren_mapstead::engines;
 
 namespace {
 
-// Folders and how their text files begin. Leaves out links, build trees, what is hidden, and `out`.
+// Returns folders and the start of their text files. Skips links, build trees, hidden files and
+// `out`.
 auto excerpts_of(const fs::path& root, const fs::path& out) {
   std::map<std::string, std::string> folders;
   for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {
@@ -28,7 +30,7 @@ auto excerpts_of(const fs::path& root, const fs::path& out) {
     } else if (it->is_regular_file()) {
       std::string text(4000, '\0');
       std::ifstream(it->path(), std::ios::binary).read(text.data(), 4000);
-      text.resize(text.rfind('\n') + 1);  // where a line ends no character is cut
+      text.resize(text.rfind('\n') + 1);  // at the end of a line, so that no character is cut
       text.insert(0, "\n=== " + name.string() + "\n");
       const bool is_text = engines::http::is_utf8(text) && text.find('\0') == std::string::npos;
       std::string& all = folders[name.parent_path().string()];
@@ -48,7 +50,7 @@ int main(int argc, char** argv) {
     const tovren_mapstead::Config config{.generation = {.base_url = argv[1], .model = argv[2]}};
     const engines::llm::LLMClient client = engines::llm::build_llm_client_from_config(config);
     const fs::path out = fs::weakly_canonical(argv[4]);
-    fs::create_directories(out);  // before anything is paid for
+    fs::create_directories(out);  // fails before the first call, which costs money
     const auto folders = excerpts_of(fs::canonical(argv[3]), out);
     std::vector<std::string> links(folders.size());
     std::atomic<std::size_t> next = 0;

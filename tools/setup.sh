@@ -1,4 +1,4 @@
-# Shared by the commands of this repository: installs what a Debian machine lacks. To be sourced.
+# Functions for the commands of this repository. Source it.
 # shellcheck shell=bash
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -7,15 +7,15 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev nlohmann-j
   libsimdjson-dev libre2-dev libspdlog-dev libssl-dev libgtest-dev libbenchmark-dev ca-certificates
   dpkg-dev file)
 
-# say TEXT: on stderr, since stdout belongs to the command.
+# say TEXT: prints TEXT on stderr, because stdout is for the output of the command.
 say() { printf '%s\n' "$*" >&2; }
 
-# as_root COMMAND...: by sudo where the user is another.
+# as_root COMMAND...: runs COMMAND as root, with sudo if needed.
 as_root() {
   if [[ $(id -u) == 0 ]]; then "$@"; else sudo "$@"; fi
 }
 
-# quietly LOG COMMAND...: keeps the output in the file LOG, and shows it if the command fails.
+# quietly LOG COMMAND...: runs COMMAND, writes its output to the file LOG, and shows it on failure.
 quietly() {
   local log=$1
   shift
@@ -23,7 +23,8 @@ quietly() {
   "$@" >"$log" 2>&1 </dev/null || { cat "$log" >&2; return 1; }
 }
 
-# count TEXT COMMAND...: says TEXT once ninja has something to do, with its count on a terminal.
+# count TEXT COMMAND...: runs COMMAND, which calls ninja. Prints TEXT if there is work, and its progress
+# on a terminal.
 count() {
   local text=$1 line begun=
   shift
@@ -42,7 +43,7 @@ count() {
   }
 }
 
-# need PACKAGE...: installs those that are missing.
+# need PACKAGE...: installs the packages that are missing.
 need() {
   local missing=() package
   for package in "$@"; do
@@ -61,7 +62,7 @@ need() {
     apt-get install -y -q --no-install-recommends "${missing[@]}"
 }
 
-# build PRESET [TARGET...]: configures and builds. What went well is shown only briefly.
+# build PRESET [TARGET...]: configures and builds. Shows the full output only on failure.
 build() {
   local preset=$1 folder=build/$1
   shift

@@ -42,9 +42,9 @@ struct Share {
 };
 
 struct Survey {
-  std::vector<Share> shares;                          // the largest first
+  std::vector<Share> shares;                          // largest first
   std::vector<const SourceFile*> largest;             // three at most
-  std::vector<std::pair<std::string, int>> mentions;  // word of the question, files with it
+  std::vector<std::pair<std::string, int>> mentions;  // word, number of files with it
   std::size_t bytes = 0;
 };
 

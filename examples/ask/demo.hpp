@@ -1,5 +1,5 @@
-// An endpoint for those who have none: it knows no language, but it can count, and it answers from
-// the files that it is sent.
+// A demo endpoint for users without one. It is no language model: it counts words and bytes of the
+// files in the prompt.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace ask {
 
-/// Answers chat completions on loopback, streamed or whole. The first request gets a 503, so that a
-/// retry can be seen.
+/// Answers chat completions on loopback, streamed or whole. The first request gets a 503, to show a
+/// retry.
 class Demo {
  public:
   Demo();

@@ -41,7 +41,7 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Text from elsewhere, fit for a line of a terminal.
+// Replaces control characters, which a terminal would interpret.
 std::string one_line(std::string_view text) {
   std::string line(text);
   for (char& c : line) {
@@ -50,7 +50,7 @@ std::string one_line(std::string_view text) {
   return line;
 }
 
-// A line that shows on a terminal that the call goes on, and is gone when it ends.
+// Shows on a terminal that the call is in progress, and removes the line at the end.
 class Progress {
  public:
   Progress() = default;
@@ -89,7 +89,7 @@ llm::LLMClient build_client(const ask::Options& options, const ask::Demo* demo) 
   gen.max_output_tokens = options.max_tokens.value_or(gen.max_output_tokens);
   gen.stream = options.stream;
   if (demo == nullptr) return llm::build_llm_client_from_config(config);
-  // The key in the environment is none of the demo's business.
+  // The demo does not get the API key from the environment.
   return llm::LLMClient({.base_url = demo->base_url(),
                          .model = gen.model.empty() ? "demo" : gen.model,
                          .api_key = "demo-key",
@@ -100,7 +100,7 @@ llm::LLMClient build_client(const ask::Options& options, const ask::Demo* demo) 
                          .stream = gen.stream});
 }
 
-const char* road(const ask::Options& options) {
+const char* transport_of(const ask::Options& options) {
   if (options.provider == COPILOT) return "as GitHub Copilot";
   return llm::_openai_available() ? "through the OpenAI client library" : "over plain HTTP";
 }
@@ -126,7 +126,7 @@ int run(const ask::Options& options) {
     std::cerr << "ask: " << copilot::NO_CREDENTIAL << "\n";
     return FAILED;
   }
-  std::cerr << "asking " << one_line(client.model()) << " " << road(options) << "\n";
+  std::cerr << "asking " << one_line(client.model()) << " " << transport_of(options) << "\n";
   const llm::Messages messages = messages_for(options);
   const auto start = Clock::now();
   std::optional<Clock::time_point> deadline;
@@ -167,7 +167,7 @@ int main(int argc, char** argv) {
   struct sigaction action {};
 
   action.sa_handler = interrupt;
-  action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second Ctrl-C ends it the hard way
+  action.sa_flags = static_cast<int>(SA_RESETHAND);  // a second Ctrl-C kills the process
   sigaction(SIGINT, &action, nullptr);
   try {
     const ask::Options options = ask::parse({argv + 1, argv + argc});

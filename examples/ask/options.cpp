@@ -17,12 +17,12 @@ Asks a language model QUESTION about the source files under DIR (default: this
 repository) and prints its answer. Without --base-url and --provider copilot, a
 small demo endpoint inside the process answers from the files themselves.
 
-  --prompt TEXT       send just this instead of files and question
+  --prompt TEXT       send only this instead of files and question
   --base-url URL      an OpenAI-compatible API, e.g. https://api.example.org/v1
   --model NAME        the model to ask
   --provider NAME     "copilot", or a name of your own
   --json              ask for a JSON object
-  --no-stream         ask for the answer in one piece
+  --no-stream         request the answer in one piece
   --deadline SECONDS  give up after this time
   --timeout SECONDS   longest time for one attempt (60)
   --retries N         attempts after the first (2)
@@ -77,7 +77,7 @@ const std::map<std::string, void (*)(Options&)> FLAGS{
     {"--help", [](Options& o) { o.help = true; }},
 };
 
-// Sets the option at `at` and moves on to the last argument that it takes.
+// Sets the option at `at`, and advances `at` to its last argument.
 void take_option(Options& options, const std::vector<std::string>& arguments, std::size_t& at) {
   std::string name = arguments[at];
   if (const auto flag = FLAGS.find(name); flag != FLAGS.end()) return flag->second(options);

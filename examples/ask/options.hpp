@@ -9,7 +9,7 @@
 namespace ask {
 
 struct Options {
-  std::string directory = ASK_DEFAULT_DIRECTORY;  // the repository that this was built from
+  std::string directory = ASK_DEFAULT_DIRECTORY;  // the repository of this program
   std::string question = "What is in this repository, and in which languages is it written?";
   std::optional<std::string> prompt;  // sent instead of files and question
   std::string base_url;               // empty: the demo endpoint, or Copilot
@@ -25,7 +25,7 @@ struct Options {
   std::optional<double> temperature;
 };
 
-/// What is wrong with a command line.
+/// An error in the command line.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -33,7 +33,7 @@ class UsageError : public std::runtime_error {
 
 extern const char* const HELP;
 
-/// Throws UsageError.
+/// Parses the command line. Throws UsageError.
 Options parse(const std::vector<std::string>& arguments);
 
 }  // namespace ask

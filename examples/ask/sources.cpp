@@ -81,7 +81,7 @@ Prompt from_prompt(std::string_view text) {
     return line;
   };
   if (!text.starts_with(QUESTION)) return {.question = std::string(text), .files = {}};
-  // The question may have lines of its own; it ends where the first file begins.
+  // The question may have several lines. It ends before the first file.
   const std::size_t first = std::min(text.find("\n\n" + std::string(FILE_MARK)), text.size());
   prompt.question = text.substr(QUESTION.size(), first - QUESTION.size());
   text.remove_prefix(std::min(text.size(), first + 1));

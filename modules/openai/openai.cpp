@@ -1,5 +1,5 @@
-// The OpenAI client library's interface over this project's HTTP engine, for those who have no other
-// library. Loaded at run time. Does not know the client that loads it.
+// Implements the interface of the OpenAI client library with this project's HTTP engine, for users
+// without another library. Loaded at run time. Does not know the client that loads it.
 #include "tovren_mapstead/openai.hpp"
 
 #include <chrono>
@@ -25,7 +25,12 @@ namespace http = tovren_mapstead::engines::http;
 namespace openai = tovren_mapstead::openai;
 using http::JsonValue;
 
-// Returns a piece of a text. Half of a character in it may find its other half in the next piece.
+bool is_object(const JsonValue& value) {
+  return value.kind() == JsonValue::Kind::object;
+}
+
+// Returns a piece of a text. Keeps half of a surrogate pair, because the next piece may hold the
+// other half.
 openai::Scalar to_piece(const JsonValue& value) {
   if (value.kind() != JsonValue::Kind::string) return openai::to_scalar(value);
   std::string piece;
@@ -34,33 +39,23 @@ openai::Scalar to_piece(const JsonValue& value) {
 }
 
 std::optional<openai::Usage> to_usage(const JsonValue& usage) {
-  if (usage.kind() != JsonValue::Kind::object) return std::nullopt;
+  if (!is_object(usage)) return std::nullopt;
   return openai::Usage{.prompt_tokens = openai::to_scalar(usage["prompt_tokens"]),
                        .completion_tokens = openai::to_scalar(usage["completion_tokens"])};
 }
 
-// Returns the first of the reply's choices: no request asks for more, and a hostile reply may hold
+// Returns at most the first choice. No request asks for more, and a hostile reply may hold
 // millions.
 template <class Choice, class Convert>
 std::optional<std::vector<Choice>> to_choices(const JsonValue& choices, Convert convert) {
-  if (choices.kind() == JsonValue::Kind::absent || choices.kind() == JsonValue::Kind::null) {
-    return std::nullopt;
-  }
+  if (!choices.present() || choices.kind() == JsonValue::Kind::null) return std::nullopt;
   std::vector<Choice> converted;
-  if (const JsonValue first = choices.front(); first.kind() != JsonValue::Kind::absent) {
-    converted.push_back(convert(first));
-  }
+  if (const JsonValue first = choices.front(); first.present()) converted.push_back(convert(first));
   return converted;
 }
 
-bool is_object(const JsonValue& value) {
-  return value.kind() == JsonValue::Kind::object;
-}
-
 openai::Completion to_completion(const JsonValue& reply, const http::Secrets& secrets) {
-  if (reply.kind() != JsonValue::Kind::object) {
-    throw openai::OpenAIError("the reply is not a JSON object");
-  }
+  if (!is_object(reply)) throw openai::OpenAIError("the reply is not a JSON object");
   const auto to_choice = [](const JsonValue& choice) {
     openai::Choice converted{.message = std::nullopt,
                              .finish_reason = openai::to_scalar(choice["finish_reason"])};
@@ -90,7 +85,7 @@ openai::Chunk to_chunk(const JsonValue& event) {
           .text = {}};
 }
 
-// A whole reply to a request for a stream, as the one chunk of a stream.
+// Converts a whole reply to a stream request into the only chunk of a stream.
 openai::Chunk to_chunk(openai::Completion completion) {
   if (!completion.choices || completion.choices->empty()) {
     throw openai::OpenAIError(
@@ -104,7 +99,7 @@ openai::Chunk to_chunk(openai::Completion completion) {
           .text = {}};
 }
 
-// The engine's errors in the terms of this interface.
+// Translates the engine's errors to those of this interface.
 template <class Step>
 std::invoke_result_t<Step> translated(Step step) {
   try {
@@ -129,8 +124,8 @@ struct Bounds {
   Bounds(const Bounds&) = delete;  // the policy points here
   Bounds& operator=(const Bounds&) = delete;
 
-  // The engine's timeout ends a silence only. A server that sends a comment now and then is never
-  // silent, so a step as a whole is limited, too.
+  // The engine's timeout limits silence only, and a server may send comments meanwhile. This limits
+  // the whole step.
   void begin_step() { began = http::Clock::now(); }
 
   [[nodiscard]] bool check_time() const {
@@ -138,7 +133,7 @@ struct Bounds {
     if (timeout_s > 0 && taken.count() > timeout_s) {
       throw openai::APITimeoutError("no reply within the time limit");
     }
-    return false;  // nobody asks to stop
+    return false;
   }
 
   const http::Secrets secrets;  // the key
@@ -172,7 +167,7 @@ class EventStream final : public openai::ChunkStream {
       return to_chunk(event);
     }
     _ended = true;
-    // After a finish reason the answer is complete, so an error that is reported as well is ignored.
+    // With a finish reason the answer is complete, so an error is ignored.
     if (_error && !_finished) {
       throw openai::APIConnectionError(http::detail::without_nul("stream error: " + *_error));
     }
@@ -202,7 +197,7 @@ class Client final : public openai::OpenAI {
   explicit Client(const openai::ClientArguments& arguments)
       : _url(openai::chat_url(arguments.base_url)), _arguments(arguments) {}
 
-  // Makes one attempt, whatever `max_retries` says: the client that loads this retries by itself.
+  // Makes one attempt and ignores `max_retries`: the client that loads this retries itself.
   std::variant<openai::Completion, std::unique_ptr<openai::ChunkStream>> create_chat_completion(
       const openai::CreateArguments& arguments) override {
     const bool stream = arguments.stream.value_or(false);

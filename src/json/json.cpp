@@ -24,10 +24,10 @@ bool JsonValue::holds_nothing() const {
   const auto is_empty = [](const auto& container) { return container.begin() == container.end(); };
   switch (_kind) {
     case Kind::array:
-      return is_empty(JsonAccess::taken<simdjson::dom::array>(*this));
+      return is_empty(JsonAccess::as<simdjson::dom::array>(*this));
     case Kind::object:
-      return is_empty(JsonAccess::taken<simdjson::dom::object>(*this));
-    default:  // a boolean or a number
+      return is_empty(JsonAccess::as<simdjson::dom::object>(*this));
+    default:  // boolean or number
       return !boolean() && real() == 0;
   }
 }
@@ -46,22 +46,22 @@ JsonValue JsonValue::operator[](std::string_view name) const {
 
 JsonValue JsonValue::front() const {
   if (_kind != Kind::array) return {};
-  const auto array = JsonAccess::taken<simdjson::dom::array>(*this);
+  const auto array = JsonAccess::as<simdjson::dom::array>(*this);
   if (array.begin() == array.end()) return {};
   return JsonAccess::value(*array.begin(), _mended);
 }
 
 bool JsonValue::boolean() const {
-  return JsonAccess::taken<bool>(*this);
+  return JsonAccess::as<bool>(*this);
 }
 
 std::optional<std::int64_t> JsonValue::integer() const {
   if (_kind != Kind::integer || !std::bit_cast<element>(_place).is<std::int64_t>()) return {};
-  return JsonAccess::taken<std::int64_t>(*this);
+  return JsonAccess::as<std::int64_t>(*this);
 }
 
 double JsonValue::real() const {
-  return JsonAccess::taken<double>(*this);
+  return JsonAccess::as<double>(*this);
 }
 
 void JsonValue::append_other(std::string& out) const {
@@ -90,9 +90,9 @@ std::string JsonValue::text() const {
 struct JsonReader::Parser {
   JsonValue parse(std::string_view padded, bool mended) {
     if (padded.size() > parser.capacity()) {
-      // Twice as much each time, or a stream of slowly growing events would allocate for each.
-      // A small text cannot be deep: it needs little memory. (simdjson makes a parser for fewer
-      // than 32 bytes larger by itself, but not deeper.)
+      // Doubles, so that a stream of slowly growing events does not allocate for each. The depth is
+      // limited by the size of the text, which saves memory. The minimum of 64 is needed because
+      // simdjson enlarges a parser for fewer than 32 bytes itself, but not its depth.
       const std::size_t capacity =
           std::max({padded.size(), 2 * parser.capacity(), std::size_t{64}});
       require_memory(parser.allocate(capacity, std::min(capacity, simdjson::DEFAULT_MAX_DEPTH)));
@@ -103,7 +103,7 @@ struct JsonReader::Parser {
     return error == simdjson::SUCCESS ? JsonAccess::value(root, mended) : JsonValue();
   }
 
-  // A parser that got only some of its memory takes it for all.
+  // A parser that failed to allocate some of its memory does not notice later, so it is replaced.
   void require_memory(simdjson::error_code outcome) {
     if (outcome != simdjson::MEMALLOC) return;
     parser = simdjson::dom::parser();
@@ -128,8 +128,8 @@ JsonValue JsonReader::parse(std::string_view text) {
 JsonValue JsonReader::parse_padded(std::string_view text) {
   const JsonValue value = _parser->parse(text, false);
   if (value.present()) return value;
-  // Which error code a number out of range or half a character gets depends on simdjson's version.
-  // Whatever the code: a text in which nothing can be mended is wrong.
+  // The error code for a number out of range or half of a surrogate pair depends on simdjson's
+  // version, so it is ignored: a text that `mend` does not change is not JSON.
   std::string padded = mend(text);
   if (padded == text) return value;
   const std::size_t size = padded.size();

@@ -1,5 +1,5 @@
-// Going over the members of an object without a call for each: for the loop that runs for every
-// event of a stream. Elsewhere `JsonValue::members` reads better.
+// Visits the members of an object without a function call for each, for the loop that runs for
+// every event of a stream. Elsewhere use `JsonValue::members`.
 #pragma once
 
 #include <bit>
@@ -11,7 +11,7 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// What the parser's elements are as values.
+/// Returns the kind of a parser's element.
 [[nodiscard]] inline JsonValue::Kind kind_of(simdjson::dom::element_type type) noexcept {
   using simdjson::dom::element_type;
   using Kind = JsonValue::Kind;
@@ -25,7 +25,7 @@ namespace tovren_mapstead::engines::http {
   return type == element_type::UINT64 ? Kind::integer : static_cast<Kind>(type);
 }
 
-/// The way between values and the parser's elements.
+/// Converts between values and the parser's elements.
 struct JsonAccess {
   static JsonValue value(simdjson::dom::element element, bool mended) noexcept {
     JsonValue value;
@@ -41,9 +41,9 @@ struct JsonAccess {
 
   static bool mended(const JsonValue& value) noexcept { return value._mended; }
 
-  /// What `value` is, as its own type; else nothing of that type: false, 0, empty. Not for strings.
+  /// Returns `value` as a `Type`; false, 0 or empty if it is of another type. Not for strings.
   template <class Type>
-  static Type taken(const JsonValue& value) noexcept {
+  static Type as(const JsonValue& value) noexcept {
     Type result{};
     const bool found =
         value._kind != JsonValue::Kind::absent && value._kind != JsonValue::Kind::string &&
@@ -52,11 +52,11 @@ struct JsonAccess {
   }
 };
 
-/// Calls `visit(name, value)` for every member of `object`, in order; `value()` makes the value.
+/// Calls `visit(name, value)` for every member of `object`, in order. `value()` returns its value.
 template <class Visit>
 void for_each_member(const JsonValue& object, Visit visit) {
   if (object.kind() != JsonValue::Kind::object) return;
-  const auto members = JsonAccess::taken<simdjson::dom::object>(object);
+  const auto members = JsonAccess::as<simdjson::dom::object>(object);
   const bool mended = JsonAccess::mended(object);
   const auto end = members.end();
   for (auto member = members.begin(); member != end; ++member) {

@@ -14,8 +14,8 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// A half becomes MARK and a private-use character that bears its number; a MARK of the text's own
-// is doubled. U+FFFF is no character, so texts that hold it are as rare as they come.
+// Half of a surrogate pair becomes MARK and a private-use character with its number. A MARK in the
+// text is doubled, which is rare, because U+FFFF is no character.
 constexpr std::string_view MARK = "\uFFFF";
 constexpr std::uint32_t MARK_CODE_POINT = 0xFFFF;
 constexpr std::uint32_t FIRST_HALF = 0xD800;
@@ -66,12 +66,12 @@ class Mender {
     copy(1);
   }
 
-  // Of the characters at the front that numbers are written in.
+  // Returns how many characters at the front can be part of a number.
   [[nodiscard]] std::size_t run_width() const {
     return std::min(_rest.find_first_not_of("0123456789+-.eE"), _rest.size());
   }
 
-  // Of the number at the front as RFC 8259 writes it, else 0.
+  // Returns the width of the number at the front; 0 if it is not one of RFC 8259.
   [[nodiscard]] std::size_t number_width() const {
     const auto at = [&](std::size_t i) { return i < _rest.size() ? _rest[i] : '\0'; };
     const auto digits = [&](std::size_t i) {
@@ -100,7 +100,7 @@ class Mender {
                           ? fits_as<std::int64_t>(width) || fits_as<std::uint64_t>(width)
                           : fits_as<double>(width);
     const std::size_t next = std::min(_rest.find_first_not_of(" \t\r\n", width), _rest.size());
-    const bool is_name = _rest.substr(next).starts_with(':');  // which no number may be
+    const bool is_name = _rest.substr(next).starts_with(':');  // a number cannot be a name
     const bool change = !is_name && !fits && is_large(_rest.substr(0, width));
     if (change) _out += '"';
     copy(width);
@@ -114,7 +114,7 @@ class Mender {
     return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc{};
   }
 
-  // Whether a number that no double holds is too large for one; too small ones are read as 0.
+  // Returns whether a number out of range is too large. One that is too small is read as 0.
   [[nodiscard]] static bool is_large(std::string_view number) {
     const std::size_t end = std::min(number.find_first_of("eE"), number.size());
     const std::size_t point = std::min(number.find('.'), end);
@@ -154,7 +154,7 @@ void append_unmended(std::string& out, std::string_view text) {
   out.append(text);
 }
 
-// nlohmann's parser says where it stopped, and its limit of depth is the memory.
+// nlohmann's parser reports where it stopped, and has no limit of depth but the memory.
 JsonFault fault_of(std::string_view text) {
   const std::string mended = mend(text);
   try {

@@ -15,7 +15,7 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// What follows the backslash for each byte: 0 if the byte needs no escape, 'u' for four digits.
+// The letter after the backslash for each byte: 0 if it needs no escape, 'u' for four digits.
 constexpr std::array<char, 256> ESCAPES = [] {
   std::array<char, 256> table{};
   for (std::size_t c = 0; c < 0x20; ++c) table.at(c) = 'u';
@@ -29,13 +29,13 @@ constexpr std::array<char, 256> ESCAPES = [] {
   return table;
 }();
 
-// Strings are escaped piece by piece, so that the buffer is small.
+// Strings are escaped in pieces of this size, to keep the buffer small.
 constexpr std::size_t PIECE = 512;
 constexpr std::size_t LONGEST_ESCAPE = 6;
 
-// Returns how many of the eight bytes of a little-endian word come before the first that needs an
-// escape. The top bit of (x - n) & ~x tells whether x < n; it is exact up to the first such byte,
-// and never set for bytes above 0x7F.
+// Returns the number of bytes before the first that needs an escape, in a little-endian word of
+// eight. The top bit of (x - n) & ~x is set if x < n. It is exact up to the first such byte, and
+// never set for bytes above 0x7F.
 std::size_t clean_bytes(std::uint64_t word) {
   constexpr std::uint64_t EACH = 0x0101010101010101;
   const auto less = [](std::uint64_t bytes, std::uint64_t n) {
@@ -46,7 +46,7 @@ std::size_t clean_bytes(std::uint64_t word) {
   return static_cast<std::size_t>(std::countr_zero(found & (EACH * 0x80))) / 8;
 }
 
-// Writes `text` with its escapes to `out`. Returns the end of what was written.
+// Writes `text` to `out`, escaped. Returns the end of the output.
 char* escape(std::string_view text, char* out) {
   constexpr std::string_view DIGITS = "0123456789abcdef";
   for (std::size_t i = 0; i < text.size();) {
@@ -98,7 +98,7 @@ void JsonObject::refuse(std::string_view what) {
 }
 
 void JsonObject::append_string(std::string_view text) {
-  // Room for a text with few escapes, as prompts are: growing later would copy it.
+  // Room for a text with few escapes, such as a prompt. Growing later would copy the text.
   _text.reserve(_text.size() + text.size() + text.size() / 8 + 2);
   _text += '"';
   while (!text.empty()) {
@@ -168,7 +168,7 @@ std::string json_number(double number) {
   std::array<char, 32> digits{};
   char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
   std::string text(digits.data(), end);
-  // A real stays one: strictly typed servers tell 0.0 from 0.
+  // Servers with strict types distinguish 0.0 from 0.
   if (text.find_first_of(".en") == std::string::npos) text += ".0";
   return text;
 }

@@ -17,7 +17,7 @@ constexpr unsigned char CLASS = sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32;
 constexpr unsigned char DATA =
     std::endian::native == std::endian::little ? ELFDATA2LSB : ELFDATA2MSB;
 
-// A file whose numbers are not to be trusted.
+// Reads a file whose offsets and sizes are not trusted.
 class Bytes {
  public:
   explicit Bytes(const std::filesystem::path& file)
@@ -30,11 +30,11 @@ class Bytes {
     return offset <= _size && count <= _size - offset;
   }
 
-  // False where the file ends before, or cannot be read.
+  // Returns false if the file is too short or cannot be read.
   template <class Value>
   bool read(std::uint64_t offset, Value& value) {
     if (!hold(offset, sizeof value)) return false;
-    // What is inside the file fits the type of its size.
+    // An offset inside the file fits the type.
     _stream.seekg(static_cast<std::streamoff>(offset));
     return static_cast<bool>(_stream.read(reinterpret_cast<char*>(&value), sizeof value));
   }
@@ -46,7 +46,7 @@ class Bytes {
 
 }  // namespace
 
-bool cut_short(const std::filesystem::path& file) {
+bool is_truncated(const std::filesystem::path& file) {
   Bytes bytes(file);
   Header header{};
   if (!bytes.read(0, header)) return false;
@@ -54,7 +54,7 @@ bool cut_short(const std::filesystem::path& file) {
       header.e_ident[EI_DATA] != DATA || header.e_phentsize != sizeof(Segment)) {
     return false;
   }
-  // Both products fit: their factors have 16 bits.
+  // The products cannot overflow: their factors have 16 bits.
   const std::uint64_t sections = std::uint64_t{header.e_shnum} * header.e_shentsize;
   const std::uint64_t segments = std::uint64_t{header.e_phnum} * header.e_phentsize;
   if (!bytes.hold(header.e_shoff, sections) || !bytes.hold(header.e_phoff, segments)) return true;

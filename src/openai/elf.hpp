@@ -1,4 +1,4 @@
-// What the dynamic loader does not look at: whether a shared object is there to its end.
+// Checks a shared object for truncation, which the dynamic loader does not detect.
 #pragma once
 
 #include <filesystem>
@@ -6,8 +6,8 @@
 namespace tovren_mapstead::openai {
 
 /// Returns whether `file` is an ELF object of this machine's class and byte order that ends before
-/// one of its tables or segments does: the loader would map pages that are not there, and the first
-/// use of one ends the process (SIGBUS). False for any other file, which the loader refuses itself.
-[[nodiscard]] bool cut_short(const std::filesystem::path& file);
+/// one of its tables or segments. The loader would map missing pages, whose first use ends the
+/// process (SIGBUS). Returns false for any other file, which the loader rejects itself.
+[[nodiscard]] bool is_truncated(const std::filesystem::path& file);
 
 }  // namespace tovren_mapstead::openai

@@ -27,12 +27,12 @@ std::string loader_text() {
   return text == nullptr ? "unknown error of the dynamic loader" : text;
 }
 
-// LD_LIBRARY_PATH, the run path of the program and the system's folders, as the loader has them.
+// Returns the loader's folders: LD_LIBRARY_PATH, the run path of the program, the system's folders.
 std::vector<fs::path> loader_folders() {
   void* const program = dlopen(nullptr, RTLD_LAZY);
   Dl_serinfo size{};
   if (program == nullptr || dlinfo(program, RTLD_DI_SERINFOSIZE, &size) != 0) return {};
-  // The entries follow the head in memory of the size that the loader asks for.
+  // The loader writes the entries behind the structure, and reports the size of both.
   std::vector<std::max_align_t> memory(size.dls_size / sizeof(std::max_align_t) + 1);
   auto* const info = reinterpret_cast<Dl_serinfo*>(memory.data());
   std::vector<fs::path> folders;
@@ -45,7 +45,7 @@ std::vector<fs::path> loader_folders() {
   return folders;
 }
 
-// The folders that ldconfig has put into the loader's cache, which the loader does not tell of.
+// Adds the folders that ldconfig puts into the loader's cache, which RTLD_DI_SERINFO leaves out.
 void add_configured_folders(const fs::path& file, std::vector<fs::path>& folders, int depth = 0) {
   constexpr int MAX_DEPTH = 4;
   constexpr std::string_view INCLUDE = "include ";
@@ -57,7 +57,7 @@ void add_configured_folders(const fs::path& file, std::vector<fs::path>& folders
     if (!line.starts_with(INCLUDE)) continue;
     glob_t matches{};
     const std::string pattern = file.parent_path() / line.substr(INCLUDE.size());
-    // The locale that sorts the names matters to nobody. NOLINTNEXTLINE(concurrency-mt-unsafe)
+    // The locale affects only the order. NOLINTNEXTLINE(concurrency-mt-unsafe)
     if (glob(pattern.c_str(), 0, nullptr, &matches) == 0) {
       for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
         add_configured_folders(matches.gl_pathv[i], folders, depth + 1);
@@ -67,8 +67,8 @@ void add_configured_folders(const fs::path& file, std::vector<fs::path>& folders
   }
 }
 
-// Whether nobody but owner and group can put something else in its place. In a sticky folder, as
-// /tmp is, others cannot replace what is there, but they can add to it.
+// Returns whether only owner and group can replace the file. In a sticky folder, such as /tmp,
+// other users can add files but not replace them.
 bool guarded(const fs::path& file) {
   for (fs::path place = file; place != place.root_path(); place = place.parent_path()) {
     struct stat status {};
@@ -80,8 +80,8 @@ bool guarded(const fs::path& file) {
   return true;
 }
 
-// A name without a folder, or a file that anybody can write, could be anybody's library; what lies
-// under /proc can be the working folder by another name.
+// Rejects relative paths and files that any user can replace. A path under /proc may be the working
+// folder.
 bool trusted(const fs::path& file) {
   std::error_code error;
   return file.is_absolute() && *std::next(file.begin()) != "proc" &&
@@ -108,21 +108,22 @@ const Library* enter(EntryPoint entry_point) {
 
 const Library& load() {
   const auto& path = find_library();
-  if (!path) throw LoadError(std::string("there is no ") + LIBRARY_NAME);
-  if (cut_short(*path)) throw LoadError(path->string() + " is cut short; install it again");
+  if (!path) throw LoadError(std::string("cannot find ") + LIBRARY_NAME + "; install it");
+  if (is_truncated(*path)) throw LoadError(path->string() + " is truncated; install it again");
   void* const object = dlopen(path->c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (object == nullptr) throw LoadError(loader_text());
   void* const symbol = dlsym(object, ENTRY_POINT);
   if (symbol == nullptr) throw LoadError(loader_text());
   const Library* const library = enter(reinterpret_cast<EntryPoint>(symbol));
   if (library == nullptr) throw LoadError(path->string() + ": the entry point returns no library");
-  // Of another version, nothing but the number can be read.
+  // With another version, only the number can be read.
   if (library->interface_version != INTERFACE_VERSION) {
     throw LoadError(path->string() + ": made for version " +
                     std::to_string(library->interface_version) + " of the interface, not " +
                     std::to_string(INTERFACE_VERSION));
   }
-  if (library->open == nullptr) throw LoadError(path->string() + ": the library opens no client");
+  if (library->open == nullptr)
+    throw LoadError(path->string() + ": the library cannot open a client");
   return *library;
 }
 
@@ -134,7 +135,7 @@ const std::optional<fs::path>& find_library() {
 }
 
 const Library& load_library() {
-  static const Library& library = load();  // after a failure, the next call tries again
+  static const Library& library = load();  // a call after a failure tries again
   return library;
 }
 

@@ -1,4 +1,4 @@
-// Finding and loading the OpenAI client library. Knows nothing of the client or the engine.
+// Finds and loads the OpenAI client library. Does not know the client or the engine.
 #pragma once
 
 #include <filesystem>
@@ -9,19 +9,18 @@
 
 namespace tovren_mapstead::openai {
 
-/// The library is there but cannot be used. The text is the dynamic loader's, where it has one.
+/// The library cannot be used. The text is that of the dynamic loader, if it reports the failure.
 class LoadError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// Where the library stands on the dynamic loader's search path, looked up once in the life of the
-/// process. Loads nothing. What is in a relative folder, or could be anybody's, is
-/// passed over.
+/// Returns the library's file on the dynamic loader's search path, or nothing. Searches once in a
+/// process, and loads nothing. Skips relative folders and files that any user can replace.
 [[nodiscard]] const std::optional<std::filesystem::path>& find_library();
 
-/// The library, loaded when first asked for and never unloaded; throws LoadError. Safe from any
-/// thread.
+/// Returns the library; loads it at the first call and never unloads it. Throws LoadError.
+/// Thread-safe.
 [[nodiscard]] const Library& load_library();
 
 }  // namespace tovren_mapstead::openai

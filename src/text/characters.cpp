@@ -14,7 +14,7 @@ constexpr std::uint32_t as_byte(char c) {
   return static_cast<unsigned char>(c);
 }
 
-// The escape at the start of `text`: a backslash, u and four hexadecimal digits.
+// Reads the escape at the start of `text`: a backslash, u and four hexadecimal digits.
 Character read_unit(std::string_view text) noexcept {
   constexpr std::size_t WIDTH = 6;
   if (text.size() < WIDTH || text[0] != '\\' || text[1] != 'u') return {};
@@ -24,7 +24,7 @@ Character read_unit(std::string_view text) noexcept {
   return {.code_point = unit, .width = WIDTH};
 }
 
-// Returns what a backslash and `letter` stand for; NUL if that is no escape.
+// Returns the meaning of a backslash and `letter`; NUL if that is no escape.
 constexpr char meaning_of(char letter) {
   constexpr std::string_view LETTERS = "\"\\/bfnrt";
   constexpr std::string_view MEANINGS = "\"\\/\b\f\n\r\t";
@@ -41,7 +41,8 @@ std::string lower_case(std::string_view text) {
 }
 
 bool equal_in_any_case(std::string_view left, std::string_view right) noexcept {
-  return std::ranges::equal(left, right, [](char a, char b) { return lower_case(a) == lower_case(b); });
+  return std::ranges::equal(left, right,
+                            [](char a, char b) { return lower_case(a) == lower_case(b); });
 }
 
 std::string_view trim_blanks(std::string_view text) noexcept {
@@ -75,7 +76,7 @@ Character read_utf8(std::string_view text) noexcept {
   if (lead < 0x80) return {.code_point = lead, .width = 1};
   const std::size_t width = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
   if (lead < 0xC2 || lead > 0xF4 || text.size() < width) return {};
-  // The second byte excludes overlong forms, surrogates and what lies beyond U+10FFFF.
+  // The limits exclude overlong forms, surrogates and code points beyond U+10FFFF.
   const std::uint32_t least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
   const std::uint32_t most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
   if (as_byte(text[1]) < least || as_byte(text[1]) > most) return {};

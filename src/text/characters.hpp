@@ -1,4 +1,5 @@
-// Characters: ASCII letter case, blanks, UTF-8, and the escapes of JSON strings (RFC 8259, section 7).
+// Characters: ASCII letter case, blanks, UTF-8, and the escapes of JSON strings (RFC 8259, section
+// 7).
 #pragma once
 
 #include <cstddef>
@@ -10,10 +11,10 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// U+FEFF, which some servers put before a text.
+/// U+FEFF, which some servers send before a text.
 inline constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
 
-/// Returns an ASCII letter in lower case, any other character as it is.
+/// Returns an ASCII letter in lower case, and any other character unchanged.
 [[nodiscard]] constexpr char lower_case(char c) noexcept {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -21,24 +22,24 @@ inline constexpr std::string_view BYTE_ORDER_MARK = "\uFEFF";
 /// Returns `text` with its ASCII letters in lower case.
 [[nodiscard]] TOVREN_EXPORT std::string lower_case(std::string_view text);
 
-/// Returns whether both are equal except for the case of ASCII letters.
+/// Returns whether both are equal, ignoring the case of ASCII letters.
 [[nodiscard]] TOVREN_EXPORT bool equal_in_any_case(std::string_view left,
                                                    std::string_view right) noexcept;
 
 /// Returns `text` without spaces, tabs and line ends at both ends.
 [[nodiscard]] TOVREN_EXPORT std::string_view trim_blanks(std::string_view text) noexcept;
 
-/// Appends a code point in UTF-8. Half of a surrogate pair becomes the three bytes of its number,
-/// which are not UTF-8 (this encoding is called WTF-8).
+/// Appends a code point in UTF-8. Half of a surrogate pair becomes three bytes that are not valid
+/// UTF-8 (the encoding WTF-8).
 void append_utf8(std::string& out, std::uint32_t code_point);
 
-/// A character, or half of a surrogate pair, and the number of bytes that spell it.
+/// A character, or half of a surrogate pair, and its number of bytes.
 struct Character {
   std::uint32_t code_point = 0;
-  std::size_t width = 0;  ///< 0 if there is no character here.
+  std::size_t width = 0;  ///< 0 if there is no valid character.
 };
 
-/// Returns the character at the start of `text`, if that is valid UTF-8.
+/// Returns the character at the start of `text`; width 0 if that is not valid UTF-8.
 [[nodiscard]] TOVREN_EXPORT Character read_utf8(std::string_view text) noexcept;
 
 [[nodiscard]] constexpr bool is_high_half(std::uint32_t code_point) noexcept {
@@ -49,13 +50,13 @@ struct Character {
   return code_point >= 0xDC00 && code_point <= 0xDFFF;
 }
 
-/// Returns the character that two halves of a surrogate pair make.
+/// Returns the character of a surrogate pair.
 [[nodiscard]] constexpr std::uint32_t join_pair(std::uint32_t high, std::uint32_t low) noexcept {
   return 0x10000 + ((high - 0xD800) << 10U) + (low - 0xDC00);
 }
 
-/// Returns the character that the JSON escape at the start of `text` stands for. Two escapes that
-/// make a surrogate pair are read as one.
+/// Returns the character of the JSON escape at the start of `text`. Reads the two escapes of a
+/// surrogate pair as one character.
 [[nodiscard]] Character read_escape(std::string_view text) noexcept;
 
 }  // namespace tovren_mapstead::engines::http

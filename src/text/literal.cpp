@@ -11,8 +11,8 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// Controls, blanks other than the space, marks of no width, and what is no character at all: what
-// hides in a pasted URL.
+// Control characters, blanks other than the space, marks without width, and code points that are no
+// characters. A pasted URL may hold them.
 constexpr std::array<std::pair<std::uint32_t, std::uint32_t>, 22> UNSEEN{
     {{0x00, 0x1F},       {0x7F, 0xA0},       {0xAD, 0xAD},       {0x600, 0x605},
      {0x61C, 0x61C},     {0x6DD, 0x6DD},     {0x70F, 0x70F},     {0x8E2, 0x8E2},

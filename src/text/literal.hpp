@@ -1,4 +1,4 @@
-// Writes a value for its user so that characters show that do not belong there.
+// Quotes a value for error texts, so that invisible characters show.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Returns `text` between single quotes, or between double quotes if it holds a single one and no
-/// double one. Those quotes, backslashes and characters that cannot be seen are escaped.
+/// Returns `text` between single quotes, or between double quotes if it holds single quotes only.
+/// Escapes those quotes, backslashes and invisible characters.
 [[nodiscard]] TOVREN_EXPORT std::string as_literal(std::string_view text);
 
 }  // namespace tovren_mapstead::engines::http

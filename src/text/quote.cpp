@@ -3,17 +3,17 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "text/redaction.hpp"
 #include "text/characters.hpp"
+#include "text/redaction.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// One line of valid UTF-8: runs of blanks and control characters become one blank, bytes that are
-// no character U+FFFD. A terminal escape in a server's reply stays harmless that way.
+// Returns one line of valid UTF-8: runs of blanks and control characters become one blank, invalid
+// bytes become U+FFFD. That disables terminal escapes in a server's reply.
 std::string one_line(std::string_view text) {
   std::string out;
-  bool blank = true;  // so that none comes first
+  bool blank = true;  // so that the line does not start with one
   while (!text.empty()) {
     const auto [code_point, width] = read_utf8(text);
     if (width > 0 && (code_point <= 0x20 || (code_point >= 0x7F && code_point < 0xA0))) {
@@ -41,11 +41,11 @@ std::string cut(std::string text, std::size_t max_chars) {
 }  // namespace
 
 std::string quote(std::string_view text, const Secrets& secrets, std::size_t max_chars) {
-  // Four bytes at most make a character; as many again are room for what cleaning takes away.
+  // A character has at most four bytes. Twice as many allow for those that are removed.
   const std::size_t bytes = 8 * std::min(max_chars, text.size());
   const std::string clean =
       redact(text.substr(0, std::max(QUOTED_BYTES, bytes)), secrets, Tail::cut);
-  // Joining lines can bring the pieces of a secret together.
+  // Joining lines can join the pieces of a secret.
   return cut(redact(one_line(clean), secrets, Tail::cut), max_chars);
 }
 

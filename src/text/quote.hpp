@@ -1,4 +1,4 @@
-// Foreign text made fit for an error message.
+// Quotes text of a server in an error message.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +10,13 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Enough of a reply to quote from.
+/// How much of a reply is read for a quotation.
 inline constexpr std::size_t QUOTED_BYTES = std::size_t{64} << 10U;
 
-/// Returns at most `max_chars` characters of the start of `text`, on one line, in valid UTF-8,
-/// without control characters and without secrets. `text` may have been cut anywhere: what may be
-/// the start of a secret at its end is removed, too. Reads at most QUOTED_BYTES of it, or eight bytes
-/// for each character if that is more.
+/// Returns at most `max_chars` characters from the start of `text`, on one line, in valid UTF-8,
+/// without control characters and without secrets. `text` may have been cut anywhere: also removes
+/// a possible start of a secret at its end. Reads at most QUOTED_BYTES, or eight bytes per
+/// character if that is more.
 [[nodiscard]] TOVREN_EXPORT std::string quote(std::string_view text, const Secrets& secrets,
                                               std::size_t max_chars = QUOTED_BYTES);
 

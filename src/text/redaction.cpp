@@ -13,26 +13,24 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// A server that quotes JSON inside JSON escapes twice, rarely three times. The bound keeps a
-// hostile text from asking for a level per character.
+// A server that quotes JSON inside JSON escapes twice, rarely three times. The limit bounds the
+// cost of a hostile text with a level per character.
 constexpr std::size_t ESCAPE_LEVELS = 4;
 
-// One is free of the secrets in practice; a secret that is part of them all is cut out.
+// Usually one contains no secret. A secret that is part of all is removed instead.
 constexpr std::array<std::string_view, 3> MASKS{"***", "[redacted]", "#"};
 
-// A text that still spells secrets after they were cut out so often was made to take time; none of
-// it is shown.
-constexpr int MOST_ROUNDS = 8;
+// A text that still contains secrets after this many removals is hostile, and is dropped.
+constexpr int MAX_ROUNDS = 8;
 
 // How much of a text is searched at a time, in bytes.
 constexpr std::size_t WINDOW = std::size_t{128} << 10U;
 
-// Too short a secret in Base64 is to be met in any text.
+// Shorter secrets in Base64 may occur in any text.
 constexpr std::size_t LEAST_IN_BASE64 = 8;
 
-// The characters of `bytes` in Base64, as far as they do not depend on what stands around them when
-// `before` bytes (0 to 2) precede it in its group of three. RFC 4648, `specials`: the last two
-// digits.
+// Returns the Base64 digits (RFC 4648) of `bytes` that do not depend on the bytes around it, if
+// `before` bytes (0 to 2) precede it in its group of three. `specials` are the last two digits.
 std::string base64(std::string_view bytes, std::size_t before, std::string_view specials) {
   std::string out;
   for (std::size_t bit = (6 - before * 8 % 6) % 6; bit + 6 <= bytes.size() * 8; bit += 6) {
@@ -49,7 +47,7 @@ std::string base64(std::string_view bytes, std::size_t before, std::string_view 
   return out;
 }
 
-// The secrets, and those in Base64, whatever is encoded with them: a user's name before a password.
+// Returns the secrets, also in Base64 at each offset: a user name may precede a password.
 Secrets with_base64(const Secrets& secrets) {
   Secrets all;
   for (const std::string& secret : secrets) {
@@ -65,8 +63,8 @@ Secrets with_base64(const Secrets& secrets) {
   return all;
 }
 
-// Returns where `secret` occurs in `text`, in order, occurrences that touch joined; for a text that
-// was cut, the start of it at the end, too.
+// Returns where `secret` occurs in `text`, in order, and joins adjacent occurrences. If `text` was
+// cut, includes a start of `secret` at its end.
 std::vector<Span> find_all(std::string_view text, std::string_view secret, Tail tail) {
   std::vector<Span> found;
   std::string_view rest = text;
@@ -85,20 +83,20 @@ std::vector<Span> find_all(std::string_view text, std::string_view secret, Tail 
   return found;
 }
 
-// What a search looks for, and in how many levels of escapes.
+// The strings to search for, and the number of escape levels.
 struct Needles {
   explicit Needles(const Secrets& secrets);
 
   std::vector<std::string> plain;
-  std::vector<std::string> unescaped;  // secrets that hold escapes themselves, without them
+  std::vector<std::string> unescaped;  // the secrets that contain escapes, without them
   std::size_t levels = 0;
   std::size_t longest = 0;
 };
 
-// Undoing the escapes of a text may undo those of a secret in it as well. Such a secret is found
-// without them, after as many more levels as it has.
+// Unescaping a text also unescapes a secret in it that contains escapes. The search finds the
+// unescaped secret, in as many further levels as it has.
 Needles::Needles(const Secrets& secrets) {
-  constexpr std::size_t LEAST = 3;  // what is shorter is to be met in any text
+  constexpr std::size_t LEAST = 3;  // shorter strings may occur in any text
   Unescaped less;
   for (const std::string& secret : with_base64(secrets)) {
     std::string bare = secret;
@@ -115,7 +113,7 @@ Needles::Needles(const Secrets& secrets) {
   }
 }
 
-// Adds `more` to `spans`, both in order, and joins those that touch.
+// Merges `more` into `spans`, both in order, and joins adjacent spans.
 void add(std::vector<Span>& spans, const std::vector<Span>& more) {
   if (more.empty()) return;
   const auto middle = static_cast<std::ptrdiff_t>(spans.size());
@@ -132,13 +130,13 @@ void add(std::vector<Span>& spans, const std::vector<Span>& more) {
   spans.erase(last + 1, spans.end());
 }
 
-// What was found in a part of a text. What begins before `settled` is complete.
+// The occurrences in a part of a text. Those that begin before `settled` are complete.
 struct Found {
   std::vector<Span> spans;
   std::size_t settled;
 };
 
-// Undoes the escapes of `part` level by level in `levels` and searches each level.
+// Unescapes `part` level by level into `levels`, and searches each level.
 Found search(std::string_view part, const Needles& needles, Tail tail,
              std::vector<Unescaped>& levels) {
   const auto text = [&](std::size_t level) {
@@ -146,8 +144,8 @@ Found search(std::string_view part, const Needles& needles, Tail tail,
   };
   std::size_t level = 0;
   while (level < levels.size() && levels[level].assign(text(level), tail)) ++level;
-  // What begins so far from the end of the last level ends inside it. So it does in the levels
-  // before: undoing escapes shortens.
+  // An occurrence that begins this far from the end of the last level ends inside it, and so in the
+  // levels before, which are longer.
   const std::size_t least = text(level).size();
   std::vector<Span> settled{{.begin = least - std::min(least, needles.longest), .end = least}};
   std::vector<Span> spans;
@@ -161,11 +159,10 @@ Found search(std::string_view part, const Needles& needles, Tail tail,
   return {.spans = std::move(spans), .settled = least > needles.longest ? settled[0].begin : 0};
 }
 
-// Returns `text` with a mask in place of every piece of it that spells a secret; nothing if there
-// is none. The tables of a search are several times as large as what it searches, so it searches
-// one window after the other. A window begins where an escape of the window before ends, in every
-// level: it is read as in one pass. And it begins early enough to hold whole what the end of that
-// one may have cut.
+// Returns `text` with a mask in place of every secret; nothing if there is none. The tables of a
+// search are several times as large as its text, so the search proceeds in windows. A window begins
+// between escapes, in every level, so the result is that of one pass. It also begins early enough
+// to contain occurrences that the end of the previous window may have cut.
 std::optional<std::string> masked(std::string_view text, const Needles& needles, Tail tail,
                                   std::string_view mask) {
   std::optional<std::string> out;
@@ -184,7 +181,7 @@ std::optional<std::string> masked(std::string_view text, const Needles& needles,
     add(spans, found.spans);
     begin = last ? text.size() : begin + found.settled;
     window = WINDOW;
-    // A piece that the next window may make longer stays.
+    // Keeps a span that the next window may extend.
     auto open = spans.begin();
     for (; open != spans.end() && (last || open->end < begin); ++open) {
       if (!out) out.emplace().reserve(text.size());
@@ -206,9 +203,9 @@ std::string redact(std::string_view text, const Secrets& plain, Tail tail) {
     if (!out) return std::string(text);
     if (!masked(*out, needles, tail, "")) return *std::move(out);
   }
-  // What was apart may spell a secret once it meets, so cut until nothing is left to cut.
+  // Removing a secret may join the pieces of another, so repeat until none is left.
   std::string out(text);
-  for (int round = 0; round < MOST_ROUNDS; ++round) {
+  for (int round = 0; round < MAX_ROUNDS; ++round) {
     std::optional<std::string> less = masked(out, needles, tail, "");
     if (!less) return out;
     out = *std::move(less);

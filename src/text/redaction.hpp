@@ -1,4 +1,4 @@
-// Redaction of a text that may break off in the middle of a secret.
+// Redacts a text that may end in the middle of a secret.
 #pragma once
 
 #include <cstddef>
@@ -11,11 +11,11 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// So much of a secret's start may show where a text was cut: it gives nothing away.
+/// How much of a secret's start may remain at the end of a text that was cut.
 inline constexpr std::size_t SHOWN_START = 4;
 
-/// As the public `redact`; for a text that was cut, a longer start of a secret at its end goes,
-/// too.
+/// Works like the public `redact`. If `text` was cut, also removes a start of a secret at its end
+/// that is longer than SHOWN_START.
 [[nodiscard]] std::string redact(std::string_view text, const Secrets& plain, Tail tail);
 
 }  // namespace tovren_mapstead::engines::http

@@ -7,8 +7,8 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// The characters with the property White_Space, and the four information separators, which end a
-// line or a field where they are used at all.
+// The ASCII characters with the property White_Space, and the four information separators, which
+// end lines and fields.
 constexpr bool is_ascii_space(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r') || (c >= '\x1C' && c <= '\x1F');
 }
@@ -18,7 +18,7 @@ constexpr std::array<std::string_view, 19> BEYOND_ASCII{
     "\u2004", "\u2005", "\u2006", "\u2007", "\u2008", "\u2009", "\u200A",
     "\u2028", "\u2029", "\u202F", "\u205F", "\u3000"};
 
-// Returns the width of the white space that `text` begins with, or ends with.
+// Returns the width of one white-space character at the start or the end of `text`; 0 without one.
 std::size_t space_at(std::string_view text, bool at_start) noexcept {
   const char c = at_start ? text.front() : text.back();
   if (static_cast<unsigned char>(c) < 0x80) return is_ascii_space(c) ? 1 : 0;

@@ -1,4 +1,4 @@
-// White space of Unicode.
+// Trims Unicode white space.
 #pragma once
 
 #include <string_view>
@@ -13,7 +13,7 @@ namespace detail {
 
 }  // namespace detail
 
-/// Returns `text` without the white space at both ends. Inline, because most lines of a stream have
+/// Returns `text` without white space at both ends. Inline, because most lines of a stream have
 /// none.
 [[nodiscard]] inline std::string_view trim(std::string_view text) noexcept {
   const auto visible = [](char c) { return c > ' ' && c <= '~'; };

@@ -9,14 +9,14 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// The value of a hexadecimal digit; 16 for any other character.
+// Returns the value of a hexadecimal digit; 16 for any other character.
 constexpr std::uint32_t digit_of(char c) noexcept {
-  const char lower = c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c;
+  const char lower = lower_case(c);
   if (lower >= 'a' && lower <= 'f') return static_cast<std::uint32_t>(lower - 'a') + 10;
   return c >= '0' && c <= '9' ? static_cast<std::uint32_t>(c - '0') : 16;
 }
 
-// The byte that the percent escape at the start of `text` stands for.
+// Returns the byte of the percent escape at the start of `text`.
 Character read_percent(std::string_view text) noexcept {
   if (text.size() < 3) return {};
   const std::uint32_t high = digit_of(text[1]);
@@ -25,7 +25,7 @@ Character read_percent(std::string_view text) noexcept {
   return {.code_point = high * 16 + low, .width = 3};
 }
 
-// Whether `text`, which begins with the sign of an escape, may go on where it was cut.
+// Returns whether `text`, which begins like an escape, may be the start of a longer one.
 bool is_half(std::string_view text) noexcept {
   constexpr std::string_view UNIT = "\\uXXXX";
   if (text[0] == '%') return text.size() < 3;

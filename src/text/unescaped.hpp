@@ -1,5 +1,5 @@
-// A text without its escapes, those of JSON strings and of URLs (RFC 3986, section 2.1), and where
-// its characters came from.
+// Unescapes a text, for the escapes of JSON strings and of URLs (RFC 3986, section 2.1), and maps
+// positions back to the source.
 #pragma once
 
 #include <cstddef>
@@ -14,19 +14,19 @@ struct Span {
   std::size_t end;
 };
 
-/// What follows a text: nothing; something unknown, which was cut off; or more, which is read next.
+/// What follows a text: nothing; an unknown rest that was cut off; or more text that is read next.
 enum class Tail { whole, cut, more };
 
-/// A text with one level of escapes undone, of both kinds at once.
+/// A text with one level of escapes removed, of both kinds at once.
 class Unescaped {
  public:
-  /// Reads another source, in the memory that this has. Returns whether it held escapes.
+  /// Unescapes `source`, and reuses the memory. Returns whether there were escapes.
   bool assign(std::string_view source, Tail tail);
 
   [[nodiscard]] const std::string& text() const noexcept { return _text; }
 
-  /// Makes pieces of the text, which are in order, those of the source behind them. Escapes are
-  /// taken whole; at the end of a source that was cut, half of one belongs to the piece before it.
+  /// Maps spans of the text, in order, to spans of the source. Includes escapes whole. At the end
+  /// of a source that was cut, half of an escape belongs to the span before it.
   void map_to_source(std::vector<Span>& spans) const;
 
  private:

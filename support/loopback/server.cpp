@@ -1,6 +1,7 @@
 #include "loopback/server.hpp"
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>

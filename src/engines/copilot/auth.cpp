@@ -23,37 +23,37 @@ double system_time_s() {
 
 using TokenPtr = std::shared_ptr<Token>;
 
-// The call that made an exchange was stopped or ran out of time; it says nothing of the next one.
-struct GivenUp {};
+// The call that made the exchange was stopped or ran out of time. Another call may try again.
+struct Abandoned {};
 
-using Result = std::variant<GivenUp, TokenPtr, CopilotError, http::Retryable>;
+using Result = std::variant<Abandoned, TokenPtr, CopilotError, http::Retryable>;
 
-// An exchange on the thread of one call, for those that wait for its result.
+// An exchange on the thread of one call, whose result other calls wait for.
 struct Exchange {
   const Credentials credentials;
-  std::optional<Result> result{};  // absent: it is under way
+  std::optional<Result> result{};  // absent while pending
 };
 
-// What the threads of one process share. All but the generation is guarded by the mutex.
+// The state that the threads of one process share. The mutex guards all but the generation.
 struct State {
-  // Keeps the few strings used last out of error texts: a token that other calls still bear is a
-  // secret when the next has come.
+  // Redacts the last few secrets from error texts. Other calls may still use a token after it was
+  // replaced.
   void remember(const std::string& secret) {
-    constexpr std::size_t MOST = 16;
+    constexpr std::size_t MAX = 16;
     std::erase(secrets, secret);
-    if (secrets.size() == MOST) secrets.erase(secrets.begin());
+    if (secrets.size() == MAX) secrets.erase(secrets.begin());
     secrets.push_back(secret);
   }
 
   const unsigned generation = http::fork_generation();
   std::mutex mutex;
   std::condition_variable changed;
-  TokenPtr token;                      // the newest; null: none, or it was refused
-  std::shared_ptr<Exchange> exchange;  // under way; null: none is
+  TokenPtr token;                      // the newest; null if there is none or it was refused
+  std::shared_ptr<Exchange> exchange;  // the pending one, or null
   http::Secrets secrets;
 };
 
-// Publishes the result of an exchange, whatever it is.
+// Publishes the result of an exchange at the end of its scope.
 struct Publication {
   State& state;
   Exchange& exchange;
@@ -68,18 +68,18 @@ struct Publication {
   }
 };
 
-// The bounds of a renewal that the call can do without.
-CallBounds hurried(const CallBounds& bounds) {
-  constexpr std::chrono::seconds MOST{5};
+// Returns the bounds of a renewal that the call does not depend on.
+CallBounds renewal_bounds(const CallBounds& bounds) {
+  constexpr std::chrono::seconds MAX{5};
   const auto now = http::Clock::now();
   const auto end =
-      bounds.deadline ? std::min(now + MOST, now + (*bounds.deadline - now) / 4) : now + MOST;
+      bounds.deadline ? std::min(now + MAX, now + (*bounds.deadline - now) / 4) : now + MAX;
   return {.timeout_s = bounds.timeout_s, .should_stop = bounds.should_stop, .deadline = end};
 }
 
 }  // namespace
 
-/// The token at hand and the exchange for the next one.
+/// The current token and the exchange for the next one.
 class CopilotAuth::Tokens {
  public:
   explicit Tokens(const AuthOptions& options)
@@ -103,7 +103,7 @@ class CopilotAuth::Tokens {
     std::unique_lock lock(shared.mutex);
     for (const std::string& credential : credentials) shared.remember(credential);
     for (;;) {
-      if (const Token* const token = good_token(shared, credentials)) {
+      if (const Token* const token = valid_token(shared, credentials)) {
         if (shared.exchange || !token->due(http::Clock::now())) return token->text;
         if (const auto text = renew_early(shared, credentials, bounds, lock)) return *text;
       } else if (!shared.exchange) {
@@ -127,32 +127,33 @@ class CopilotAuth::Tokens {
   }
 
  private:
-  // The state of this process. A child makes its own without a lock and leaves its parent's alone
-  // for good: that may be locked, waited on and half changed by threads that do not exist here, and
-  // to destroy it could wait for them.
+  // Returns the state of this process. A forked child makes its own without a lock, and never
+  // touches or destroys its parent's, which may be locked, waited on or half changed by threads
+  // that do not exist here.
   [[nodiscard]] State& state() const {
     State* known = _state.load();
     if (known->generation == http::fork_generation()) return *known;
     auto fresh = std::make_unique<State>();
     if (_state.compare_exchange_strong(known, fresh.get())) return *fresh.release();
-    return *known;  // another thread was faster
+    return *known;  // made by another thread
   }
 
-  [[nodiscard]] const Token* good_token(const State& shared, const Credentials& credentials) const {
+  [[nodiscard]] const Token* valid_token(const State& shared,
+                                         const Credentials& credentials) const {
     const Token* const token = shared.token.get();
-    const bool good = token != nullptr && token->belongs_to(credentials) &&
-                      token->good(_options.unix_time_s(), http::Clock::now());
-    return good ? token : nullptr;
+    const bool valid = token != nullptr && token->belongs_to(credentials) &&
+                       token->valid(_options.unix_time_s(), http::Clock::now());
+    return valid ? token : nullptr;
   }
 
-  // Makes an exchange that the call can do without: the token at hand is good. Returns nothing if
-  // it fails; the token may have been refused meanwhile.
+  // Makes an exchange although the current token is valid. Returns nothing if it fails; the token
+  // may have been refused meanwhile.
   std::optional<std::string> renew_early(State& shared, const Credentials& credentials,
                                          const CallBounds& bounds,
                                          std::unique_lock<std::mutex>& lock) const {
-    shared.token->put_renewal_off(_options.unix_time_s(), http::Clock::now());
+    shared.token->postpone_renewal(_options.unix_time_s(), http::Clock::now());
     try {
-      return fetch(shared, credentials, hurried(bounds), lock);
+      return fetch(shared, credentials, renewal_bounds(bounds), lock);
     } catch (const CopilotError&) {
     } catch (const http::Retryable&) {
     } catch (const http::DeadlineExceeded&) {
@@ -162,8 +163,8 @@ class CopilotAuth::Tokens {
     return std::nullopt;
   }
 
-  // Waits for the exchange under way. Returns nothing if it is no use to this call: another
-  // account's or given up, or the token was refused since.
+  // Waits for the pending exchange. Returns nothing if this call cannot use its result: it is for
+  // other credentials, was abandoned, or its token was refused since.
   [[nodiscard]] std::optional<std::string> share_result(State& shared,
                                                         const Credentials& credentials,
                                                         const CallBounds& bounds,
@@ -174,21 +175,21 @@ class CopilotAuth::Tokens {
     const Result& result = *exchange->result;
     if (const auto* const error = std::get_if<CopilotError>(&result)) throw *error;
     if (const auto* const error = std::get_if<http::Retryable>(&result)) throw *error;
-    if (std::holds_alternative<GivenUp>(result)) return std::nullopt;
-    // Not that of the exchange: a chat endpoint may have refused it since.
+    if (std::holds_alternative<Abandoned>(result)) return std::nullopt;
+    // Not the token of the exchange, which the chat endpoint may have refused since.
     const Token* const newest = shared.token.get();
     if (newest == nullptr || !newest->belongs_to(credentials)) return std::nullopt;
-    // However near its end: each round of waiting asks for one exchange only.
+    // A token near its end will do, or each waiting call would make an exchange of its own.
     if (newest->expires_at_s <= _options.unix_time_s()) return std::nullopt;
     return newest->text;
   }
 
-  // Makes an exchange on this thread, without the lock, and publishes how it went.
+  // Makes an exchange on this thread, without the lock, and publishes its result.
   std::string fetch(State& shared, const Credentials& credentials, const CallBounds& bounds,
                     std::unique_lock<std::mutex>& lock) const {
     const http::Secrets secrets = shared.secrets;
     const auto exchange = std::make_shared<Exchange>(Exchange{.credentials = credentials});
-    shared.exchange = exchange;  // until it is published nothing throws
+    shared.exchange = exchange;  // nothing throws before `publication` exists
     lock.unlock();
     Publication publication{.state = shared, .exchange = *exchange};
     try {

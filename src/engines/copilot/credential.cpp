@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 constexpr std::array<const char*, 3> VARIABLES{"COPILOT_GITHUB_TOKEN", "GH_TOKEN", "GITHUB_TOKEN"};
 constexpr std::array<const char*, 2> FILES{"apps.json", "hosts.json"};
 
-// Each may cost a request.
+// Each credential may cost a request.
 constexpr std::size_t MAX_CREDENTIALS = 8;
 
 constexpr std::size_t MAX_FILE_BYTES = std::size_t{1} << 20U;
@@ -37,14 +37,14 @@ std::string variable(const char* name) {
 }
 
 void add(Credentials& found, std::string_view text) {
-  std::string credential(http::trim_blanks(text));  // pasted values come with blanks and line ends
+  std::string credential(http::trim_blanks(text));  // pasted values often have blanks and line ends
   if (credential.empty() || found.size() == MAX_CREDENTIALS) return;
   if (std::ranges::find(found, credential) == found.end()) found.push_back(std::move(credential));
 }
 
 fs::path plugin_folder() {
   fs::path base = variable("XDG_CONFIG_HOME");
-  // A relative one is no valid setting (XDG Base Directory Specification).
+  // A relative path is invalid (XDG Base Directory Specification).
   if (!base.is_absolute()) base = fs::path(variable("HOME")) / ".config";
   return base.is_absolute() ? base / "github-copilot" : fs::path();
 }
@@ -66,8 +66,8 @@ class Descriptor {
   int _number;
 };
 
-// The content of a plain file of a plausible size. Anything else could block or never end, and is
-// looked at when it is open: by then nobody can put something else in its place.
+// Returns the content of a regular file of at most MAX_FILE_BYTES. Other files could block or never
+// end. The check follows the opening, so that the file cannot be replaced in between.
 std::optional<std::string> content_of(const fs::path& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
 
@@ -90,8 +90,8 @@ std::optional<std::string> content_of(const fs::path& path) {
   return content;
 }
 
-// Keys are hosts. In newer files the identifier of the application that signed in follows. Whatever
-// the order in the file, an entry without an identifier is tried first.
+// A key is a host, followed in newer files by the identifier of the application that signed in. An
+// entry without an identifier is tried first, whatever the order in the file.
 void add_from(const http::JsonValue& file, Credentials& found) {
   std::map<std::string, std::string> tokens;
   http::for_each_member(file, [&](std::string_view key, const auto& entry) {

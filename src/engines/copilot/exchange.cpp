@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char* TOKEN_URL = "https://api.github.com/copilot_internal/v2/token";
 
-// Both endpoints serve known editors only; the chat endpoint refuses requests without these.
+// Both endpoints serve known editors only. The chat endpoint rejects requests without these.
 constexpr const char* EDITOR_VERSION = "vscode/1.104.1";
 constexpr const char* EDITOR_PLUGIN_VERSION = "copilot-chat/0.31.2";
 constexpr const char* USER_AGENT = "GitHubCopilotChat/0.31.2";
@@ -29,19 +29,19 @@ constexpr const char* API_VERSION = "2025-04-01";
 
 constexpr std::size_t MAX_REPLY_BYTES = std::size_t{1} << 20U;
 
-// How much of a refusal is searched for the words of a rate limit; GitHub begins with them.
+// How much of an error reply is searched for a rate limit. GitHub's text begins with it.
 constexpr int SEARCHED_CHARS = 2000;
 
-// The text of a transient failure, told apart from those of the chat endpoint.
+// Marks the text of a transient failure, to distinguish it from those of the chat endpoint.
 std::string at_endpoint(const std::string& text) {
   return "GitHub's Copilot token endpoint: " + text;
 }
 
-// A token so near its end could run out on the way.
+// A token this near its end could expire before it arrives.
 constexpr double SAFETY_MARGIN_S = 60.0;
 
-// A renewal that fails costs a call some seconds, and a token is due some four minutes before its
-// end: there is time for a few.
+// A failed renewal costs a call up to 5 s. A token is due about four minutes before its end, which
+// leaves time for a few attempts.
 constexpr double RENEWAL_PAUSE_S = 60.0;
 
 bool printable(std::string_view text) {
@@ -56,22 +56,22 @@ http::Headers editor_headers() {
           {"X-GitHub-Api-Version", API_VERSION}};
 }
 
-// Why GitHub gives no token for a credential, in words for its owner. Another one may get it.
+// Why GitHub refuses a credential, for its owner. Another credential may be accepted.
 struct Refusal {
   std::string reason;
 };
 
 constexpr http::StatusSet TRANSIENT{408, 409, 429, 500, 502, 503, 504};
 
-// GitHub reports a rate limit with 429 or with 403, and only the text of the reply tells the latter
+// GitHub reports a rate limit with 429 or 403. Only the text of the reply distinguishes the latter
 // from a refusal (GitHub's REST API documentation, "Rate limits").
 bool is_rate_limit(int status, std::string_view body) {
   return status == 429 ||
          (status == 403 && http::lower_case(body).find("rate limit") != std::string::npos);
 }
 
-// Returns a refusal of the credential; throws CopilotError or http::Retryable for other failures.
-// No text quotes the reply: any may hold a token, which is no known secret yet.
+// Returns a refusal of the credential. Throws CopilotError or http::Retryable for other failures.
+// No text quotes the reply, which may hold a token that is not yet redacted.
 Refusal refusal_in(const http::HttpFailure& failure) {
   const std::string unfetched = "The Copilot token could not be fetched: ";
   if (!failure.status()) throw CopilotError(unfetched + failure.what());
@@ -88,7 +88,7 @@ Refusal refusal_in(const http::HttpFailure& failure) {
   switch (status) {
     case 401:
       return {"GitHub refuses the stored credential (" + answer +
-              "): it has been revoked or has run out. Sign in to Copilot in an editor again, or "
+              "): it was revoked or has expired. Sign in to Copilot in an editor again, or "
               "set COPILOT_GITHUB_TOKEN to a new OAuth token."};
     case 403:
     case 404:
@@ -105,29 +105,28 @@ Refusal refusal_in(const http::HttpFailure& failure) {
 Token token_in(const http::JsonValue& reply, double unix_now_s) {
   const auto [text, expires_at, refresh_in] =
       reply.members<3>({"token", "expires_at", "refresh_in"});
-  const auto number = [](const http::JsonValue& value) { return value.real(); };
   Token token;
   if (text.kind() == http::JsonValue::Kind::string) token.text = text.text();
-  token.expires_at_s = number(expires_at);
+  token.expires_at_s = expires_at.real();
   if (token.text.empty() || !printable(token.text) || !(token.expires_at_s > 0)) {
     throw CopilotError(
-        "GitHub's reply to the Copilot token request holds no token or no expiry; try again "
+        "GitHub's reply to the Copilot token request lacks a token or its expiry; try again "
         "later.");
   }
   if (token.expires_at_s <= unix_now_s) {
     throw CopilotError(
-        "GitHub's Copilot token has already run out by this machine's clock; set the clock right.");
+        "GitHub's Copilot token has already expired by this machine's clock; correct the clock.");
   }
   const auto now = http::Clock::now();
-  token.good_until = http::after(now, token.expires_at_s - unix_now_s - SAFETY_MARGIN_S);
-  // What is not a span of time is as good as absent.
-  if (number(refresh_in) > 0) token.renew_at = http::after(now, number(refresh_in));
+  token.valid_until = http::after(now, token.expires_at_s - unix_now_s - SAFETY_MARGIN_S);
+  // Any other value counts as absent.
+  if (refresh_in.real() > 0) token.renew_at = http::after(now, refresh_in.real());
   return token;
 }
 
 std::variant<Token, Refusal> exchange(const std::string& credential, const AuthOptions& options,
                                       const CallBounds& bounds, const http::Secrets& secrets) {
-  // The engine would refuse to send it, and those after it would not get their turn.
+  // The engine would not send it, and the credentials after it would not be tried.
   if (!printable(credential)) {
     return Refusal{"The stored GitHub credential holds a blank or a control character; renew it."};
   }
@@ -143,7 +142,7 @@ std::variant<Token, Refusal> exchange(const std::string& credential, const AuthO
     try {
       return token_in(http::read_json(reply, policy, secrets), options.unix_time_s());
     } catch (const http::HttpFailure&) {
-      // Its text quotes a reply that may hold a token.
+      // The text of HttpFailure quotes the reply, which may hold a token.
       throw CopilotError(
           "GitHub's reply to the Copilot token request cannot be read; try again later.");
     }
@@ -174,26 +173,26 @@ bool Token::belongs_to(const Credentials& credentials) const {
   return first != credentials.end() && *first == credential;
 }
 
-bool Token::good(double unix_now_s, http::Clock::time_point now) const {
-  return unix_now_s < expires_at_s - SAFETY_MARGIN_S && (!good_until || now < *good_until);
+bool Token::valid(double unix_now_s, http::Clock::time_point now) const {
+  return unix_now_s < expires_at_s - SAFETY_MARGIN_S && (!valid_until || now < *valid_until);
 }
 
 bool Token::due(http::Clock::time_point now) const {
   return renew_at && now >= *renew_at;
 }
 
-void Token::put_renewal_off(double unix_now_s, http::Clock::time_point now) {
+void Token::postpone_renewal(double unix_now_s, http::Clock::time_point now) {
   const double left_s = expires_at_s - SAFETY_MARGIN_S - unix_now_s;
   renew_at = http::after(now, std::min(RENEWAL_PAUSE_S, left_s / 2));
 }
 
 Token fetch_token(const Credentials& credentials, const AuthOptions& options,
                   const CallBounds& bounds, const http::Secrets& secrets) {
-  http::Secrets kept_out = secrets;
-  kept_out.insert(kept_out.end(), credentials.begin(), credentials.end());
+  http::Secrets redacted = secrets;
+  redacted.insert(redacted.end(), credentials.begin(), credentials.end());
   std::string reason;
   for (auto candidate = credentials.begin(); candidate != credentials.end(); ++candidate) {
-    auto reply = exchange(*candidate, options, bounds, kept_out);
+    auto reply = exchange(*candidate, options, bounds, redacted);
     if (auto* const token = std::get_if<Token>(&reply)) {
       token->credential = *candidate;
       token->refused.assign(credentials.begin(), candidate);

@@ -1,4 +1,4 @@
-// The exchange of a GitHub credential for a Copilot token.
+// Exchanges a GitHub credential for a Copilot token.
 #pragma once
 
 #include <optional>
@@ -11,38 +11,37 @@
 
 namespace tovren_mapstead::engines::copilot {
 
-/// A Copilot token and for how long it is good. Two clocks watch over it, because a wall clock can
-/// be set and a steady one knows no dates.
+/// A Copilot token and its expiry, by two clocks: a wall clock can be set, and a steady clock has
+/// no dates.
 struct Token {
   std::string text;
-  std::string credential;                    // that it was given for
-  Credentials refused;                       // tried before that one
-  double expires_at_s = 0;                   // Unix time
-  std::optional<http::Deadline> good_until;  // absent: the wall clock alone decides
-  std::optional<http::Deadline> renew_at;    // absent: not before its end
+  std::string credential;                     // that was exchanged for it
+  Credentials refused;                        // credentials that were tried before
+  double expires_at_s = 0;                    // Unix time
+  std::optional<http::Deadline> valid_until;  // absent: only the wall clock decides
+  std::optional<http::Deadline> renew_at;     // absent: at the expiry
 
-  /// Returns whether it is what an exchange of these credentials would give: the token of the first
-  /// that GitHub does not refuse.
+  /// Returns whether an exchange of `credentials` would return a token of the same credential: the
+  /// first that GitHub does not refuse.
   [[nodiscard]] bool belongs_to(const Credentials& credentials) const;
 
-  /// Returns whether it lasts for a call that begins now.
-  [[nodiscard]] bool good(double unix_now_s, http::Clock::time_point now) const;
+  /// Returns whether a call that begins now can use it.
+  [[nodiscard]] bool valid(double unix_now_s, http::Clock::time_point now) const;
 
-  /// Returns whether it is time to ask for the next one.
+  /// Returns whether to renew it now.
   [[nodiscard]] bool due(http::Clock::time_point now) const;
 
-  /// Puts the next renewal off by a minute, or by half of what the token is still good for.
-  void put_renewal_off(double unix_now_s, http::Clock::time_point now);
+  /// Postpones the renewal by a minute, or by half of the remaining time if that is less.
+  void postpone_renewal(double unix_now_s, http::Clock::time_point now);
 };
 
-/// Asks GitHub for a token for each credential in turn until it refuses no more: a GET for each.
-/// `secrets` and the credentials are kept out of error texts.
-/// Throws CopilotError, http::Retryable, http::Stopped, http::DeadlineExceeded and what the stop
-/// test throws.
+/// Returns a token for the first credential that GitHub does not refuse; sends a GET for each.
+/// Redacts `secrets` and the credentials from error texts. Throws CopilotError, http::Retryable,
+/// http::Stopped, http::DeadlineExceeded and what the stop test throws.
 [[nodiscard]] Token fetch_token(const Credentials& credentials, const AuthOptions& options,
                                 const CallBounds& bounds, const http::Secrets& secrets);
 
-/// The headers of a chat request that bears `token`.
+/// Returns the headers of a chat request with `token`.
 [[nodiscard]] http::Headers headers_with(const std::string& token);
 
 }  // namespace tovren_mapstead::engines::copilot

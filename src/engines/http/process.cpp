@@ -15,7 +15,7 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// All of these are constants at load, so they work before `main` and to the very end.
+// All are constant-initialised, so they work before `main` and during `exit`.
 std::atomic<int> calls = 0;
 std::atomic<int> lookups = 0;
 std::atomic<bool> ending = false;
@@ -23,10 +23,10 @@ std::atomic<unsigned> generation = 0;
 std::atomic<bool> prepared = false;
 std::atomic<bool> exit_watched = false;
 
-// Threads hold it for reading, a fork for writing. A waiting fork goes first, or many busy threads
-// could hold it off for good.
+// Threads lock it for reading, `fork` for writing. Writers go first, or busy threads could delay a
+// fork forever.
 pthread_rwlock_t fork_lock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
-thread_local int guards = 0;  // a thread that waits for itself would wait forever
+thread_local int guards = 0;  // of this thread, which must not wait for itself
 
 void before_fork() {
   if (guards > 0) return;
@@ -45,7 +45,7 @@ void after_fork_in_parent() {
 }
 
 void after_fork_in_child() {
-  // The lock knows its owner by the parent's thread number, so it is made anew.
+  // The lock stores the parent's thread number as its owner, so it is initialised again.
   fork_lock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
   if (guards > 0) pthread_rwlock_rdlock(&fork_lock);
   calls = 0;
@@ -65,22 +65,23 @@ void end_calls() {
 void prepare() {
   if (prepared.exchange(true)) return;
   pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
-  // OpenSSL never works again if it runs out of memory while it starts, and a context is what loads
-  // the last of its parts.
+  // OpenSSL stays unusable if it runs out of memory during its start, which the first context
+  // completes.
   OPENSSL_init_ssl(0, nullptr);
   SSL_CTX_free(SSL_CTX_new(TLS_client_method()));
-  // simdjson ends the process if it runs out of memory when it is first used.
+  // simdjson aborts if it runs out of memory at its first use.
   std::ignore = simdjson::get_active_implementation()->name();
 }
 
-// When the library is loaded: there is memory then, and no thread that could fork in the middle.
+// Runs when the library is loaded: there is memory then, and no other thread that could fork.
 [[maybe_unused]] const bool LOADED = (prepare(), true);
 
 }  // namespace
 
 CallGuard::CallGuard() {
-  prepare();  // a call before `main` may come first
-  // Exit handlers run in reverse, so this one runs before those of all that calls need.
+  prepare();  // a call before `main` may precede LOADED
+  // Exit handlers run in reverse order, so this one runs before those of the libraries that calls
+  // use.
   if (!exit_watched.exchange(true)) std::atexit(end_calls);
   check_process();
   ++calls;
@@ -91,7 +92,7 @@ CallGuard::~CallGuard() {
 }
 
 void check_process() {
-  if (ending) throw Stopped("the process ends");
+  if (ending) throw Stopped("the process is exiting");
 }
 
 ForkGuard::ForkGuard() noexcept {

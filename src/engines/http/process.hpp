@@ -1,4 +1,4 @@
-// The process around the calls: what it makes once, its forks, and its end.
+// Process-wide state: values that are made once, `fork`, and `exit`.
 #pragma once
 
 #include <atomic>
@@ -9,23 +9,23 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Held by a thread for as long as it is inside the engine. Once `exit` has begun, those calls are
-/// stopped, and the process waits up to a second for their threads to leave.
+/// Marks the calling thread as inside a call. `exit` stops such calls and waits up to 1 s for them
+/// to end.
 class TOVREN_EXPORT CallGuard {
  public:
-  /// Throws Stopped when the process is ending.
+  /// Throws Stopped if the process is exiting.
   CallGuard();
   CallGuard(const CallGuard&) = delete;
   CallGuard& operator=(const CallGuard&) = delete;
   ~CallGuard();
 };
 
-/// Throws Stopped when the process is ending. To be called in every wait.
+/// Throws Stopped if the process is exiting. Call it in every wait.
 TOVREN_EXPORT void check_process();
 
-/// Held while a thread changes what a fork must not copy half changed: a lock, or the insides of
-/// libcurl and OpenSSL. `fork` waits until no other thread holds one. May be nested; held for short
-/// steps only, never during a wait.
+/// Delays `fork` on other threads while it exists. Hold it while you change state that a child must
+/// not inherit half changed: a lock, or the internals of libcurl and OpenSSL. May be nested. Never
+/// hold it during a wait.
 class TOVREN_EXPORT ForkGuard {
  public:
   ForkGuard() noexcept;
@@ -34,8 +34,8 @@ class TOVREN_EXPORT ForkGuard {
   ~ForkGuard();
 };
 
-/// Held during a name look-up, which may wait long for a server but holds locks of the C library in
-/// between: `fork` waits for its end for up to 100 ms.
+/// Delays `fork` for up to 100 ms during a name look-up, which holds locks of the C library but may
+/// hang.
 class LookupGuard {
  public:
   LookupGuard() noexcept;
@@ -44,29 +44,28 @@ class LookupGuard {
   ~LookupGuard();
 };
 
-/// How many forks lie between the first process and this one. State that was made under another
-/// number belongs to a parent, and its locks and threads do not work here.
+/// Returns the number of forks between the first process and this one. State from another
+/// generation belongs to a parent: its locks and threads do not work here.
 [[nodiscard]] TOVREN_EXPORT unsigned fork_generation() noexcept;
 
-/// A value that is made when first used, once for each process: usable in forked children and, as a
-/// constant-initialised global, before `main` and after `exit` has begun. Nothing destroys it
-/// unless its owner calls `discard`.
+/// A value that is made once for each process, when first used. Works in forked children and, as a
+/// constant-initialised global, before `main` and during `exit`. Only `discard` destroys the value.
 template <class Value>
 class Once {
  public:
-  /// The value; `make()` returns it by value if there is none. Lock-free: threads that race make
-  /// one each, and one of these is kept.
+  /// Returns the value; calls `make()` if there is none. Lock-free: threads that race make a value
+  /// each, and one is kept.
   template <class Make>
   Value& get(Make make) {
     Entry* entry = _entry.load(std::memory_order_acquire);
     if (entry != nullptr && entry->generation == fork_generation()) return entry->value;
     auto fresh = std::make_unique<Entry>(fork_generation(), make);
-    // A parent's value is left alone: its locks may be held by threads that do not exist here.
+    // A parent's value is not destroyed: threads that do not exist here may hold its locks.
     if (_entry.compare_exchange_strong(entry, fresh.get())) return fresh.release()->value;
     return entry->value;
   }
 
-  /// Destroys the value, unless it belongs to a parent. No thread may use it any more.
+  /// Destroys the value, unless it belongs to a parent. No thread may use it afterwards.
   void discard() noexcept {
     Entry* const entry = _entry.exchange(nullptr);
     if (entry != nullptr && entry->generation == fork_generation()) delete entry;

@@ -15,7 +15,8 @@ namespace tovren_mapstead::engines::http {
 namespace {
 
 [[noreturn]] void fail(const char* reason) {
-  throw TransportError(std::string("libcurl cannot be set up: ") + reason, false);
+  throw TransportError(
+      std::string("cannot set up libcurl (") + reason + "); check its installation", false);
 }
 
 void start_libcurl() {
@@ -56,8 +57,8 @@ void require(CURLMcode code) {
 
 // Called from C code, which no exception may cross.
 struct Connection::Callbacks {
-  // Hands the socket over. libcurl asks for another if it finds the first one closed: before the
-  // request, or after it to send it again, unasked. Both are the retry loop's to decide.
+  // Fails from the second call on. libcurl calls again to reconnect if it finds the socket closed,
+  // even after it has sent the request. Only the retry loop may repeat a request.
   static curl_socket_t open_socket(Connection* self, curlsocktype, curl_sockaddr*) {
     return self->_socket.release();
   }
@@ -71,7 +72,8 @@ struct Connection::Callbacks {
       auto* const context = static_cast<SSL_CTX*>(tls);
       SSL_CTX_set1_cert_store(context, self->_trust->store().get());
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
-      // A body that ends with the connection is whole only if TLS says so (RFC 9112, section 9.8).
+      // A body that ends with the connection is complete only after close_notify (RFC 9112, section
+      // 9.8).
       SSL_CTX_clear_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
 #endif
       return CURLE_OK;
@@ -90,19 +92,19 @@ Connection::Connection(Route route, TcpConnection tcp, std::shared_ptr<Trust> tr
       _multi(make_multi()),
       _easy(make_easy()) {
   const ForkGuard guard;
-  // One connection a pair: more would only keep some that no request asks for again.
+  // Each pair of handles has one connection.
   require(curl_multi_setopt(_multi.get(), CURLMOPT_MAXCONNECTS, 1L));
-  // Threads forbid signals. No write raises SIGPIPE either: libcurl, TLS records included, sends
-  // with MSG_NOSIGNAL.
+  // Signals are not safe with threads. SIGPIPE is not raised: libcurl sends with MSG_NOSIGNAL, for
+  // TLS as well.
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_PROTOCOLS_STR, "http,https");
-  // A connection carries one request at a time, so HTTP/2 would gain nothing, and libcurl 7.88 may
-  // wait without end there for a reply that has come already.
+  // HTTP/2 gains nothing with one request at a time, and libcurl 7.88 may wait forever for an
+  // HTTP/2 reply that has already arrived.
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_FOLLOWLOCATION, 0L);
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  // libcurl would read the authorities' certificates for every connection.
+  // Otherwise libcurl reads the certificate authorities for every connection; see Callbacks::trust.
   set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
   set(CURLOPT_ERRORBUFFER, _error.data());
@@ -111,7 +113,7 @@ Connection::Connection(Route route, TcpConnection tcp, std::shared_ptr<Trust> tr
   set(CURLOPT_OPENSOCKETFUNCTION, &Callbacks::open_socket);
   set(CURLOPT_OPENSOCKETDATA, this);
   set(CURLOPT_SOCKOPTFUNCTION, &Callbacks::connected);
-  // An empty proxy, and an empty list of hosts without one, keep libcurl from the environment.
+  // Empty strings keep libcurl from reading the proxy variables of the environment.
   set(CURLOPT_PROXY, _route.proxy ? _route.proxy->url.c_str() : "");
   set(CURLOPT_NOPROXY, "");
   const std::string at = _route.service.host + ":" + std::to_string(_route.service.port) + ":";
@@ -130,20 +132,20 @@ void Connection::Clean::operator()(CURL* easy) const noexcept {
   curl_easy_cleanup(easy);
 }
 
-bool Connection::at_rest() noexcept {
+bool Connection::is_idle() noexcept {
   const ForkGuard guard;
   try {
-    return _tls == nullptr ? is_silent(_descriptor) : tls_at_rest();
+    return _tls == nullptr ? is_silent(_descriptor) : is_tls_idle();
   } catch (const std::bad_alloc&) {
     return false;
   }
 }
 
-// libcurl only peeks at the socket, where a session ticket and the farewell of the server look the
-// same. OpenSSL can tell, but not through libcurl's own BIOs, which work during a transfer only.
-bool Connection::tls_at_rest() {
+// libcurl peeks at the socket only, which does not tell a session ticket from a close_notify.
+// OpenSSL can tell them apart, but libcurl's BIOs work during a transfer only.
+bool Connection::is_tls_idle() {
   std::unique_ptr<BIO, Free> in(BIO_new_socket(_descriptor, BIO_NOCLOSE));
-  std::unique_ptr<BIO, Free> out(BIO_new(BIO_s_mem()));  // what OpenSSL wants to answer
+  std::unique_ptr<BIO, Free> out(BIO_new(BIO_s_mem()));  // for what OpenSSL would answer
   if (!in || !out) throw std::bad_alloc();
   BIO* const answer = out.get();
   BIO_up_ref(answer);
@@ -154,7 +156,7 @@ bool Connection::tls_at_rest() {
   BIO_up_ref(libcurl_out);
   SSL_set0_rbio(_tls, in.release());
   SSL_set0_wbio(_tls, out.release());
-  // libcurl would keep the session of a ticket, but not outside of a transfer.
+  // libcurl's callback stores the session of a ticket, but works during a transfer only.
   SSL_CTX* const context = SSL_get_SSL_CTX(_tls);
   const auto keep_session = SSL_CTX_sess_get_new_cb(context);
   SSL_CTX_sess_set_new_cb(context, nullptr);
@@ -163,14 +165,14 @@ bool Connection::tls_at_rest() {
   const int result = SSL_peek(_tls, &byte, 1);
   const bool silent = result <= 0 && SSL_get_error(_tls, result) == SSL_ERROR_WANT_READ &&
                       SSL_has_pending(_tls) == 0 && BIO_pending(answer) == 0;
-  ERR_clear_error();  // the queue is the thread's, and libcurl reads it
+  ERR_clear_error();  // libcurl reads this queue, which belongs to the thread
   SSL_CTX_sess_set_new_cb(context, keep_session);
   SSL_set0_rbio(_tls, libcurl_in);
   SSL_set0_wbio(_tls, libcurl_out);
   return silent;
 }
 
-// A call's headers are mostly those of the call before.
+// Most calls have the same headers as the call before.
 void Connection::set_headers(Headers wanted) {
   if (_lines && wanted == _headers) return;
   List list;
@@ -182,9 +184,9 @@ void Connection::set_headers(Headers wanted) {
   };
   for (const auto& [name, value] : wanted) {
     std::string line = name;
-    add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": no value
+    add(value.empty() ? line.append(";") : line.append(": ").append(value));  // ";": an empty value
   }
-  add("Expect:");  // to wait for leave to send costs a round trip, or a second where none comes
+  add("Expect:");  // a wait for 100 Continue costs a round trip, or 1 s without a reply
   set(CURLOPT_HTTPHEADER, list.get());
   _lines = std::move(list);
   _headers = std::move(wanted);

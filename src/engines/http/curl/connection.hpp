@@ -1,5 +1,5 @@
-// One kept-alive connection at rest: a pair of libcurl handles, an easy and a multi one, and the
-// socket that they keep open. What happens on it during a request is a Transfer.
+// A kept-alive connection: a libcurl easy handle, its multi handle and their socket. A Transfer is
+// one request on it.
 #pragma once
 
 #include <array>
@@ -21,23 +21,23 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Throw a TransportError unless libcurl has done what it was asked for.
+/// Throw bad_alloc if libcurl ran out of memory, TransportError for any other error code.
 void require(CURLcode code);
 void require(CURLMcode code);
 
-/// Where a connection leads.
+/// The target of a connection.
 struct Route {
   std::string origin;  ///< Scheme, host and port, as error texts show them.
   bool tls = false;
   std::optional<Proxy> proxy;
-  Service service;  ///< What the socket is connected to: the host, or the proxy.
+  Service service;  ///< The peer of the socket: the host, or the proxy.
 };
 
-/// One thread at a time; nothing of it is shared with another.
+/// For one thread at a time.
 class Connection {
  public:
-  /// `tcp` is connected to the route's service. TLS and a proxy's tunnel are made with the first
-  /// request.
+  /// Takes `tcp`, which is connected to `route.service`. The first transfer makes the tunnel
+  /// through a proxy and the TLS handshake.
   Connection(Route route, TcpConnection tcp, std::shared_ptr<Trust> trust);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -45,17 +45,17 @@ class Connection {
   /// Closes the connection.
   ~Connection() = default;
 
-  /// Looks whether the next request may go out on it: its server has not ended it, and nothing came
-  /// that no request has asked for. Reads what TLS sends of itself, such as session tickets. One
-  /// system call. Only after a transfer that has ended well.
-  [[nodiscard]] bool at_rest() noexcept;
+  /// Returns whether the next request can use the connection: the peer has not closed it, and no
+  /// unexpected bytes have arrived. Reads messages of TLS itself, such as session tickets. Costs
+  /// one system call. Call it only after a transfer that succeeded.
+  [[nodiscard]] bool is_idle() noexcept;
 
   [[nodiscard]] const Route& route() const noexcept { return _route; }
 
-  /// Until when the server can be expected to keep it open while it is idle.
+  /// When the server may close the connection if it stays idle.
   Clock::time_point idle_until{};
 
-  /// The thread that used it last, which has its memory near.
+  /// The thread that used it last, whose processor caches its memory.
   std::thread::id user{};
 
  private:
@@ -84,21 +84,21 @@ class Connection {
   }
 
   void set_headers(Headers wanted);
-  [[nodiscard]] bool tls_at_rest();
+  [[nodiscard]] bool is_tls_idle();
 
   const Route _route;
   const std::shared_ptr<Trust> _trust;
-  Socket _socket;  // until libcurl has taken it
+  Socket _socket;  // until libcurl takes it
   const int _descriptor;
   const std::unique_ptr<CURLM, Close> _multi;
-  const std::unique_ptr<CURL, Clean> _easy;  // not in the multi handle while at rest
-  List _address;                             // of the service, for libcurl in place of a look-up
-  List _lines;                               // the headers, as libcurl wants them
-  Headers _headers;                          // the same
-  SSL* _tls = nullptr;  // libcurl's; null without TLS, and for TLS inside the TLS of a proxy
-  std::array<char, CURL_ERROR_SIZE> _error{};  // libcurl's text
-  std::exception_ptr _thrown;                  // by a callback
-  bool _used = false;                          // a whole reply has come over it
+  const std::unique_ptr<CURL, Clean> _easy;  // in the multi handle only during a transfer
+  List _address;        // of the service, so that libcurl does not resolve its name
+  List _lines;          // the headers for libcurl
+  Headers _headers;     // the same
+  SSL* _tls = nullptr;  // libcurl's; null without TLS, and for TLS inside a proxy's TLS
+  std::array<char, CURL_ERROR_SIZE> _error{};  // text of libcurl
+  std::exception_ptr _thrown;                  // exception of a callback
+  bool _used = false;                          // a complete reply was received on it
 };
 
 }  // namespace tovren_mapstead::engines::http

@@ -19,8 +19,8 @@ namespace {
 // RFC 8305, section 5: the recommended "Connection Attempt Delay".
 constexpr std::chrono::milliseconds NEXT_ADDRESS_AFTER{250};
 
-// The families in turn, each in the system's order, so that a family without a route costs one
-// delay (RFC 8305, section 4).
+// Alternates the address families, so that a family without a route costs one delay (RFC 8305,
+// section 4). Each family keeps the system's order.
 std::vector<Address> interleaved(std::vector<Address> addresses) {
   std::vector<Address> first;
   std::vector<Address> second;
@@ -43,17 +43,17 @@ std::string in_text(const Address& address) {
   return text.data();
 }
 
-// Attempts to connect to one address after the other, several at a time.
-class Race {
+// Attempts to connect to each address in turn. Several attempts may be pending.
+class Dialer {
  public:
-  explicit Race(std::vector<Address> addresses) : _addresses(std::move(addresses)) {}
+  explicit Dialer(std::vector<Address> addresses) : _addresses(std::move(addresses)) {}
 
-  // Begins the next attempt if it is time for it.
+  // Starts the next attempt if it is due.
   void advance() {
-    while (_next < _addresses.size() && (_attempts.empty() || Clock::now() >= _next_at)) begin();
+    while (_next < _addresses.size() && (_attempts.empty() || Clock::now() >= _next_at)) start();
   }
 
-  [[nodiscard]] bool lost() const noexcept {
+  [[nodiscard]] bool failed() const noexcept {
     return _attempts.empty() && _next == _addresses.size();
   }
 
@@ -72,8 +72,9 @@ class Race {
     for (std::size_t i = 0; i < polls.size(); ++i) _attempts[i].poll = polls[i];
   }
 
-  // Returns the connection that has been made, if one has, and forgets the attempts that failed.
-  std::optional<TcpConnection> winner() {
+  // Returns the connection of an attempt that has succeeded, if any. Removes those that have
+  // failed.
+  std::optional<TcpConnection> connected() {
     for (std::size_t i = 0; i < _attempts.size();) {
       Attempt& attempt = _attempts[i];
       if (attempt.poll.revents == 0) {
@@ -97,7 +98,7 @@ class Race {
     pollfd poll;
   };
 
-  void begin() {
+  void start() {
     const Address& address = _addresses[_next++];
     _next_at = Clock::now() + NEXT_ADDRESS_AFTER;
     Socket socket = make_socket(address.storage.ss_family);
@@ -121,20 +122,20 @@ class Race {
 }  // namespace
 
 TcpConnection dial(Names& names, const Service& service, Watch& watch) {
-  Race race(interleaved(names.find(service, watch)));
+  Dialer dialer(interleaved(names.find(service, watch)));
   watch.moved();
   for (;;) {
-    race.advance();
-    if (race.lost()) {
+    dialer.advance();
+    if (dialer.failed()) {
       throw TransportError(
-          "cannot connect to " + service.whom + " (" +
-              std::generic_category().message(race.last_error()) + "); check " +
+          "cannot connect to " + service.label + " (" +
+              std::generic_category().message(dialer.last_error()) + "); check " +
               (service.is_proxy ? "the proxy variables" : "the URL and that the server runs"),
           true);
     }
-    watch.check("connecting to", service.whom);
-    race.wait(watch.patience());
-    if (std::optional<TcpConnection> made = race.winner()) {
+    watch.check("connecting to", service.label);
+    dialer.wait(watch.patience());
+    if (std::optional<TcpConnection> made = dialer.connected()) {
       notice_dead_path(made->socket.get());
       watch.moved();
       return std::move(*made);

@@ -1,4 +1,4 @@
-// Opening a TCP connection to a host with several addresses. Knows neither HTTP nor libcurl.
+// Opens TCP connections to hosts with several addresses. Knows neither HTTP nor libcurl.
 #pragma once
 
 #include <string>
@@ -10,15 +10,15 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// A connected socket and the address at its other end, in text.
+/// A connected socket and the text of its peer's address.
 struct TcpConnection {
   Socket socket;
   std::string address;
 };
 
-/// Connects to the first address of `service` that answers. An address that hangs holds the next
-/// one back for a quarter of a second (RFC 8305, section 5), one that refuses not at all. Throws
-/// TransportError if none can be reached, and what `watch` throws.
+/// Connects to the first address of `service` that answers. An attempt that hangs delays the next
+/// address by 250 ms (RFC 8305, section 5); an attempt that fails does not delay it. Throws
+/// TransportError if all addresses fail, and what `watch` throws.
 [[nodiscard]] TcpConnection dial(Names& names, const Service& service, Watch& watch);
 
 }  // namespace tovren_mapstead::engines::http

@@ -1,5 +1,4 @@
-// What the ways in which libcurl fails mean to a caller: whether another attempt may fare better,
-// and what the user can do.
+// Maps the errors of libcurl to TransportError: whether a retry may help, and what the user can do.
 #pragma once
 
 #include <string_view>
@@ -10,15 +9,15 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// A transfer that libcurl could not finish.
+/// A failed transfer.
 struct Failure {
   CURLcode code;
-  std::string_view text;  ///< libcurl's own; empty: none.
-  bool sent;              ///< The server may have got the request.
-  int proxy_status;       ///< Of a proxy's reply to CONNECT; 0: none came.
+  std::string_view text;  ///< Error text of libcurl; may be empty.
+  bool sent;              ///< Whether the server may have received the request.
+  int proxy_status;       ///< Status of a proxy's reply to CONNECT; 0 without one.
 };
 
-/// Throws the TransportError of `failure`, without the credential of a proxy.
+/// Throws the TransportError for `failure`. Redacts the credential of a proxy.
 [[noreturn]] void throw_failure(const Failure& failure, const Route& route);
 
 }  // namespace tovren_mapstead::engines::http

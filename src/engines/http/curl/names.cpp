@@ -17,15 +17,15 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// Names whose look-ups may hang at the same time, a thread each.
+// Pending look-ups at the same time, a thread each.
 constexpr std::size_t MAX_LOOKUPS = 64;
 
-// A reply of a name server may list any number of addresses; nobody waits for more of them.
+// A hostile name server may list any number of addresses.
 constexpr std::size_t MAX_ADDRESSES = 16;
 
 struct Found {
-  int error = 0;  // of getaddrinfo
-  int system_error = 0;
+  int error = 0;         // of getaddrinfo
+  int system_error = 0;  // with EAI_SYSTEM
   std::vector<Address> addresses;
 };
 
@@ -68,7 +68,7 @@ std::vector<Address> usable(Found found, const Service& service) {
                                : found.error == EAI_SYSTEM
                                    ? std::generic_category().message(found.system_error)
                                    : gai_strerror(found.error);
-    throw TransportError("cannot resolve " + service.whom + " (" + reason + "); check " +
+    throw TransportError("cannot resolve " + service.label + " (" + reason + "); check " +
                              (service.is_proxy ? "the proxy variables" : "the URL and the network"),
                          true);
   }
@@ -76,14 +76,14 @@ std::vector<Address> usable(Found found, const Service& service) {
   return std::move(found.addresses);
 }
 
-// An address needs no name server, so it is converted at once.
+// An address needs no look-up.
 bool is_address(const std::string& host) {
   in_addr address{};
   return host.find(':') != std::string::npos || inet_pton(AF_INET, host.c_str(), &address) == 1;
 }
 
-// A thread takes its signals from whoever starts it. The application's handlers are not for this
-// one.
+// Blocks all signals in its scope. A new thread inherits that, so the application's handlers do not
+// run on it.
 class WithoutSignals {
  public:
   WithoutSignals() noexcept {
@@ -116,13 +116,14 @@ std::shared_ptr<Names::Lookup> Names::begin(const std::string& host) {
     return entry.second->has_ended;
   };
   const std::lock_guard lock(_mutex);
-  std::erase_if(_under_way, has_ended);
-  if (const auto same = _under_way.find(host); same != _under_way.end()) return same->second;
-  if (_under_way.size() >= MAX_LOOKUPS) {
-    throw TransportError("too many look-ups of names hang; check the name server", true);
+  std::erase_if(_pending, has_ended);
+  if (const auto same = _pending.find(host); same != _pending.end()) return same->second;
+  if (_pending.size() >= MAX_LOOKUPS) {
+    throw TransportError(
+        "cannot resolve " + host + " (too many look-ups hang); check the name server", true);
   }
   auto lookup = std::make_shared<Lookup>();
-  _under_way.emplace(host, lookup);
+  _pending.emplace(host, lookup);
   const auto run = [lookup, host] {
     Found found;
     try {
@@ -139,7 +140,7 @@ std::shared_ptr<Names::Lookup> Names::begin(const std::string& host) {
     const WithoutSignals blocked;
     std::thread(run).detach();
   } catch (...) {
-    _under_way.erase(host);
+    _pending.erase(host);
     throw;
   }
   return lookup;
@@ -150,14 +151,14 @@ std::vector<Address> Names::find(const Service& service, const Watch& watch) {
   std::shared_ptr<Lookup> lookup;
   try {
     lookup = begin(service.host);
-  } catch (const std::system_error& error) {  // no thread to be had
-    throw TransportError("cannot look up the name of " + service.whom + " (" + error.what() + ")",
-                         true);
+  } catch (const std::system_error& error) {  // cannot start a thread
+    throw TransportError(
+        "cannot resolve " + service.label + " (" + error.what() + "); try again later", true);
   }
   std::unique_lock lock(lookup->mutex);
   while (!lookup->has_ended) {
     lock.unlock();
-    watch.check("resolving", service.whom);
+    watch.check("resolving", service.label);
     lock.lock();
     if (!lookup->has_ended) lookup->ended.wait_for(lock, watch.patience());
   }

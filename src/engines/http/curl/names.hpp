@@ -1,4 +1,4 @@
-// Name look-ups that can be abandoned. Knows neither HTTP nor libcurl.
+// Resolves host names, with look-ups that can be abandoned. Knows neither HTTP nor libcurl.
 #pragma once
 
 #include <cstdint>
@@ -14,27 +14,26 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// An address of a host with its port.
+/// An address and a port.
 struct Address {
   sockaddr_storage storage{};
   socklen_t size = 0;
 };
 
-/// A TCP service, and how error texts name it.
+/// A TCP service.
 struct Service {
   std::string host;  ///< A name, or an address without brackets.
   std::uint16_t port = 0;
-  std::string whom;       ///< For example "https://host.example", or "the proxy to ...".
-  bool is_proxy = false;  ///< Named by the environment, not by a URL.
+  std::string label;      ///< For error texts: "https://host.example", or "the proxy to ...".
+  bool is_proxy = false;  ///< Whether the environment names it.
 };
 
-/// Looks names up in threads of its own, one for each name: whoever waits for the same name shares
-/// the look-up, and one that hangs holds one thread, however many calls have given it up.
-/// Safe from any thread.
+/// Resolves each name on a thread of its own. Calls share the look-up of a name, so a look-up that
+/// hangs costs one thread, however many calls have given up on it. Thread-safe.
 class Names {
  public:
-  /// Returns the addresses of the host, at least one, in the system's order of preference.
-  /// Throws TransportError, and what `watch` throws.
+  /// Returns at least one address of the host, in the system's order of preference. Throws
+  /// TransportError if there is none, and what `watch` throws.
   [[nodiscard]] std::vector<Address> find(const Service& service, const Watch& watch);
 
  private:
@@ -43,7 +42,7 @@ class Names {
   std::shared_ptr<Lookup> begin(const std::string& host);
 
   std::mutex _mutex;
-  std::map<std::string, std::shared_ptr<Lookup>> _under_way;
+  std::map<std::string, std::shared_ptr<Lookup>> _pending;
 };
 
 }  // namespace tovren_mapstead::engines::http

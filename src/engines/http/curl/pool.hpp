@@ -1,4 +1,4 @@
-// Connections at rest, ready for the next request to where they lead.
+// Keeps idle connections for the next request to the same origin.
 #pragma once
 
 #include <list>
@@ -13,20 +13,20 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Safe from any thread; its lock is held for a few instructions, never during I/O.
+/// Thread-safe. Its lock is held for a few instructions, never during I/O.
 class Pool {
  public:
-  /// Returns a connection to `origin` that is at rest, or null if there is none. May wait some
-  /// milliseconds for the end of an earlier reply; throws what `watch` throws meanwhile.
+  /// Returns an idle connection to `origin`, or null if there is none. May wait up to 50 ms for the
+  /// end of an earlier reply, and throws what `watch` throws meanwhile.
   std::unique_ptr<Connection> take(const std::string& origin, const Watch& watch);
 
-  /// Keeps a connection; null does nothing.
+  /// Keeps an idle connection. Ignores null.
   void put(std::unique_ptr<Connection> connection) noexcept;
 
-  /// Keeps a transfer whose reply nobody reads any more, until its end has come.
+  /// Keeps a transfer whose reply is no longer read, for its connection.
   void park(std::unique_ptr<Transfer> transfer) noexcept;
 
-  /// Closes all that leads to `origin`: one connection there has turned out to be dead.
+  /// Closes all connections to `origin`. Call it after one of them was dead.
   void drop(const std::string& origin) noexcept;
 
  private:
@@ -35,17 +35,18 @@ class Pool {
     Clock::time_point since;
   };
 
-  struct Tail {
-    std::list<Parked> parked;  // one, or none
-    bool crowded = false;      // more of the origin's transfers wait for their ends
+  struct Taken {
+    std::list<Parked> parked;  // at most one
+    bool crowded = false;      // whether more transfers to the origin are parked
   };
 
   std::unique_ptr<Connection> take_idle(const std::string& origin);
-  Tail take_tail(const std::string& origin);
+  Taken take_parked(const std::string& origin);
+  void add(std::unique_ptr<Connection> connection, std::unique_ptr<Transfer> transfer) noexcept;
 
   std::mutex _mutex;
-  std::list<std::unique_ptr<Connection>> _idle;  // the one put away last at the end
-  std::list<Parked> _parked;                     // likewise
+  std::list<std::unique_ptr<Connection>> _idle;  // last used at the end
+  std::list<Parked> _parked;                     // last parked at the end
 };
 
 }  // namespace tovren_mapstead::engines::http

@@ -16,7 +16,7 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// The first of the variables that is set.
+// Returns the first variable that is set and not empty.
 std::string variable(std::initializer_list<const char*> names) {
   for (const char* const name : names) {
     const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): see Proxies()
@@ -25,13 +25,8 @@ std::string variable(std::initializer_list<const char*> names) {
   return "";
 }
 
-// The ports that libcurl takes where a proxy's URL gives none.
-std::uint16_t default_port(std::string_view scheme) {
-  return scheme == "https" ? 443 : 1080;
-}
-
-// The password as it stands in the variable and as it is meant, and the credential that is sent in
-// Base64 (RFC 7617), which a proxy may echo.
+// Returns the password with and without URL escapes, and the credential that is sent in Base64 (RFC
+// 7617), which a proxy may echo.
 Secrets secrets_of_proxy(const UrlParts& parts) {
   if (parts.password.empty()) return {};
   return {parts.password, parts.raw_password, parts.user + ":" + parts.password};
@@ -39,7 +34,7 @@ Secrets secrets_of_proxy(const UrlParts& parts) {
 
 using Bits = std::array<unsigned char, sizeof(in6_addr)>;
 
-// The bits of an address in text; their number is 0 if it is none.
+// Reads an address. Returns its number of bits; 0 if `text` is no address.
 std::size_t bits_of(const std::string& text, Bits& bits) {
   const std::string bare = text.substr(0, text.find('%'));
   if (inet_pton(AF_INET, bare.c_str(), bits.data()) == 1) return sizeof(in_addr) * CHAR_BIT;
@@ -47,8 +42,9 @@ std::size_t bits_of(const std::string& text, Bits& bits) {
   return 0;
 }
 
-// Whether an address lies in a block such as "10.0.0.0/8"; a block without a width is one address.
-bool lies_in(const std::string& address, const std::string& block) {
+// Returns whether an address is in a block such as "10.0.0.0/8". A block without a prefix length is
+// one address.
+bool is_in(const std::string& address, const std::string& block) {
   const std::size_t slash = block.find('/');
   Bits left{};
   Bits right{};
@@ -76,7 +72,7 @@ bool is_domain_of(std::string_view domain, std::string_view host) {
 
 }  // namespace
 
-// HTTP_PROXY is not read: in a CGI program it is what a request's header "Proxy" says.
+// HTTP_PROXY is not read, because in a CGI program it holds the request header "Proxy".
 Proxies::Proxies()
     : _http(variable({"http_proxy", "all_proxy", "ALL_PROXY"})),
       _https(variable({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})) {
@@ -95,7 +91,7 @@ Proxies::Proxies()
 bool Proxies::is_exempt(std::string_view host) const {
   if (host.ends_with('.')) host.remove_suffix(1);
   return std::ranges::any_of(_exempt, [&](const std::string& entry) {
-    return entry == "*" || is_domain_of(entry, host) || lies_in(std::string(host), entry);
+    return entry == "*" || is_domain_of(entry, host) || is_in(std::string(host), entry);
   });
 }
 
@@ -107,17 +103,17 @@ std::optional<Proxy> Proxies::find(std::string_view scheme, std::string_view hos
   constexpr std::array<std::string_view, 6> SCHEMES{"http",    "https",  "socks4",
                                                     "socks4a", "socks5", "socks5h"};
   if (parts && std::ranges::find(SCHEMES, parts->scheme) == SCHEMES.end()) {
-    reason = "its scheme is that of no proxy";
+    reason = "unsupported scheme";
   }
-  if (parts && parts->host.empty()) reason = "it names no host";
-  if (!reason.empty()) {  // the variable itself can hold a password
-    throw TransportError("the proxy variable for " + std::string(scheme) +
-                             " holds no usable URL (" + reason + "); check the proxy variables",
+  if (parts && parts->host.empty()) reason = "no host";
+  if (!reason.empty()) {  // does not quote the URL, which may hold a password
+    throw TransportError("malformed URL of the proxy for " + std::string(scheme) + " (" + reason +
+                             "); check the proxy variables",
                          false);
   }
   return Proxy{.url = url,
                .host = parts->host,
-               .port = parts->port.value_or(default_port(parts->scheme)),
+               .port = parts->port.value_or(parts->scheme == "https" ? 443 : 1080),  // as libcurl
                .over_tls = parts->scheme == "https",
                .secrets = secrets_of_proxy(*parts)};
 }

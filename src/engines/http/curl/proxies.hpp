@@ -1,4 +1,4 @@
-// The proxies that the environment names.
+// Finds the proxy for a host in the variables of the environment.
 #pragma once
 
 #include <array>
@@ -12,24 +12,23 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// One proxy.
 struct Proxy {
-  std::string url;  ///< As the variable holds it, credential included.
+  std::string url;  ///< As in the variable, with the credential.
   std::string host;
   std::uint16_t port = 0;
-  bool over_tls = false;  ///< The proxy itself is spoken to over TLS.
-  Secrets secrets;        ///< Its password and whatever else shows it.
+  bool over_tls = false;  ///< Whether the connection to the proxy uses TLS.
+  Secrets secrets;        ///< Its password, also in the forms that are sent.
 };
 
-/// The proxies of the variables http_proxy, https_proxy, all_proxy and no_proxy, in the letter case
-/// and with the meaning that libcurl gives them. Immutable.
+/// The values of the variables http_proxy, https_proxy, all_proxy and no_proxy. Reads the same
+/// letter cases as libcurl, with the same meaning. Immutable.
 class Proxies {
  public:
-  /// Reads the environment, once, so that calls do not race with a thread that changes it.
+  /// Reads the environment once, so that calls do not race with threads that change it.
   Proxies();
 
-  /// Returns the proxy for a host, in lower case, or nothing for a direct connection. `scheme`:
-  /// "http" or "https". Throws TransportError if the variable holds no usable URL.
+  /// Returns the proxy for `host`, or nothing for a direct connection. `scheme` is "http" or
+  /// "https", `host` in lower case. Throws TransportError if the URL of the proxy is invalid.
   [[nodiscard]] std::optional<Proxy> find(std::string_view scheme, std::string_view host) const;
 
  private:

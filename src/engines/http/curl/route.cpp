@@ -18,7 +18,7 @@ std::string origin_of(std::string_view url) {
   authority = {authority.begin(), std::ranges::find_if(authority, ends)};
   const std::size_t at = authority.find_last_of('@');
   if (at != std::string_view::npos) authority.remove_prefix(at + 1);
-  // What is no port can be the start of a password with a slash in it that was not escaped.
+  // Text that is no port may be the start of a password with an unescaped slash.
   const std::size_t bracket = authority.find(']');  // of an IPv6 address
   const std::size_t port = std::min(
       authority.find(':', bracket == std::string_view::npos ? 0 : bracket), authority.size());
@@ -37,7 +37,7 @@ Route route_to(const std::string& url, const Proxies& proxies) {
   }
   const bool tls = parts->scheme == "https";
   if (!tls && parts->scheme != "http") {
-    throw TransportError("only http and https are supported, unlike " + origin + "; check the URL",
+    throw TransportError("only http and https are supported, not " + origin + "; check the URL",
                          false);
   }
   Route route{.origin = origin,
@@ -47,13 +47,11 @@ Route route_to(const std::string& url, const Proxies& proxies) {
   if (route.proxy) {
     route.service = {.host = route.proxy->host,
                      .port = route.proxy->port,
-                     .whom = "the proxy to " + origin,
+                     .label = "the proxy to " + origin,
                      .is_proxy = true};
   } else {
-    constexpr std::uint16_t HTTP = 80;
-    constexpr std::uint16_t HTTPS = 443;
     route.service = {
-        .host = parts->host, .port = parts->port.value_or(tls ? HTTPS : HTTP), .whom = origin};
+        .host = parts->host, .port = parts->port.value_or(tls ? 443 : 80), .label = origin};
   }
   return route;
 }

@@ -1,4 +1,4 @@
-// Where the connections of a request lead.
+// Finds the route of a request: its origin and its proxy.
 #pragma once
 
 #include <string>
@@ -9,12 +9,12 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Returns scheme, host and port of a URL: what decides whether a connection can serve again, and
-/// what an error text may show, since user information, path and query can hold credentials.
+/// Returns scheme, host and port of a URL. Requests of one origin share connections. Error texts
+/// show the origin only, because user information, path and query can hold credentials.
 [[nodiscard]] std::string origin_of(std::string_view url);
 
-/// Returns the route to `url`, by way of a proxy if the environment names one. Throws
-/// TransportError for a URL, or a proxy's URL, that cannot be used.
+/// Returns the route to `url`, through a proxy if the environment names one. Throws TransportError
+/// if the URL, or that of the proxy, is malformed or not supported.
 [[nodiscard]] Route route_to(const std::string& url, const Proxies& proxies);
 
 }  // namespace tovren_mapstead::engines::http

@@ -11,13 +11,13 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// Two probes may be lost before a silent path counts as dead.
+// Two probes may be lost before a path counts as dead.
 constexpr int PROBE_AFTER_S = 5;
 constexpr unsigned GIVE_UP_AFTER_MS = 15'000;
 
 template <class Value>
 void set(int descriptor, int level, int option, Value value) noexcept {
-  // A kernel that refuses one of these leaves its own patience in force.
+  // If this fails, the kernel's default applies.
   (void)setsockopt(descriptor, level, option, &value, sizeof value);
 }
 
@@ -29,7 +29,7 @@ Socket::~Socket() {
 
 Socket make_socket(int family) noexcept {
   Socket made(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP));
-  // Where standard error is closed, the next socket gets its number, and log lines go to the peer.
+  // If standard error is closed, a socket could get its number, and log lines would go to the peer.
   if (made.get() >= 0 && made.get() <= STDERR_FILENO) {
     return Socket(fcntl(made.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
   }

@@ -1,4 +1,4 @@
-// A TCP socket and what the kernel says of it. Knows neither HTTP nor libcurl.
+// A TCP socket and its state in the kernel. Knows neither HTTP nor libcurl.
 #pragma once
 
 #include <cstdint>
@@ -6,12 +6,12 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Owns a descriptor and closes it. Moves, does not copy.
+/// Owns a descriptor and closes it. Can be moved, not copied.
 class Socket {
  public:
   Socket() noexcept = default;
 
-  /// Takes ownership of `descriptor`; negative: none.
+  /// Takes ownership of `descriptor`; a negative one is none.
   explicit Socket(int descriptor) noexcept : _descriptor(descriptor) {}
 
   Socket(Socket&& other) noexcept : _descriptor(other.release()) {}
@@ -27,25 +27,25 @@ class Socket {
 
   [[nodiscard]] int get() const noexcept { return _descriptor; }
 
-  /// Gives the descriptor away; negative if there is none.
+  /// Returns the descriptor and gives up its ownership; negative if there is none.
   [[nodiscard]] int release() noexcept { return std::exchange(_descriptor, -1); }
 
  private:
   int _descriptor = -1;
 };
 
-/// Makes a TCP socket that does not block, that started programs do not inherit and whose number is
-/// above those of standard input, output and error. Returns an empty one and sets errno on failure.
+/// Returns a non-blocking TCP socket that is closed on exec and whose number is above that of
+/// standard error. On failure returns an empty one and sets errno.
 [[nodiscard]] Socket make_socket(int family) noexcept;
 
-/// Lets the kernel give up a connection whose peer acknowledges nothing for 15 s, whether bytes are
-/// on their way or none are. A peer that is slow to answer still acknowledges.
+/// Makes the kernel close a connection whose peer acknowledges nothing for 15 s, while data is in
+/// transit and while the connection is idle. A peer that is slow to answer still acknowledges.
 void notice_dead_path(int descriptor) noexcept;
 
-/// Returns how many bytes the peer has acknowledged and sent; 0 if the kernel does not say.
+/// Returns how many bytes the peer has acknowledged and sent; 0 if the kernel does not report it.
 [[nodiscard]] std::uint64_t bytes_moved(int descriptor) noexcept;
 
-/// Whether nothing waits to be read: neither bytes nor the end of the connection nor an error.
+/// Returns whether nothing can be read: no bytes, no end of the connection, no error.
 [[nodiscard]] bool is_silent(int descriptor) noexcept;
 
 }  // namespace tovren_mapstead::engines::http

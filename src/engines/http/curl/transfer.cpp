@@ -15,27 +15,27 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// A fast sender is held back once so much of a body waits to be taken.
+// A transfer pauses when this much of the body has not been read.
 constexpr std::size_t PAUSE_BYTES = std::size_t{48} << 10U;
 
-// libcurl reads 16 KB at a time. Where a read brought much less, nothing more has come yet.
+// libcurl reads 16 KB at a time. A read of much less emptied the socket.
 constexpr std::size_t HALF_READ_BYTES = std::size_t{8} << 10U;
 
-// No honest head is larger.
 constexpr std::size_t MAX_HEAD_BYTES = std::size_t{256} << 10U;
 
-// To save a connection, so much is read past that follows what the caller wanted.
+// To keep a connection, at most this much of an unwanted rest is read.
 constexpr std::size_t MAX_DRAIN_BYTES = std::size_t{64} << 10U;
 
-// How long a connection may be idle if its server does not say: less than the 5 s of Node.js and
-// uvicorn, the shortest of the common servers (load balancers keep 60 s, nginx 75 s). A request
-// that is sent while the server closes is lost, and may have cost money.
+// How long a connection is kept idle without a Keep-Alive header: less than the 5 s of Node.js and
+// uvicorn, the shortest of the common servers (load balancers: 60 s, nginx: 75 s). A request that
+// is sent while the server closes is lost, and may have cost money.
 constexpr double IDLE_S = 4;
 
-// What is kept at most: libcurl uses no connection again after 118 s.
+// libcurl reuses no connection after 118 s.
 constexpr double MAX_IDLE_S = 110;
 
-// A server's own figure less the way of the next request: half of one second, else one second.
+// Returns the server's timeout minus time for the next request to arrive: 1 s, or half of a timeout
+// below 2 s.
 double idle_s_of(std::string_view keep_alive) {
   constexpr std::string_view TIMEOUT = "timeout=";
   const std::string text = lower_case(keep_alive);
@@ -47,8 +47,9 @@ double idle_s_of(std::string_view keep_alive) {
   return seconds < 2 ? seconds / 2.0 : seconds - 1.0;
 }
 
-// libcurl's bound for TLS and a proxy's tunnel together. The watch sees silence, but no peer that
-// sends a byte now and then; it ends a call that is both a little earlier, in words of its own.
+// Returns libcurl's limit for the handshakes of TLS and of a proxy's tunnel. The watch limits
+// silence, but not a peer that sends a byte now and then. The margin lets the watch report silence
+// first.
 long connect_ms(double timeout_s) {
   constexpr double MARGIN_MS = 50;
   const double ms = std::ceil(timeout_s * 1000) + MARGIN_MS;
@@ -72,7 +73,7 @@ struct Transfer::Callbacks {
     try {
       self->_taken += count;
       self->_head_bytes += count;
-      if (!self->head_complete()) self->take_head_line({bytes, count});  // else it is a trailer
+      if (!self->head_complete()) self->take_head_line({bytes, count});  // trailers are ignored
       return self->_head_bytes > MAX_HEAD_BYTES ? 0 : count;
     } catch (...) {
       self->_connection->_thrown = std::current_exception();
@@ -80,7 +81,8 @@ struct Transfer::Callbacks {
     }
   }
 
-  // The connection stands, TLS agreed: from here on the server may get the request.
+  // Called when the connection is set up, TLS included. From here on the server may get the
+  // request.
   static int sending(Transfer* self, char*, char*, int, int) {
     if (std::exchange(self->_phase, Phase::sent) != Phase::connecting) return CURL_PREREQFUNC_ABORT;
     Connection& connection = *self->_connection;
@@ -94,8 +96,8 @@ struct Transfer::Callbacks {
     return CURL_PREREQFUNC_OK;
   }
 
-  // Bytes that came in one read with the end of a body are passed over by libcurl, which only logs
-  // that: what belongs to no reply, or the start of it. Texts of libcurl 7.88 to 8.14.
+  // libcurl discards bytes that arrive after the end of a body, and reports them in its log only.
+  // Texts of libcurl 7.88 to 8.14.
   static int log(CURL*, curl_infotype type, const char* text, std::size_t size, Transfer* self) {
     const std::string_view line(text, size);
     if (type == CURLINFO_TEXT &&
@@ -105,7 +107,8 @@ struct Transfer::Callbacks {
     return 0;
   }
 
-  // Asked while a proxy answers CONNECT: libcurl reads that in one go, however long it lasts.
+  // libcurl reads the reply to CONNECT in one call, however long it takes, and calls this
+  // meanwhile.
   static int progress(Transfer* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     if (self->_phase != Phase::connecting) return 0;
     try {
@@ -141,7 +144,7 @@ Transfer::Transfer(std::unique_ptr<Connection> connection, Request request, cons
   curl.set(CURLOPT_PREREQDATA, this);
   curl.set(CURLOPT_XFERINFODATA, this);
   curl.set(CURLOPT_DEBUGDATA, this);
-  curl.set(CURLOPT_VERBOSE, 0L);  // until the body
+  curl.set(CURLOPT_VERBOSE, 0L);  // on for the body: see log
   const bool tunnel = curl._route.proxy && curl._route.tls && !curl._used;
   curl.set(CURLOPT_NOPROGRESS, tunnel ? 0L : 1L);
   if (curl._used) curl.set(CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
@@ -160,7 +163,7 @@ Transfer::Transfer(std::unique_ptr<Connection> connection, Request request, cons
 Transfer::~Transfer() {
   if (!_connection || ended()) return;
   const ForkGuard guard;
-  // Before the easy handle is cleaned up, or libcurl leaks the decoders of the body.
+  // If the easy handle is cleaned up first, libcurl leaks the decoders of the body.
   curl_multi_remove_handle(_connection->_multi.get(), _connection->_easy.get());
 }
 
@@ -183,10 +186,10 @@ bool Transfer::perform() {
   }
   if (_taken > 0) return true;
   if (!waited) return false;
-  // An upload, a handshake, or part of a TLS record.
+  // Counts uploads, handshakes and parts of TLS records.
   const std::uint64_t moved = bytes_moved(_connection->_descriptor);
   if (std::exchange(_moved, moved) != moved) return true;
-  // The socket is ready, and yet nothing happens: do not spin until the time limit ends this.
+  // The socket is ready, but nothing moves. The sleep avoids a busy loop.
   std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return false;
 }
@@ -228,39 +231,39 @@ void Transfer::resume() {
   if (!std::exchange(_paused, false)) return;
   const ForkGuard guard;
   _has_to_wait = false;
-  curl_easy_pause(_connection->_easy.get(), CURLPAUSE_CONT);  // hands over what it holds at once
+  curl_easy_pause(_connection->_easy.get(), CURLPAUSE_CONT);  // delivers buffered body at once
 }
 
-void Transfer::pour_into(std::string* sink) {
+void Transfer::set_sink(std::string* sink) {
   _sink = sink;
   _room = PAUSE_BYTES;
   if (sink == nullptr) return;
-  if (_early.empty()) return resume();
+  if (_buffered.empty()) return resume();
   if (sink->empty()) {
-    sink->swap(_early);
+    sink->swap(_buffered);
   } else {
-    sink->append(_early);
-    _early.clear();
+    sink->append(_buffered);
+    _buffered.clear();
   }
 }
 
 bool Transfer::drain() {
-  _phase = Phase::tail;
+  _phase = Phase::draining;
   if (!ended()) resume();
   if (!ended()) perform();
   return ended();
 }
 
 std::size_t Transfer::take_body(std::string_view bytes) {
-  if (_phase == Phase::tail) {
+  if (_phase == Phase::draining) {
     _drained += bytes.size();
     return _drained > MAX_DRAIN_BYTES ? 0 : bytes.size();
   }
   _taken += bytes.size();
-  (_sink != nullptr ? *_sink : _early).append(bytes);
+  (_sink != nullptr ? *_sink : _buffered).append(bytes);
   _room -= std::min(_room, bytes.size());
   if (_room == 0 && !std::exchange(_paused, true)) {
-    // What libcurl holds already, 16 KB at most, still comes. To refuse it would make a copy of it.
+    // libcurl still delivers what it has read, 16 KB at most. Refusing it would make a copy.
     curl_easy_pause(_connection->_easy.get(), CURLPAUSE_RECV);
   }
   return bytes.size();
@@ -274,14 +277,13 @@ void Transfer::take_head_line(std::string_view line) {
     return std::string(line.substr(begin, line.find_last_not_of(" \t\r\n") + 1 - begin));
   };
   if (line.starts_with("HTTP/")) {
-    _head = {};  // whatever came before was an interim reply
+    _head = {};  // the lines before were those of an interim reply
     _idle_s = IDLE_S;
   } else if (line == "\r\n" || line == "\n") {
     long status = 0;
     require(curl_easy_getinfo(_connection->_easy.get(), CURLINFO_RESPONSE_CODE, &status));
     _head.status = static_cast<int>(status);
-    // An interim reply is none, though it looks like one.
-    if (status < 200 && status != 101) return;
+    if (status < 200 && status != 101) return;  // an interim reply
     _phase = Phase::body;
     _connection->set(CURLOPT_VERBOSE, 1L);
   } else if (auto type = value_of("content-type:")) {
@@ -297,10 +299,12 @@ void Transfer::check() const {
   if (_connection->_thrown) std::rethrow_exception(_connection->_thrown);
   if (!ended() || (_result == CURLE_OK && head_complete())) return;
   if (_head_bytes > MAX_HEAD_BYTES) {
-    throw TransportError("the head of the reply is too large from " + route().origin, false);
+    throw TransportError(
+        "too large headers in the reply from " + route().origin + "; check the URL", false);
   }
-  if (_result == CURLE_OK) {  // libcurl finds nothing wrong with that
-    throw TransportError("the head of the reply breaks off from " + route().origin, true);
+  if (_result == CURLE_OK) {  // libcurl accepts this
+    throw TransportError(
+        "the reply breaks off from " + route().origin + " (in its headers); try again later", true);
   }
   if (_result == CURLE_SSL_CONNECT_ERROR || _result == CURLE_PEER_FAILED_VERIFICATION) {
     _connection->_trust->forget();

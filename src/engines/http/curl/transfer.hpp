@@ -1,4 +1,4 @@
-// One request and its reply on a connection, driven by the thread of the call.
+// One request and its reply on a connection. The thread of the call drives it.
 #pragma once
 
 #include <chrono>
@@ -15,35 +15,35 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Owns its connection until it has ended. One thread at a time.
+/// Owns its connection until `release`. For one thread at a time.
 class Transfer {
  public:
-  /// Begins to send `request`. `watch` bounds the tunnel through a proxy, which is made before the
-  /// head of the reply has come; it has to live until then.
+  /// Starts to send `request`. `watch` bounds the set-up of a tunnel through a proxy; it must live
+  /// until the head of the reply is complete.
   Transfer(std::unique_ptr<Connection> connection, Request request, const Watch& watch);
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
-  /// Gives the transfer up, and with it the connection, unless that has been released.
+  /// Cancels the transfer and closes the connection, unless that was released.
   ~Transfer();
 
-  /// Does what can be done without waiting. Returns whether bytes have come or gone.
+  /// Makes progress without waiting. Returns whether bytes were sent or received.
   bool perform();
 
-  /// Whether the last `perform` has probably left nothing to do, so that the next step is to
-  /// `poll`.
+  /// Returns whether to `poll` before the next `perform`, which would probably make no progress.
   [[nodiscard]] bool has_to_wait() const noexcept { return _has_to_wait; }
 
-  /// Waits up to `longest` until there is something to do.
+  /// Waits up to `longest` until `perform` can make progress.
   void poll(std::chrono::milliseconds longest);
 
-  /// Lets the body flow into `sink`, some 32 KB until the next call; null holds it back.
-  void pour_into(std::string* sink);
+  /// Appends the body to `sink` from now on, and pauses after about 48 KB until the next call. Null
+  /// buffers the body instead.
+  void set_sink(std::string* sink);
 
-  /// Reads past what is left of the body without waiting. Returns whether the transfer has ended.
+  /// Discards the rest of the body without waiting. Returns whether the transfer has ended.
   bool drain();
 
-  /// Throws the TransportError of a transfer that has failed, and what a callback could not throw.
+  /// Throws the TransportError of a failed transfer, or the exception of a callback.
   void check() const;
 
   [[nodiscard]] bool ended() const noexcept { return _result.has_value(); }
@@ -54,29 +54,29 @@ class Transfer {
 
   [[nodiscard]] const Route& route() const noexcept { return _connection->route(); }
 
-  /// Whether an earlier reply came over the connection, and nothing of this one: the connection may
-  /// have been dead before the request.
+  /// Returns whether the connection may have been dead before the request: it carried an earlier
+  /// reply, but nothing of this one.
   [[nodiscard]] bool suspects_connection() const noexcept {
     return _connection->_used && _head_bytes == 0;
   }
 
-  /// Whether the connection turned out to be dead before anything was sent.
+  /// Returns whether the connection was found dead before anything was sent.
   [[nodiscard]] bool unsent() const noexcept {
     return ended() && _phase == Phase::connecting && _connection->_used && !_connection->_thrown;
   }
 
-  /// Gives back the request of a transfer that is `unsent`.
+  /// Returns the request of a transfer that is `unsent`.
   [[nodiscard]] Request take_request();
 
-  /// Returns the connection of a transfer that has ended well, to be used again after a look, or
-  /// null if it is closed.
+  /// Returns the connection of a transfer that succeeded, or null if it cannot be reused. Check
+  /// `Connection::is_idle` before reuse.
   [[nodiscard]] std::unique_ptr<Connection> release() noexcept;
 
  private:
   struct Callbacks;
 
-  // In this order; the tail is what nobody wants to read any more.
-  enum class Phase { connecting, sent, body, tail };
+  // In this order. Draining discards the rest of the body.
+  enum class Phase { connecting, sent, body, draining };
 
   void end(CURLcode result);
   void resume();
@@ -87,21 +87,21 @@ class Transfer {
   Request _request;  // libcurl reads its body in place
   const Watch& _watch;
   Phase _phase = Phase::connecting;
-  std::optional<CURLcode> _result;  // of the transfer that has ended
-  bool _open = false;               // the connection is, after the end
-  bool _excess = false;             // bytes came that belong to no reply
+  std::optional<CURLcode> _result;  // absent until the transfer ends
+  bool _open = false;               // after the end: whether the connection can be reused
+  bool _excess = false;             // bytes arrived that belong to no reply
   bool _paused = false;
   bool _has_to_wait = false;
-  bool _waited = false;  // for the socket, since it last performed
+  bool _waited = false;  // whether the socket became ready since the last perform
   Head _head;
   std::size_t _head_bytes = 0;
-  double _idle_s;          // that the server keeps the connection, as far as is known
-  std::size_t _taken = 0;  // of the reply since it last performed
+  double _idle_s;          // how long the server is expected to keep the connection
+  std::size_t _taken = 0;  // bytes of the reply in the last perform
   std::size_t _drained = 0;
-  std::size_t _room;             // bytes until the body is held back
-  std::uint64_t _moved = 0;      // over the socket, when last counted
+  std::size_t _room;             // bytes of the body until the transfer pauses
+  std::uint64_t _moved = 0;      // over the socket, at the last count
   std::string* _sink = nullptr;  // where the body goes
-  std::string _early;            // body that came before there was a sink
+  std::string _buffered;         // body that arrived without a sink
 };
 
 }  // namespace tovren_mapstead::engines::http

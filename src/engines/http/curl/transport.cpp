@@ -1,4 +1,4 @@
-// The engine's own transport: connections out of a pool, driven on the thread of the call.
+// The engine's own transport: pooled connections, driven by the thread of the call.
 #include "tovren_mapstead/engines/http/transport.hpp"
 
 #include <cstdlib>
@@ -18,11 +18,11 @@
 namespace tovren_mapstead::engines::http {
 namespace {
 
-// What the exchanges of one transport in one process share.
+// The state that the exchanges of a transport share. Each process has its own.
 struct Shared {
   explicit Shared(const std::string& ca_file) : trust(std::make_shared<Trust>(ca_file)) {}
 
-  // A connection to the origin of `url`: one that is at rest, else a new one.
+  // Returns an idle connection to the origin of `url`, else a new one.
   std::unique_ptr<Connection> connect(const std::string& url, Watch& watch) {
     if (auto idle = pool.take(origin_of(url), watch)) return idle;
     Route route = route_to(url, proxies);
@@ -67,16 +67,16 @@ class PooledExchange final : public Exchange {
   [[nodiscard]] const Head& head() const noexcept override { return _transfer->head(); }
 
   bool read(std::string& into, Watch& watch) override {
-    struct Pouring {
+    struct Unset {
       Transfer& transfer;
 
-      ~Pouring() { transfer.pour_into(nullptr); }
+      ~Unset() { transfer.set_sink(nullptr); }
     };
 
-    watch.moved();  // what the caller did since the last read is no silence of the peer's
-    const Pouring pouring{*_transfer};
+    watch.moved();  // time that the caller spent between reads is no silence
+    const Unset unset{*_transfer};
     const std::size_t before = into.size();
-    _transfer->pour_into(&into);
+    _transfer->set_sink(&into);
     return await(watch, "reading from", [&] { return into.size() > before; });
   }
 
@@ -87,8 +87,8 @@ class PooledExchange final : public Exchange {
 
   void finish() noexcept override {
     try {
-      // One look that does not wait catches the common case. A reply that still has no end is
-      // looked at again when its connection is next wanted.
+      // One non-blocking read catches the common case. A transfer that is still open is completed
+      // when its connection is next requested.
       if (_transfer->drain()) {
         _shared->pool.put(_transfer->release());
         _transfer.reset();
@@ -100,7 +100,7 @@ class PooledExchange final : public Exchange {
   }
 
  private:
-  // Drives the transfer until `arrived`; false if it ended before that, in good order.
+  // Drives the transfer until `arrived`. Returns false if it ended before that without an error.
   template <class Arrived>
   bool await(Watch& watch, std::string_view doing, Arrived arrived) {
     Transfer& transfer = *_transfer;
@@ -115,13 +115,13 @@ class PooledExchange final : public Exchange {
     return true;
   }
 
-  // A network that has forgotten one idle connection has forgotten them all: the next attempt is
-  // not to find the next of them.
+  // A network that has dropped one idle connection has probably dropped them all. The next attempt
+  // must not use another of them.
   void drop_suspects() noexcept {
     if (!_transfer->suspects_connection()) return;
     try {
       throw;
-    } catch (const Stopped&) {  // the caller's choice says nothing of the connection
+    } catch (const Stopped&) {  // says nothing about the connection
     } catch (...) {
       _shared->pool.drop(_transfer->route().origin);
     }
@@ -144,14 +144,14 @@ class PooledTransport final : public Transport {
     return std::make_unique<PooledExchange>(shared(), std::move(request), watch);
   }
 
-  // A forked child makes its own: the connections are its parent's.
+  // A forked child makes its own, because the connections belong to its parent.
   std::shared_ptr<Shared> shared() {
     return _shared.get([&] { return std::make_shared<Shared>(_ca_file); });
   }
 
  private:
   const std::string _ca_file;
-  Once<std::shared_ptr<Shared>> _shared;  // also the exchanges', which may outlive the transport
+  Once<std::shared_ptr<Shared>> _shared;  // shared with exchanges, which may outlive the transport
 };
 
 std::string authorities() {
@@ -159,7 +159,7 @@ std::string authorities() {
   return variable == nullptr ? "" : variable;
 }
 
-// Never destroyed: a call that outlasts the patience of an exit still uses it.
+// Never destroyed: a call may still use it after the exit handlers have stopped waiting.
 Once<PooledTransport> process_transport;
 
 }  // namespace
@@ -167,7 +167,7 @@ Once<PooledTransport> process_transport;
 std::shared_ptr<Transport> make_transport(const TransportOptions& options) {
   auto transport =
       std::make_shared<PooledTransport>(options.ca_file.empty() ? authorities() : options.ca_file);
-  transport->shared();  // reads the environment here and not at a call's
+  transport->shared();  // reads the environment now, not at the first call
   return transport;
 }
 

@@ -22,11 +22,11 @@ void Trust::forget() noexcept {
 std::shared_ptr<X509_STORE> Trust::read() const {
   std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
   if (!store) throw std::bad_alloc();
-  // An intermediate authority may be trusted by itself, as libcurl holds it.
+  // Trusts an intermediate authority by itself, as libcurl does.
   X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
   const bool done = _file.empty() ? X509_STORE_set_default_paths(store.get()) == 1
                                   : X509_STORE_load_file(store.get(), _file.c_str()) == 1;
-  ERR_clear_error();  // the queue is the thread's, and libcurl reads it
+  ERR_clear_error();  // libcurl reads this queue, which belongs to the thread
   if (!done) {
     const std::string where = _file.empty() ? "the system's folders" : _file;
     throw TransportError(

@@ -1,4 +1,4 @@
-// The certificate authorities that TLS connections are checked against.
+// The certificate authorities that TLS trusts.
 #pragma once
 
 #include <memory>
@@ -10,18 +10,18 @@
 
 namespace tovren_mapstead::engines::http {
 
-/// Certificate authorities, read when first needed and shared by all connections of a transport:
-/// reading them takes longer than all the rest of a handshake. Safe from any thread.
+/// Certificate authorities. Reads them when first needed, and shares them between the connections
+/// of a transport, because that takes longer than the rest of a handshake. Thread-safe.
 class Trust {
  public:
-  /// `file`: a PEM file of the authorities to trust; empty: the system's.
+  /// `file` is a PEM file of trusted authorities; empty for those of the system.
   explicit Trust(std::string file) : _file(std::move(file)) {}
 
-  /// Returns the authorities. Throws a TransportError if they cannot be read.
+  /// Returns the authorities. Throws TransportError if they cannot be read.
   std::shared_ptr<X509_STORE> store();
 
-  /// Lets the next connection read them again: a handshake has failed, perhaps for authorities that
-  /// were changed since, or read while memory was short.
+  /// Makes the next connection read them again. Call it after a failed handshake: the authorities
+  /// may have changed, or memory may have run out while they were read.
   void forget() noexcept;
 
  private:

@@ -24,7 +24,7 @@ class Url {
                               CURLU_NON_SUPPORT_SCHEME | CURLU_GUESS_SCHEME));
   }
 
-  // A part that is missing is empty.
+  // Returns a part; empty if it is missing.
   std::string get(CURLUPart part, unsigned flags = 0) {
     char* text = nullptr;
     if (check(curl_url_get(_handle.get(), part, &text, flags)) != CURLUE_OK) return "";
@@ -60,11 +60,8 @@ std::optional<UrlParts> parse_url(const std::string& url, std::string& reason) {
     const std::string zone = parsed.get(CURLUPART_ZONEID);
     if (!zone.empty()) parts.host.append("%").append(zone);
   }
-  const std::string port = parsed.get(CURLUPART_PORT);
-  std::uint16_t number = 0;
-  if (const char* const end = port.data() + port.size();
-      !port.empty() && std::from_chars(port.data(), end, number).ptr == end) {
-    parts.port = number;
+  if (const std::string port = parsed.get(CURLUPART_PORT); !port.empty()) {  // libcurl checks it
+    std::from_chars(port.data(), port.data() + port.size(), parts.port.emplace());
   }
   return parts;
 }

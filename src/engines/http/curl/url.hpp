@@ -1,4 +1,4 @@
-// The parts of a URL, as libcurl reads it.
+// Splits a URL into its parts, as libcurl does.
 #pragma once
 
 #include <cstdint>
@@ -9,15 +9,15 @@ namespace tovren_mapstead::engines::http {
 
 struct UrlParts {
   std::string scheme;        ///< In lower case.
-  std::string user;          ///< With escapes undone; empty: none.
-  std::string password;      ///< With escapes undone; empty: none.
-  std::string raw_password;  ///< As it is spelt.
+  std::string user;          ///< Unescaped; may be empty.
+  std::string password;      ///< Unescaped; may be empty.
+  std::string raw_password;  ///< With its escapes.
   std::string host;          ///< In lower case and punycode, without brackets, with an IPv6 zone.
-  std::optional<std::uint16_t> port;  ///< As given.
+  std::optional<std::uint16_t> port;  ///< Absent if the URL has none.
 };
 
-/// Returns the parts of `url`; one without a scheme counts as http. On failure nothing, and
-/// `reason` says why.
+/// Returns the parts of `url`. A URL without a scheme counts as http. On failure returns nothing
+/// and sets `reason`.
 [[nodiscard]] std::optional<UrlParts> parse_url(const std::string& url, std::string& reason);
 
 }  // namespace tovren_mapstead::engines::http
