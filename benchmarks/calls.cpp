@@ -62,8 +62,8 @@ class Subjects {
         _floor(url + work.path, work.stream) {
     const llm::LLMResult result = ours();
     const Answer answer = floor();
-    if (answer.content.find(result.content()) == std::string::npos || answer.model != result.model() ||
-        answer.finish_reason != result.finish_reason() ||
+    if (answer.content.find(result.content()) == std::string::npos ||
+        answer.model != result.model() || answer.finish_reason != result.finish_reason() ||
         answer.completion_tokens != result.completion_tokens()) {
       throw std::runtime_error("the client and the floor disagree");
     }

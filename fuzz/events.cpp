@@ -1,10 +1,10 @@
 // Event streams, cut into reads at random. Whatever the cuts, the outcome is that of a reader which
 // does plainly what the rules say: all lines first, then one after the other.
 #include "engines/llm/reply/reasoning.hpp"
-#include "engines/llm/reply/token_count.hpp"
-#include "text/trim.hpp"
 #include "engines/llm/reply/stream.hpp"
+#include "engines/llm/reply/token_count.hpp"
 #include "fuzz.hpp"
+#include "text/trim.hpp"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include "tovren_mapstead/engines/http/utf8.hpp"
 #include "tovren_mapstead/engines/llm.hpp"
 
-#include "text/characters.hpp"
 #include "playback/playback.hpp"
+#include "text/characters.hpp"
 
 // NOLINTNEXTLINE(readability-identifier-naming): libFuzzer's name
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);

@@ -2,8 +2,8 @@
 // text, all that follows is looked at.
 #include "engines/llm/reply/reasoning.hpp"
 
-#include "text/trim.hpp"
 #include "fuzz.hpp"
+#include "text/trim.hpp"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Redaction. An input is a secret, 0xFF, a text, 0xFF and a text: between the texts stands the
 // secret, spelt as servers echo what they were sent, escaped as often as the shape has digits.
-#include "text/quote.hpp"
 #include "fuzz.hpp"
+#include "text/quote.hpp"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <array>
 
-#include "text/redaction.hpp"
 #include "text/characters.hpp"
+#include "text/redaction.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {

@@ -65,6 +65,7 @@ class Run {
   Made make(std::chrono::seconds period, std::uint64_t seed) {
     const auto end = http::Clock::now() + period;
     std::vector<std::jthread> callers;
+    callers.reserve(CALLERS);
     for (unsigned i = 0; i < CALLERS; ++i) {
       callers.emplace_back([this, end, i, seed] {
         std::mt19937_64 dice(seed * CALLERS + i / GANG);

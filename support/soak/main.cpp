@@ -120,15 +120,15 @@ class Clients {
       const auto road = static_cast<Road>(i);
       const bool copilot = road == Road::copilot;
       const llm::LLMConfig config({.provider = copilot ? "copilot" : "openai",
-                                  .base_url = copilot
-                                                  ? tovren_mapstead::engines::copilot::COPILOT_BASE
-                                              : road == Road::tls ? endpoint.tls().url()
-                                                                  : endpoint.plain().url(),
-                                  .model = "m",
-                                  .api_key = endpoint.key(),
-                                  .timeout_s = road == Road::impatient ? IMPATIENT_S : 120,
-                                  .max_retries = TRIES - 1,
-                                  .stream = road != Road::whole});
+                                   .base_url = copilot
+                                                   ? tovren_mapstead::engines::copilot::COPILOT_BASE
+                                               : road == Road::tls ? endpoint.tls().url()
+                                                                   : endpoint.plain().url(),
+                                   .model = "m",
+                                   .api_key = endpoint.key(),
+                                   .timeout_s = road == Road::impatient ? IMPATIENT_S : 120,
+                                   .max_retries = TRIES - 1,
+                                   .stream = road != Road::whole});
       _clients.emplace_back(
           config, llm::ClientOptions{.transport = copilot ? detour : transport, .wait = wait});
     }
@@ -172,10 +172,10 @@ Told ask(const llm::LLMClient& client, const Call& call, Clock::time_point start
         client.chat({llm::user(call.prompt)},
                     {.response_json = call.json, .should_stop = should_stop, .deadline = deadline});
     const llm::LLMResult whole({.content = result.content(),
-                               .model = call.model,
-                               .prompt_tokens = static_cast<std::int64_t>(call.prompt.size()),
-                               .completion_tokens = static_cast<std::int64_t>(call.pieces.size()),
-                               .finish_reason = "stop"});
+                                .model = call.model,
+                                .prompt_tokens = static_cast<std::int64_t>(call.prompt.size()),
+                                .completion_tokens = static_cast<std::int64_t>(call.pieces.size()),
+                                .finish_reason = "stop"});
     return {Outcome::Kind::answer, result.content(), result == whole};
   } catch (const llm::LLMStopped& error) {
     return {Outcome::Kind::stopped, error.what()};

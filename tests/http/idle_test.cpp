@@ -197,7 +197,7 @@ TEST(Idle, DeadPoolCostsOneAttempt) {
                               .timeout_s = timeout_s,
                               .max_retries = 1,
                               .stream = false},
-                             {.transport = transport, .wait = [&](auto...) { ++waits; }});
+                             {.transport = transport, .wait = [&](double, auto&, auto) { ++waits; }});
       try {
         return client.chat({llm::user("x")}).content();
       } catch (const llm::LLMError& error) {

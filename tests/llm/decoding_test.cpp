@@ -2,8 +2,8 @@
 
 #include "engines/llm/reply/completion.hpp"
 #include "engines/llm/reply/reasoning.hpp"
-#include "engines/llm/reply/token_count.hpp"
 #include "engines/llm/reply/stream.hpp"
+#include "engines/llm/reply/token_count.hpp"
 #include "support.hpp"
 
 namespace {

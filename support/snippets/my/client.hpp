@@ -24,8 +24,7 @@ class Client {
   Client(std::string base_url, std::string api_key)
       : _base_url(std::move(base_url)), _api_key(std::move(api_key)) {}
 
-  [[nodiscard]] std::string ask(
-      const std::string& model, const std::string& question) const {
+  [[nodiscard]] std::string ask(const std::string& model, const std::string& question) const {
     if (model == "offline") throw Offline(_base_url + " cannot be reached");
     if (model == "503") throw Refused("busy", 503);
     if (model == "401") throw Refused("the key " + _api_key + " is refused", 401);
