@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -116,18 +117,17 @@ Needles::Needles(const Secrets& secrets) {
 // Merges `more` into `spans`, both in order, and joins adjacent spans.
 void add(std::vector<Span>& spans, const std::vector<Span>& more) {
   if (more.empty()) return;
-  const auto middle = static_cast<std::ptrdiff_t>(spans.size());
-  spans.insert(spans.end(), more.begin(), more.end());
-  std::ranges::inplace_merge(spans, spans.begin() + middle, {}, &Span::begin);
-  auto last = spans.begin();
-  for (const Span& span : spans) {
-    if (span.begin <= last->end) {
-      last->end = std::max(last->end, span.end);
+  std::vector<Span> both;
+  both.reserve(spans.size() + more.size());
+  std::ranges::merge(spans, more, std::back_inserter(both), {}, &Span::begin, &Span::begin);
+  spans.clear();
+  for (const Span& span : both) {
+    if (spans.empty() || span.begin > spans.back().end) {
+      spans.push_back(span);
     } else {
-      *++last = span;
+      spans.back().end = std::max(spans.back().end, span.end);
     }
   }
-  spans.erase(last + 1, spans.end());
 }
 
 // The occurrences in a part of a text. Those that begin before `settled` are complete.
