@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "tovren_mapstead/engines/http/errors.hpp"
+#include "tovren_mapstead/engines/http/events.hpp"
 #include "tovren_mapstead/engines/http/json.hpp"
-#include "tovren_mapstead/engines/http/response.hpp"
 #include "tovren_mapstead/engines/http/secrets.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 

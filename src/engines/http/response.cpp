@@ -1,20 +1,17 @@
 #include "tovren_mapstead/engines/http/response.hpp"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <exception>
 #include <optional>
 #include <utility>
 
-#include "tovren_mapstead/engines/http/utf8.hpp"
-
 #include "engines/http/clock.hpp"
+#include "engines/http/lines.hpp"
 #include "engines/http/process.hpp"
 #include "json/json_mend.hpp"
 #include "text/characters.hpp"
 #include "text/quote.hpp"
-#include "text/trim.hpp"
 
 namespace tovren_mapstead::engines::http {
 namespace {
@@ -31,43 +28,6 @@ std::string mebibytes(std::size_t bytes) {
   constexpr std::size_t MIB = std::size_t{1} << 20U;
   return bytes % MIB == 0 ? std::to_string(bytes / MIB) + " MiB" : std::to_string(bytes) + " bytes";
 }
-
-// Returns how many bytes at the end of `text` begin a UTF-8 character that needs more bytes.
-std::size_t unfinished(std::string_view text) {
-  constexpr std::size_t LONGEST = 4;
-  for (std::size_t width = 1; width < LONGEST && width <= text.size(); ++width) {
-    // Each first byte can be followed by the least or by the greatest continuation byte.
-    for (const char next : {'\x80', '\xBF'}) {
-      std::array<char, LONGEST> whole{};
-      whole.fill(next);
-      text.copy(whole.data(), width, text.size() - width);
-      if (read_utf8({whole.data(), whole.size()}).width > width) return width;
-    }
-  }
-  return 0;
-}
-
-// Finds the next occurrence of a character in a growing buffer. Looks at each byte once, however
-// short the lines are and however rare the character.
-class Finder {
- public:
-  explicit Finder(char character) : _character(character) {}
-
-  // The first place at or after `start`, or the size of the buffer.
-  std::size_t next(std::string_view buffer, std::size_t start) {
-    if (_at < start || (_at < buffer.size() && buffer[_at] != _character)) {
-      _at = std::min(buffer.find(_character, std::max(_at, start)), buffer.size());
-    }
-    return _at;
-  }
-
-  // The buffer has lost its first `count` bytes.
-  void shift(std::size_t count) { _at -= std::min(_at, count); }
-
- private:
-  char _character;
-  std::size_t _at = 0;  // no such character stands between the start and here
-};
 
 }  // namespace
 
@@ -90,7 +50,11 @@ struct Response::Impl {
   }
 
   std::unique_ptr<Exchange> open(Transport& transport, Request request) {
-    return guarded([&] { return transport.open(std::move(request), watch); });
+    return guarded([&] {
+      auto opened = transport.open(std::move(request), watch);
+      if (!opened) throw TransportError("the transport gave no exchange", false);
+      return opened;
+    });
   }
 
   // Runs a step of the transport. The one place where a transport's failure becomes an error of the
@@ -126,42 +90,18 @@ struct Response::Impl {
     return guarded([&] { return exchange->read(into, watch); });
   }
 
-  // Reads more of the body into the buffer; returns false at the end of the body.
+  // Reads more of the body into the lines; returns false at the end of the body.
   bool fill() {
-    buffer.resize(size);  // takes off the padding
-    if (start > 0) {
-      buffer.erase(0, start);
-      line_feed.shift(start);
-      carriage_return.shift(start);
-      start = 0;
-    }
-    check_line(buffer.size());
+    check_line(lines.pending());
+    std::string& buffer = lines.to_fill();
     if (reading) buffer.reserve(BURST_BYTES);
     const bool more = pull(buffer);
-    size = buffer.size();
-    buffer.append(JsonReader::PADDING, '\0');
-    if (size > 0 && has_passed(lines_end_at)) {
+    lines.filled();
+    if (lines.pending() > 0 && has_passed(lines_end_at)) {
       failed = true;
       throw Retryable("stream exceeded timeout before completing");
     }
     return more;
-  }
-
-  // Skips the LF of a CRLF. The CR has ended the line already, so that nobody waits for a sender
-  // that stops between the two.
-  void skip_line_feed() {
-    if (!after_carriage_return || start == size) return;
-    after_carriage_return = false;
-    if (buffer[start] == '\n') ++start;
-  }
-
-  // Returns what has come and has not been handed out.
-  std::string take_buffer() {
-    skip_line_feed();
-    line_feed = Finder('\n');
-    carriage_return = Finder('\r');
-    buffer.resize(std::exchange(size, 0));
-    return std::exchange(buffer, {}).substr(std::exchange(start, 0));
   }
 
   [[noreturn]] void fail(const std::string& reason) {
@@ -174,17 +114,6 @@ struct Response::Impl {
     fail("a line of the reply is longer than " + mebibytes(policy.max_line_bytes));
   }
 
-  // Takes the line that ends at `end` from the buffer, with its line end if that has come.
-  std::string_view take_line(std::size_t end) {
-    check_line(end - start);
-    std::string_view line(buffer.data() + start, end - start);
-    start = std::min(end + 1, size);
-    if (std::exchange(at_body_start, false) && line.starts_with(BYTE_ORDER_MARK)) {
-      line.remove_prefix(BYTE_ORDER_MARK.size());
-    }
-    return line;
-  }
-
   const CallGuard guard;
   const int exceptions_before = std::uncaught_exceptions();
   const RetryPolicy& policy;
@@ -193,15 +122,9 @@ struct Response::Impl {
   Watch watch;
   std::unique_ptr<Exchange> exchange;
   JsonReader reader;
-  std::string buffer;
+  LineBuffer lines;
   std::optional<Deadline> lines_end_at;
-  bool reading = false;   // of the body
-  std::size_t start = 0;  // of what has not been handed out
-  std::size_t size = 0;   // of what has come; behind it is padding
-  Finder line_feed{'\n'};
-  Finder carriage_return{'\r'};
-  bool at_body_start = true;
-  bool after_carriage_return = false;
+  bool reading = false;  // of the body
 };
 
 Response::Response(Transport& transport, Request request, double timeout_s,
@@ -218,21 +141,11 @@ const Head& Response::head() const noexcept {
 
 std::optional<std::string_view> Response::next_line() {
   Impl& self = *_impl;
-  for (;;) {
-    self.skip_line_feed();
-    const std::string_view arrived(self.buffer.data(), self.size);
-    std::size_t end = std::min(self.line_feed.next(arrived, self.start),
-                               self.carriage_return.next(arrived, self.start));
-    if (end < self.size) {
-      self.after_carriage_return = self.buffer[end] == '\r';
-    } else {
-      if (self.fill()) continue;
-      self.size -= unfinished({self.buffer.data() + self.start, self.size - self.start});
-      if (self.start == self.size) return std::nullopt;
-      end = self.size;
-    }
-    return self.take_line(end);
-  }
+  std::optional<std::string_view> line = self.lines.next();
+  while (!line && self.fill()) line = self.lines.next();
+  if (!line) line = self.lines.last();
+  if (line) self.check_line(line->size());
+  return line;
 }
 
 const Secrets& Response::secrets() const noexcept {
@@ -249,7 +162,7 @@ JsonReader& Response::reader() {
 
 std::string Response::read_rest(std::size_t max_bytes) {
   Impl& self = *_impl;
-  std::string body = self.take_buffer();
+  std::string body = self.lines.take();
   do {
     if (body.size() > max_bytes) self.fail("the reply is larger than " + mebibytes(max_bytes));
   } while (self.pull(body));
@@ -258,7 +171,7 @@ std::string Response::read_rest(std::size_t max_bytes) {
 
 std::string Response::quote_rest() {
   Impl& self = *_impl;
-  std::string body = self.take_buffer();
+  std::string body = self.lines.take();
   self.watch.shorten(QUOTE_PATIENCE_S);
   const auto end = Clock::now() + std::chrono::duration<double>(QUOTE_PATIENCE_S);
   try {
@@ -295,29 +208,6 @@ JsonValue read_json(Response& reply, const RetryPolicy& policy, const Secrets& s
   throw HttpFailure(
       redact(what, secrets), reply.head().status,
       quote(text.substr(0, QUOTED_BYTES), secrets, quoted_chars(policy.detail_chars)));
-}
-
-JsonValue EventReader::next() {
-  constexpr std::string_view PREFIX = "data:";
-  const auto require_utf8 = [](std::string_view line) {
-    if (line.empty() || is_utf8(line)) return;
-    throw HttpFailure("stream is not valid UTF-8; ask again, without streaming if it stays so");
-  };
-  while (const std::optional<std::string_view> raw = _reply.next_line()) {
-    const std::string_view line = trim(*raw);
-    if (!line.starts_with(PREFIX)) {
-      require_utf8(*raw);
-      continue;
-    }
-    std::string_view payload = line.substr(PREFIX.size());
-    if (payload.starts_with(' ')) payload.remove_prefix(1);  // usual, and cheaper than `trim`
-    payload = trim(payload);
-    if (payload == "[DONE]") break;
-    const JsonValue event = _json.parse_padded(payload);
-    if (event.kind() == JsonValue::Kind::object) return event;
-    if (!event.present()) require_utf8(*raw);
-  }
-  return {};
 }
 
 }  // namespace tovren_mapstead::engines::http

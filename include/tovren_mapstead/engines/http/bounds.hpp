@@ -4,7 +4,9 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string_view>
+#include <utility>
 
 #include "tovren_mapstead/export.hpp"
 
@@ -20,10 +22,21 @@ using Clock = std::chrono::steady_clock;
 /// The moment by which a call must have ended.
 using Deadline = Clock::time_point;
 
-/// Returns true to end the call. Called on the thread that makes the call, at least every 25 ms and
-/// at each read of a reply, so it has to be quick. An exception from it ends the call and reaches
-/// the caller unchanged. May be empty.
-using StopTest = std::function<bool()>;
+/// A function that returns true to end the call, or a stop token. Called on the thread that makes
+/// the call, at least every 25 ms and at each read of a reply, so it has to be quick. An exception
+/// from it ends the call and reaches the caller unchanged. May be empty.
+class StopTest : public std::function<bool()> {
+ public:
+  using std::function<bool()>::function;
+
+  /// Takes a function as it is.
+  StopTest(std::function<bool()> test) noexcept  // NOLINT(google-explicit-constructor)
+      : function(std::move(test)) {}
+
+  /// Ends the call once a stop of the token is requested.
+  StopTest(std::stop_token token)  // NOLINT(google-explicit-constructor)
+      : function([token = std::move(token)] { return token.stop_requested(); }) {}
+};
 
 /// Waits about `period_s` seconds between two attempts. Throws Stopped or DeadlineExceeded to end
 /// the call; when it returns, the next attempt is made.
@@ -35,6 +48,9 @@ using Wait = std::function<void(double period_s, const StopTest& should_stop,
 /// wait would last to `deadline` or past it. Exceptions of `should_stop` pass through. Thread-safe.
 TOVREN_EXPORT void wait_unless_stopped(double period_s, const StopTest& should_stop,
                                        std::optional<Deadline> deadline);
+
+/// A Wait for tests: returns at once.
+inline void no_wait(double, const StopTest&, std::optional<Deadline>) noexcept {}
 
 /// The bounds of every wait in one exchange. A transport waits for at most `patience` at a time,
 /// calls `check` in between, and `moved` when bytes have been sent or received. For the thread of

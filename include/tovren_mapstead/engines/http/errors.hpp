@@ -28,7 +28,8 @@ class TOVREN_EXPORT Error : public std::runtime_error {
   explicit Error(std::string message, std::optional<int> status = std::nullopt)
       : std::runtime_error(detail::without_nul(std::move(message))), _status(status) {}
 
-  /// Returns the HTTP status of the reply behind the failure; nothing if there was no reply.
+  /// Returns the HTTP status of the reply behind the failure, for a retry loop of its last failure;
+  /// nothing if there was no reply.
   [[nodiscard]] std::optional<int> status() const noexcept { return _status; }
 
   /// Removes `secrets` from the text, for a handler that rethrows the error.

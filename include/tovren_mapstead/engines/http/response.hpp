@@ -109,21 +109,4 @@ class TOVREN_EXPORT Response {
 TOVREN_EXPORT JsonValue read_json(Response& reply, const RetryPolicy& policy,
                                   const Secrets& secrets);
 
-/// Reads the events of `reply`: its `data:` lines that hold a JSON object (the event-stream
-/// format). Any other line is skipped. For one thread at a time.
-class TOVREN_EXPORT EventReader {
- public:
-  /// `reply` must outlive this object.
-  explicit EventReader(Response& reply) : _reply(reply), _json(reply.reader()) {}
-
-  /// Returns the next event; absent at the end marker "[DONE]" or the end of the body. Valid until
-  /// the next call. Throws HttpFailure for a line that is not UTF-8, and what `Response::next_line`
-  /// throws.
-  JsonValue next();
-
- private:
-  Response& _reply;
-  JsonReader& _json;
-};
-
 }  // namespace tovren_mapstead::engines::http

@@ -72,8 +72,15 @@ struct RetryOptions {
   Secrets secrets{};           ///< Kept out of the texts of Stopped, Exhausted and so on.
 };
 
-/// Returns the HTTP status that an error of the OpenAI client library carries, if any.
+/// Returns the HTTP status behind a failure: that of an error of the engine or of the OpenAI client
+/// library, or of the error nested in another, such as `llm::LLMError`. Nothing if there was no
+/// reply.
 [[nodiscard]] TOVREN_EXPORT std::optional<int> status_of(const std::exception& error);
+
+/// Returns whether the same call may succeed later: the failure, or the error nested in it, is a
+/// Retryable, an Exhausted or a DeadlineExceeded. False for a failure that repetition does not
+/// avoid, such as a wrong key, and for a stop.
+[[nodiscard]] TOVREN_EXPORT bool may_succeed_later(const std::exception& error);
 
 /// Returns whether an error of the OpenAI client library is a timeout, a failed connection, or
 /// carries a status of `statuses`.
@@ -106,6 +113,7 @@ class TOVREN_EXPORT RetryLoop {
   int _made = 0;
   double _backoff_s;
   std::string _last_failure;
+  std::optional<int> _last_status;
 };
 
 }  // namespace detail

@@ -7,6 +7,7 @@
 
 #include "engines/http/curl/url.hpp"
 #include "text/characters.hpp"
+#include "text/literal.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -33,7 +34,8 @@ Route route_to(const std::string& url, const Proxies& proxies) {
   std::string reason;
   const auto parts = parse_url(url, reason);
   if (!parts) {
-    throw TransportError("malformed URL: " + origin + " (" + reason + "); check the URL", false);
+    throw TransportError(
+        "malformed URL: " + as_literal(origin) + " (" + reason + "); check the URL", false);
   }
   const bool tls = parts->scheme == "https";
   if (!tls && parts->scheme != "http") {

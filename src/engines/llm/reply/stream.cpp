@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tovren_mapstead/engines/http/errors.hpp"
+#include "tovren_mapstead/engines/http/events.hpp"
 #include "tovren_mapstead/engines/http/utf8.hpp"
 #include "tovren_mapstead/engines/llm/errors.hpp"
 
