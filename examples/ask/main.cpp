@@ -108,10 +108,8 @@ const char* transport_of(const ask::Options& options) {
 llm::Messages messages_for(const ask::Options& options) {
   if (options.prompt) return {llm::user(*options.prompt)};
   const auto files = ask::gather(options.directory, SOURCE_BUDGET);
-  return {{{"role", "system"},
-           {"content",
-            "You answer questions about source trees from the files that you are given, "
-            "briefly and exactly."}},
+  return {llm::system("You answer questions about source trees from the files that you are given, "
+                      "briefly and exactly."),
           llm::user(ask::to_prompt(files, options.question))};
 }
 

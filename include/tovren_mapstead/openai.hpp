@@ -83,8 +83,16 @@ class ChunkStream {
   virtual std::optional<Chunk> next() = 0;
 };
 
-/// One message of a request.
+/// The first member of a record that is made by field name only.
+struct ByName {
+  /// Returns true.
+  bool operator==(const ByName&) const = default;
+};
+
+/// One message of a request, made by field name: `{.role = "user", .content = text}`. Without
+/// names, `{{"role", "user"}, ...}` would make a string of two pointers.
 struct RequestMessage {
+  [[no_unique_address]] ByName by_name{};                     ///< Keeps other forms out.
   std::string role;                                           ///< "system", "user" or "assistant".
   std::string content;                                        ///< UTF-8.
   std::vector<std::pair<std::string, std::string>> others{};  ///< Further members, in order.

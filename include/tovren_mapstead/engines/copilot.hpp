@@ -33,15 +33,15 @@ class TOVREN_EXPORT CopilotError : public std::runtime_error {
 
 /// Replaceable parts of a CopilotAuth.
 struct AuthOptions {
-  const std::shared_ptr<http::Transport> transport{};  ///< Null for the engine's own.
-  const std::function<double()> unix_time_s{};         ///< Wall clock; empty for the system's.
+  std::shared_ptr<http::Transport> transport{};  ///< Null for the engine's own.
+  std::function<double()> unix_time_s{};         ///< Wall clock; empty for the system's.
 };
 
 /// The bounds of one call.
 struct CallBounds {
-  const double timeout_s = 30.0;                   ///< Idle timeout in seconds; 0 means no limit.
-  const http::StopTest should_stop{};              ///< Returns true to cancel the call.
-  const std::optional<http::Deadline> deadline{};  ///< When the call ends at the latest.
+  double timeout_s = 30.0;                   ///< Idle timeout in seconds; 0 means no limit.
+  http::StopTest should_stop{};              ///< Returns true to cancel the call.
+  std::optional<http::Deadline> deadline{};  ///< When the call ends at the latest.
 };
 
 /// The error text for status 401 of the chat endpoint, after which the token is dropped.

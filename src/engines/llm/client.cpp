@@ -1,12 +1,15 @@
 #include "tovren_mapstead/engines/llm/client.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <exception>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
+#include "engines/http/clock.hpp"
 #include "engines/http/process.hpp"
 #include "engines/llm/core.hpp"
 #include "engines/llm/tunables.hpp"
@@ -40,6 +43,12 @@ int attempts_of(const LLMConfig& config) {
 }
 
 }  // namespace
+
+std::optional<http::Deadline> CallDeadline::moment() const noexcept {
+  if (const auto* const moment = std::get_if<http::Deadline>(&_end)) return *moment;
+  const auto* const period = std::get_if<std::chrono::duration<double>>(&_end);
+  return period == nullptr ? std::nullopt : http::after(http::Clock::now(), period->count());
+}
 
 LLMClient::Core::Core(LLMConfig config, const ClientOptions& options)
     : _config(checked(std::move(config))),
@@ -78,11 +87,30 @@ bool LLMClient::is_configured() const {
   return !config().base_url().empty() && !model().empty() && !_core->_secrets.empty();
 }
 
+std::string LLMClient::missing_settings() const {
+  std::string missing;
+  const auto add = [&](bool lacks, std::string_view text) {
+    if (lacks) missing.append(missing.empty() ? "" : "; ").append(text);
+  };
+  const bool copilot = config().provider() == COPILOT;
+  add(!copilot && config().base_url().empty(), "generation.base_url is empty");
+  add(model().empty(), "generation.model is empty");
+  add(!copilot && _core->_secrets.empty(),
+      "there is no API key: set the environment variable TOVREN_LLM_API_KEY, or LLMConfig's "
+      "api_key");
+  add(copilot && !_core->_copilot_auth->is_available(), copilot::NO_CREDENTIAL);
+  return missing;
+}
+
 LLMResult LLMClient::chat(const Messages& messages, const ChatOptions& options) const {
   if (!is_configured()) {
     throw LLMError(
         "LLM is not configured (need generation.base_url, generation.model, and the "
         "TOVREN_LLM_API_KEY environment variable).");
+  }
+  if (!std::isfinite(config().timeout_s()) || config().timeout_s() < 0) {
+    throw LLMError(
+        "LLM timeout_s is negative or not finite; set it to seconds, or to 0 for no limit.");
   }
   const Core& core = *_core;
   const Prompt prompt{.messages = messages,
@@ -90,7 +118,7 @@ LLMResult LLMClient::chat(const Messages& messages, const ChatOptions& options) 
                       .max_tokens = options.max_tokens.value_or(config().max_tokens()),
                       .response_json = options.response_json};
   http::RetryPolicy policy = core._policy;
-  policy.deadline = options.deadline;
+  policy.deadline = options.deadline.moment();
   if (options.should_stop) policy.should_stop = options.should_stop;
   const auto attempt = [&](double timeout_s) {
     if (config().provider() == COPILOT) return core._chat_via_copilot(prompt, timeout_s, policy);
@@ -102,11 +130,11 @@ LLMResult LLMClient::chat(const Messages& messages, const ChatOptions& options) 
     const http::CallGuard guard;
     return http::retry(policy, attempt, {.label = "LLM call", .secrets = core._secrets});
   } catch (const http::Stopped& stopped) {
-    throw LLMStopped(stopped.what());
+    std::throw_with_nested(LLMStopped(stopped.what()));
   } catch (const http::DeadlineExceeded& late) {
-    throw LLMTimeout(late.what());
+    std::throw_with_nested(LLMTimeout(late.what()));
   } catch (const http::Exhausted& exhausted) {
-    throw LLMError(exhausted.what());
+    std::throw_with_nested(LLMError(exhausted.what()));
   }
 }
 
@@ -116,7 +144,10 @@ bool _openai_available() {
 }
 
 LLMClient build_llm_client_from_config(const Config& config) {
-  const GenerationConfig& gen = config.generation;
+  return build_llm_client_from_config(config.generation);
+}
+
+LLMClient build_llm_client_from_config(const GenerationConfig& gen) {
   LLMConfig::Fields fields{.provider = gen.provider,
                            .base_url = gen.base_url,
                            .model = gen.model,

@@ -1,9 +1,11 @@
 // The client: built once, used by any number of threads.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 
 #include "tovren_mapstead/config.hpp"
 #include "tovren_mapstead/engines/http/bounds.hpp"
@@ -23,13 +25,44 @@ struct ClientOptions {
   http::Wait wait = http::wait_unless_stopped;   ///< Waits between attempts.
 };
 
+/// When a call ends at the latest: a moment of the steady clock, a period from the begin of the
+/// call such as `30s`, or never.
+class CallDeadline {
+ public:
+  /// The call has no deadline.
+  CallDeadline() = default;
+
+  /// @{
+  /// The call ends at this moment; without one, never.
+  CallDeadline(std::nullopt_t) noexcept {}  // NOLINT(google-explicit-constructor)
+
+  CallDeadline(http::Deadline moment) noexcept : _end(moment) {}  // NOLINT(google-explicit-*)
+
+  CallDeadline(std::optional<http::Deadline> moment) noexcept {  // NOLINT(google-explicit-*)
+    if (moment) _end = *moment;
+  }
+
+  /// @}
+
+  /// The call ends this long after it began.
+  template <class Count, class Unit>
+  CallDeadline(std::chrono::duration<Count, Unit> period)  // NOLINT(google-explicit-constructor)
+      : _end(std::chrono::duration<double>(period)) {}
+
+  /// Returns the moment for a call that begins now.
+  [[nodiscard]] std::optional<http::Deadline> moment() const noexcept;
+
+ private:
+  std::variant<std::monostate, http::Deadline, std::chrono::duration<double>> _end;
+};
+
 /// What one call may change or add.
 struct ChatOptions {
-  std::optional<double> temperature{};       ///< Absent: that of the configuration.
-  std::optional<int> max_tokens{};           ///< Absent: that of the configuration.
-  bool response_json = false;                ///< Asks for a JSON object as the answer.
-  http::StopTest should_stop{};              ///< Returns true to end the call.
-  std::optional<http::Deadline> deadline{};  ///< The moment by which the call ends.
+  std::optional<double> temperature{};  ///< Absent: that of the configuration.
+  std::optional<int> max_tokens{};      ///< Absent: that of the configuration.
+  bool response_json = false;           ///< Asks for a JSON object as the answer.
+  http::StopTest should_stop{};         ///< A function, or a std::stop_token, that ends the call.
+  CallDeadline deadline{};              ///< `30s`, or a moment of std::chrono::steady_clock.
 };
 
 /// A thin OpenAI-compatible chat-completions client.
@@ -57,10 +90,15 @@ class TOVREN_EXPORT LLMClient {
   /// model and a GitHub credential. Sends nothing.
   [[nodiscard]] bool is_configured() const;
 
+  /// Returns what `is_configured` lacks, for a user: "generation.model is empty" and so on; empty
+  /// if it lacks nothing. Sends nothing.
+  [[nodiscard]] std::string missing_settings() const;
+
   /// Sends `messages` and returns the answer. Blocks, also during the waits between attempts.
   /// Repeats transient failures up to `max_retries` times, after 1 s, 2 s, 4 s and so on.
   /// Throws LLMStopped if `should_stop` returns true, LLMTimeout at the deadline or as soon as no
-  /// attempt can begin before it, and LLMError for any other failure. Stop and deadline take effect
+  /// attempt can begin before it, and LLMError for any other failure. The engine's error is nested
+  /// in them: see `http::status_of` and `http::may_succeed_later`. Stop and deadline take effect
   /// within 50 ms, but through an OpenAI client library only between attempts. Exceptions of
   /// `should_stop` and of the client's `wait` pass unchanged. Throws LLMStopped, too, if another
   /// thread ends the process, which waits up to a second for that.
@@ -80,5 +118,10 @@ class TOVREN_EXPORT LLMClient {
 /// Throws std::invalid_argument like the constructor. Must not be called while another thread
 /// changes the environment.
 [[nodiscard]] TOVREN_EXPORT LLMClient build_llm_client_from_config(const Config& config);
+
+/// Does the same with the section alone:
+/// `build_llm_client_from_config({.base_url = url, .model = "m"})`.
+[[nodiscard]] TOVREN_EXPORT LLMClient
+build_llm_client_from_config(const GenerationConfig& generation);
 
 }  // namespace tovren_mapstead::engines::llm

@@ -11,7 +11,8 @@
 namespace tovren_mapstead::engines::llm {
 
 /// Raised when an LLM chat completion fails (after retries). Its text says what to do and holds no
-/// secret. A CopilotError that caused it is nested in it (`std::rethrow_if_nested`).
+/// secret. The error of the engine or of the Copilot adapter that caused it is nested in it
+/// (`std::rethrow_if_nested`); `http::status_of` returns the HTTP status from there.
 class TOVREN_EXPORT LLMError : public std::runtime_error {
  public:
   /// `message` must hold no secret. NUL in it becomes U+FFFD.

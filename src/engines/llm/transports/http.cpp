@@ -1,5 +1,6 @@
 // One attempt of a chat call over HTTP.
 #include <algorithm>
+#include <exception>
 #include <iterator>
 #include <string>
 #include <utility>
@@ -56,7 +57,7 @@ LLMResult LLMClient::Core::_chat_http(const HttpTarget& target, const Prompt& pr
     } catch (const http::HttpFailure& failure) {
       note_refusal(failure);
       if (!drop_rejected(features, failure.status(), failure.detail())) {
-        throw LLMError(std::string("LLM ") + failure.what());
+        std::throw_with_nested(LLMError(std::string("LLM ") + failure.what()));
       }
     } catch (const http::Error& error) {  // stopped while the text of the refusal was read
       note_refusal(error);
