@@ -1,5 +1,6 @@
 #include "tovren_mapstead/engines/http/json_writer.hpp"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <charconv>
@@ -78,6 +79,15 @@ char* escape(std::string_view text, char* out) {
   return out;
 }
 
+// Returns whether `text` is short and has neither an escape nor a byte beyond ASCII, like most
+// names and settings.
+bool is_plain(std::string_view text) {
+  constexpr std::size_t SHORT = 32;
+  return text.size() <= SHORT && std::ranges::all_of(text, [](char c) {
+           return c >= ' ' && c <= '~' && c != '"' && c != '\\';
+         });
+}
+
 }  // namespace
 
 JsonObject::JsonObject() {
@@ -93,11 +103,18 @@ void JsonObject::refuse(std::string_view what) {
   _fault = std::string(what).append(" at ");
   for (const Open& open : _open) {
     _fault += '/';
-    _fault += open.end == ']' ? std::to_string(open.elements - 1) : open.last_name;
+    _fault += open.end == ']'           ? std::to_string(open.elements - 1)
+              : is_utf8(open.last_name) ? open.last_name
+                                        : "?";
   }
 }
 
-void JsonObject::append_string(std::string_view text) {
+void JsonObject::append_string(std::string_view text, std::string_view what) {
+  if (is_plain(text)) {
+    (_text += '"').append(text) += '"';
+    return;
+  }
+  if (!is_utf8(text)) return refuse(std::string(what) + " that is not valid UTF-8");
   // Room for a text with few escapes, such as a prompt. Growing later would copy the text.
   _text.reserve(_text.size() + text.size() + text.size() / 8 + 2);
   _text += '"';
@@ -115,11 +132,7 @@ void JsonObject::begin_value(std::string_view name) {
   if (inside.elements++ > 0) _text += ',';
   if (inside.end == ']') return;
   inside.last_name = name;
-  if (!is_utf8(name)) {
-    inside.last_name = "?";
-    refuse("a name that is not valid UTF-8");
-  }
-  append_string(inside.last_name);
+  append_string(name, "a name");
   _text += ':';
 }
 
@@ -131,8 +144,7 @@ JsonObject& JsonObject::append(std::string_view name, std::string_view json) {
 
 JsonObject& JsonObject::add(std::string_view name, std::string_view text) {
   begin_value(name);
-  if (!is_utf8(text)) refuse("text that is not valid UTF-8");
-  append_string(text);
+  append_string(text, "text");
   return *this;
 }
 

@@ -18,8 +18,9 @@ constexpr std::size_t MAX_LINE_BYTES = std::size_t{16} << 20U;
 
 enum class Line { event, end, invalid, other };
 
-// Decodes one line, whose event is then in `event`.
-Line decode(std::string_view raw, JsonReader& json, JsonValue& event) {
+// Decodes one line, whose event is then in `event`. Inlined, because it runs for each line.
+[[gnu::always_inline]] inline Line decode(std::string_view raw, JsonReader& json,
+                                          JsonValue& event) {
   constexpr std::string_view PREFIX = "data:";
   const auto other = [&] { return raw.empty() || is_utf8(raw) ? Line::other : Line::invalid; };
   const std::string_view line = trim(raw);

@@ -43,16 +43,6 @@ void LineBuffer::filled() {
   _buffer.append(JsonReader::PADDING, '\0');
 }
 
-std::optional<std::string_view> LineBuffer::next() {
-  skip_line_feed();
-  const std::string_view arrived(_buffer.data(), _size);
-  const std::size_t end =
-      std::min(_line_feed.next(arrived, _start), _carriage_return.next(arrived, _start));
-  if (end >= _size) return std::nullopt;  // beyond it after `last` has cut a character
-  _after_carriage_return = _buffer[end] == '\r';
-  return take_line(end);
-}
-
 std::optional<std::string_view> LineBuffer::last() {
   _size -= unfinished({_buffer.data() + _start, pending()});
   if (pending() == 0) return std::nullopt;
@@ -65,24 +55,6 @@ std::string LineBuffer::take() {
   _carriage_return = Finder('\r');
   _buffer.resize(std::exchange(_size, 0));
   return std::exchange(_buffer, {}).substr(std::exchange(_start, 0));
-}
-
-// Skips the LF of a CRLF. The CR has ended the line already, so that nobody waits for a sender that
-// stops between the two.
-void LineBuffer::skip_line_feed() {
-  if (!_after_carriage_return || pending() == 0) return;
-  _after_carriage_return = false;
-  if (_buffer[_start] == '\n') ++_start;
-}
-
-// Takes the line that ends at `end`, with its line end if that has arrived.
-std::string_view LineBuffer::take_line(std::size_t end) {
-  std::string_view line(_buffer.data() + _start, end - _start);
-  _start = std::min(end + 1, _size);
-  if (std::exchange(_at_body_start, false) && line.starts_with(BYTE_ORDER_MARK)) {
-    line.remove_prefix(BYTE_ORDER_MARK.size());
-  }
-  return line;
 }
 
 }  // namespace tovren_mapstead::engines::http

@@ -6,6 +6,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "text/characters.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -67,5 +70,34 @@ class LineBuffer {
   bool _at_body_start = true;
   bool _after_carriage_return = false;
 };
+
+// Inline, because this runs for each line of a stream.
+inline std::optional<std::string_view> LineBuffer::next() {
+  skip_line_feed();
+  const std::string_view arrived(_buffer.data(), _size);
+  const std::size_t end =
+      std::min(_line_feed.next(arrived, _start), _carriage_return.next(arrived, _start));
+  if (end >= _size) return std::nullopt;  // beyond it after `last` has cut a character
+  _after_carriage_return = _buffer[end] == '\r';
+  return take_line(end);
+}
+
+// Skips the LF of a CRLF. The CR has ended the line already, so that nobody waits for a sender that
+// stops between the two.
+inline void LineBuffer::skip_line_feed() {
+  if (!_after_carriage_return || pending() == 0) return;
+  _after_carriage_return = false;
+  if (_buffer[_start] == '\n') ++_start;
+}
+
+// Takes the line that ends at `end`, with its line end if that has arrived.
+inline std::string_view LineBuffer::take_line(std::size_t end) {
+  std::string_view line(_buffer.data() + _start, end - _start);
+  _start = std::min(end + 1, _size);
+  if (std::exchange(_at_body_start, false) && line.starts_with(BYTE_ORDER_MARK)) {
+    line.remove_prefix(BYTE_ORDER_MARK.size());
+  }
+  return line;
+}
 
 }  // namespace tovren_mapstead::engines::http

@@ -110,7 +110,10 @@ struct Response::Impl {
   }
 
   void check_line(std::size_t bytes) {
-    if (bytes <= policy.max_line_bytes) return;
+    if (bytes > policy.max_line_bytes) fail_line();
+  }
+
+  [[noreturn]] void fail_line() {
     fail("a line of the reply is longer than " + mebibytes(policy.max_line_bytes));
   }
 
@@ -141,11 +144,13 @@ const Head& Response::head() const noexcept {
 
 std::optional<std::string_view> Response::next_line() {
   Impl& self = *_impl;
-  std::optional<std::string_view> line = self.lines.next();
-  while (!line && self.fill()) line = self.lines.next();
-  if (!line) line = self.lines.last();
-  if (line) self.check_line(line->size());
-  return line;
+  for (bool more = true; more; more = self.fill()) {
+    if (const auto line = self.lines.next()) {
+      self.check_line(line->size());
+      return line;
+    }
+  }
+  return self.lines.last();
 }
 
 const Secrets& Response::secrets() const noexcept {

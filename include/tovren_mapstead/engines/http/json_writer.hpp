@@ -68,7 +68,7 @@ class TOVREN_EXPORT JsonObject {
   JsonObject& append(std::string_view name, std::string_view json);
   JsonObject& begin(std::string_view name, char bracket);
   void begin_value(std::string_view name);
-  void append_string(std::string_view text);
+  void append_string(std::string_view text, std::string_view what);
   void refuse(std::string_view what);
 
   std::string _text;

@@ -96,12 +96,11 @@ struct Transfer::Callbacks {
     return CURL_PREREQFUNC_OK;
   }
 
-  // libcurl discards bytes that arrive after the end of a body, and reports them in its log only.
-  // Texts of libcurl 7.88 to 8.14.
+  // libcurl discards bytes that arrive after the last chunk, and reports them in its log only.
+  // After a body with a length it closes the connection. Text of libcurl 7.88 to 8.14.
   static int log(CURL*, curl_infotype type, const char* text, std::size_t size, Transfer* self) {
-    const std::string_view line(text, size);
     if (type == CURLINFO_TEXT &&
-        (line.starts_with("Leftovers after chunking") || line.starts_with("Excess found"))) {
+        std::string_view(text, size).starts_with("Leftovers after chunking")) {
       self->_excess = true;
     }
     return 0;
@@ -279,19 +278,22 @@ void Transfer::take_head_line(std::string_view line) {
   if (line.starts_with("HTTP/")) {
     _head = {};  // the lines before were those of an interim reply
     _idle_s = IDLE_S;
+    _chunked = false;
   } else if (line == "\r\n" || line == "\n") {
     long status = 0;
     require(curl_easy_getinfo(_connection->_easy.get(), CURLINFO_RESPONSE_CODE, &status));
     _head.status = static_cast<int>(status);
     if (status < 200 && status != 101) return;  // an interim reply
     _phase = Phase::body;
-    _connection->set(CURLOPT_VERBOSE, 1L);
+    if (_chunked) _connection->set(CURLOPT_VERBOSE, 1L);  // costs as much as all header lines
   } else if (auto type = value_of("content-type:")) {
     _head.content_type = std::move(*type);
   } else if (auto location = value_of("location:")) {
     _head.location = std::move(*location);
   } else if (const auto keep_alive = value_of("keep-alive:")) {
     _idle_s = idle_s_of(*keep_alive);
+  } else if (value_of("transfer-encoding:")) {
+    _chunked = true;
   }
 }
 

@@ -89,7 +89,8 @@ class Transfer {
   Phase _phase = Phase::connecting;
   std::optional<CURLcode> _result;  // absent until the transfer ends
   bool _open = false;               // after the end: whether the connection can be reused
-  bool _excess = false;             // bytes arrived that belong to no reply
+  bool _chunked = false;            // the body is sent in chunks
+  bool _excess = false;             // bytes arrived after the last chunk
   bool _paused = false;
   bool _has_to_wait = false;
   bool _waited = false;  // whether the socket became ready since the last perform

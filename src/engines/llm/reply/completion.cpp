@@ -35,17 +35,18 @@ LLMResult _parse_completion(const JsonValue& payload, const std::string& fallbac
   require(choices.kind() == Kind::array, "'choices' is not an array");
   const JsonValue first = choices.front();
   require(first.kind() == Kind::object, "the first of 'choices' is not an object");
-  const JsonValue message = first["message"];
+  const auto [message, finish_reason] = first.members<2>({"message", "finish_reason"});
   require(message.empty() || message.kind() == Kind::object, "'message' is not an object");
   const JsonValue content = message["content"];
   require(content.empty() || content.kind() == Kind::string, "'content' is not a string");
-  const JsonValue finish_reason = first["finish_reason"];
   const bool finished = finish_reason.kind() != Kind::absent && finish_reason.kind() != Kind::null;
+  const auto [prompt_tokens, completion_tokens] =
+      usage.members<2>({"prompt_tokens", "completion_tokens"});
   return LLMResult(
       {.content = _strip_reasoning(content.empty() ? std::string() : content.text()),
        .model = model.empty() ? fallback_model : model.text(),
-       .prompt_tokens = _as_int(usage["prompt_tokens"]),
-       .completion_tokens = _as_int(usage["completion_tokens"]),
+       .prompt_tokens = _as_int(prompt_tokens),
+       .completion_tokens = _as_int(completion_tokens),
        .finish_reason = finished ? std::optional(finish_reason.text()) : std::nullopt});
 }
 
