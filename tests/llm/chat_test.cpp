@@ -7,6 +7,8 @@
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
+#include "tovren_mapstead/engines/llm/fake.hpp"
+
 #include "support.hpp"
 
 namespace {
@@ -159,6 +161,56 @@ TEST(Chat, EndsInTheClientsOwnErrors) {
   Scene refusing({Reply{.status = 418, .pieces = {std::string(600, 'x')}}});
   EXPECT_TRUE(text_of<llm::LLMError>([&] { std::ignore = refusing.client.chat(HELLO); }).ends_with(" " + std::string(500, 'x')));
   EXPECT_THROW(std::ignore = Scene({STREAMED}, false).client.chat(HELLO), llm::LLMError);  // no stream was asked for
+}
+
+TEST(Failures, TellAProgramTheirStatusAndWhetherLaterMayBeBetter) {
+  struct Case {
+    const char* name;
+    http::PlaybackReply reply;
+    std::optional<int> status;
+    bool later;
+  };
+
+  const http::TransportError silent("no data", true);
+  const http::TransportError untrusted("cannot trust", false);
+  const Case cases[] = {{"a wrong key", llm::fake::status(401), 401, false},
+                        {"too long", llm::fake::status(400, "context length"), 400, false},
+                        {"a rate limit", llm::fake::status(429), 429, true},
+                        {"a broken server", llm::fake::status(503), 503, true},
+                        {"silence", {.failure = silent}, std::nullopt, true},
+                        {"a certificate", {.failure = untrusted}, std::nullopt, false},
+                        {"no choices", {.pieces = {"{}"}}, std::nullopt, false}};
+  const auto check = [](const Case& c, const llm::ChatOptions& options) {
+    const auto replies = std::make_shared<http::PlaybackTransport>(std::vector{c.reply});
+    try {
+      std::ignore = llm::fake::client(replies).chat(HELLO, options);
+      ADD_FAILURE() << c.name;
+    } catch (const llm::LLMError& error) {
+      EXPECT_EQ(http::status_of(error), c.status) << c.name;
+      EXPECT_EQ(http::may_succeed_later(error), c.later) << c.name;
+    }
+  };
+  for (const Case& c : cases) check(c, {});
+  check({"late", llm::fake::status(503), std::nullopt, true}, {.deadline = 0s});
+  check({"stopped", llm::fake::status(503), std::nullopt, false}, {.should_stop = [] { return true; }});
+  const auto quota = llm::fake::status(429, "insufficient_quota");
+  const auto text = text_of<llm::LLMError>([&] {
+    std::ignore = llm::fake::client(std::make_shared<http::PlaybackTransport>(std::vector{quota}))
+                      .chat(HELLO);
+  });
+  EXPECT_TRUE(contains(text, "the account's quota is used up")) << text;
+}
+
+TEST(Chat, TakesPeriodsAndStopTokens) {
+  std::stop_source source;
+  source.request_stop();
+  const auto client = llm::fake::client(
+      std::make_shared<http::PlaybackTransport>(std::vector{llm::fake::answer("hi")}));
+  EXPECT_THROW(std::ignore = client.chat(HELLO, {.should_stop = source.get_token()}),
+               llm::LLMStopped);
+  EXPECT_EQ(client.chat(HELLO, {.should_stop = std::stop_token(), .deadline = 30s}).content(), "hi");
+  EXPECT_EQ(client.chat(HELLO, {.deadline = std::chrono::hours::max()}).content(), "hi");
+  EXPECT_THROW(std::ignore = client.chat(HELLO, {.deadline = -1s}), llm::LLMTimeout);
 }
 
 TEST(Chat, ServesManyThreadsOverAConnectionEach) {

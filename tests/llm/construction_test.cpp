@@ -1,5 +1,6 @@
 // Records, and how a client is built from them.
 #include <climits>
+#include <cmath>
 #include <concepts>
 #include <cstdlib>
 #include <map>
@@ -118,6 +119,24 @@ TEST(Client, IsConfiguredWhenItHasUrlModelAndKey) {
   setenv("COPILOT_GITHUB_TOKEN", "gho_1", 1);
   EXPECT_TRUE(configured({.provider = "copilot", .model = "m"}));
   EXPECT_FALSE(configured({.provider = "copilot"}));
+}
+
+TEST(Client, NamesWhatIsMissingAndRefusesBadTimeLimits) {
+  const auto missing = [](const LLMConfig::Fields& config) {
+    return LLMClient(config).missing_settings();
+  };
+  EXPECT_EQ(missing({.base_url = "http://h", .model = "m", .api_key = "k"}), "");
+  EXPECT_EQ(missing({}),
+            "generation.base_url is empty; generation.model is empty; there is no API key: set the "
+            "environment variable TOVREN_LLM_API_KEY, or LLMConfig's api_key");
+  setenv("COPILOT_GITHUB_TOKEN", "gho_1", 1);
+  EXPECT_EQ(missing({.provider = "copilot"}), "generation.model is empty");
+  for (const double timeout_s : {-5.0, std::nan(""), HUGE_VAL}) {
+    const LLMClient client(
+        {.base_url = "http://h", .model = "m", .api_key = "k", .timeout_s = timeout_s});
+    const auto text = text_of<llm::LLMError>([&] { std::ignore = client.chat({}); });
+    EXPECT_TRUE(contains(text, "timeout_s")) << text;
+  }
 }
 
 TEST(Client, MakesOneAttemptMoreThanRetries) {
