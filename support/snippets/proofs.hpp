@@ -84,6 +84,7 @@ inline std::vector<Failure> failures() {
       after(reply(200, "", "text/event-stream")),
       after(reply(200, "data: {\"error\":{\"message\":\"told\"}}\n", "text/event-stream")),
       after(reply(503, "busy"), 10, 2),
+      after(reply(429, "insufficient_quota")),
       after([](auto& exchange) {
         exchange.reply(302, "", "text/plain", "Location: https://other.example/v1\r\n");
       }),
