@@ -1,4 +1,4 @@
-// What a shared build of the library shows to those who link with it; all else in it is hidden.
+// Marks the symbols that a shared build of the library exports. All others are hidden.
 #pragma once
 
 #ifdef TOVREN_MAPSTEAD_STATIC  // defined for users of a static build

@@ -98,7 +98,7 @@ JsonObject::JsonObject() {
   _open.emplace_back();
 }
 
-void JsonObject::refuse(std::string_view what) {
+void JsonObject::note_fault(std::string_view what) {
   if (!_fault.empty()) return;
   _fault = std::string(what).append(" at ");
   for (const Open& open : _open) {
@@ -114,7 +114,7 @@ void JsonObject::append_string(std::string_view text, std::string_view what) {
     (_text += '"').append(text) += '"';
     return;
   }
-  if (!is_utf8(text)) return refuse(std::string(what) + " that is not valid UTF-8");
+  if (!is_utf8(text)) return note_fault(std::string(what) + " that is not valid UTF-8");
   // Room for a text with few escapes, such as a prompt. Growing later would copy the text.
   _text.reserve(_text.size() + text.size() + text.size() / 8 + 2);
   _text += '"';
@@ -150,7 +150,7 @@ JsonObject& JsonObject::add(std::string_view name, std::string_view text) {
 
 JsonObject& JsonObject::add(std::string_view name, double number) {
   begin_value(name);
-  if (!std::isfinite(number)) refuse("a number that is not finite");
+  if (!std::isfinite(number)) note_fault("a number that is not finite");
   _text += json_number(number);
   return *this;
 }

@@ -44,9 +44,9 @@ std::string quote(std::string_view text, const Secrets& secrets, std::size_t max
   // A character has at most four bytes. Twice as many allow for those that are removed.
   const std::size_t bytes = 8 * std::min(max_chars, text.size());
   const std::string clean =
-      redact(text.substr(0, std::max(QUOTED_BYTES, bytes)), secrets, Tail::cut);
+      redact(text.substr(0, std::max(QUOTED_BYTES, bytes)), secrets, Following::unknown);
   // Joining lines can join the pieces of a secret.
-  return cut(redact(one_line(clean), secrets, Tail::cut), max_chars);
+  return cut(redact(one_line(clean), secrets, Following::unknown), max_chars);
 }
 
 }  // namespace tovren_mapstead::engines::http

@@ -66,7 +66,7 @@ Secrets with_base64(const Secrets& secrets) {
 
 // Returns where `secret` occurs in `text`, in order, and joins adjacent occurrences. If `text` was
 // cut, includes a start of `secret` at its end.
-std::vector<Span> find_all(std::string_view text, std::string_view secret, Tail tail) {
+std::vector<Span> find_all(std::string_view text, std::string_view secret, Following following) {
   std::vector<Span> found;
   std::string_view rest = text;
   while (const void* const next = memmem(rest.data(), rest.size(), secret.data(), secret.size())) {
@@ -75,7 +75,7 @@ std::vector<Span> find_all(std::string_view text, std::string_view secret, Tail 
     found.back().end = begin + secret.size();
     rest = text.substr(begin + 1);  // occurrences may overlap
   }
-  if (tail != Tail::cut) return found;
+  if (following != Following::unknown) return found;
   for (std::size_t size = secret.size() - 1; size > SHOWN_START; --size) {
     if (!text.ends_with(secret.substr(0, size))) continue;
     found.push_back({.begin = text.size() - size, .end = text.size()});
@@ -103,7 +103,7 @@ Needles::Needles(const Secrets& secrets) {
     std::string bare = secret;
     std::size_t level = 0;
     for (; level < ESCAPE_LEVELS; ++level) {
-      if (!less.assign(bare, Tail::whole)) break;
+      if (!less.assign(bare, Following::nothing)) break;
       bare = less.text();
     }
     if (bare.size() < LEAST) level = 0;
@@ -137,22 +137,23 @@ struct Found {
 };
 
 // Unescapes `part` level by level into `levels`, and searches each level.
-Found search(std::string_view part, const Needles& needles, Tail tail,
+Found search(std::string_view part, const Needles& needles, Following following,
              std::vector<Unescaped>& levels) {
   const auto text = [&](std::size_t level) {
     return level == 0 ? part : std::string_view(levels[level - 1].text());
   };
   std::size_t level = 0;
-  while (level < levels.size() && levels[level].assign(text(level), tail)) ++level;
+  while (level < levels.size() && levels[level].assign(text(level), following)) ++level;
   // An occurrence that begins this far from the end of the last level ends inside it, and so in the
   // levels before, which are longer.
   const std::size_t least = text(level).size();
   std::vector<Span> settled{{.begin = least - std::min(least, needles.longest), .end = least}};
   std::vector<Span> spans;
   for (;; --level) {
-    for (const auto& secret : needles.plain) add(spans, find_all(text(level), secret, tail));
+    for (const auto& secret : needles.plain) add(spans, find_all(text(level), secret, following));
     if (level == 0) break;
-    for (const auto& secret : needles.unescaped) add(spans, find_all(text(level), secret, tail));
+    for (const auto& secret : needles.unescaped)
+      add(spans, find_all(text(level), secret, following));
     levels[level - 1].map_to_source(spans);
     levels[level - 1].map_to_source(settled);
   }
@@ -163,8 +164,8 @@ Found search(std::string_view part, const Needles& needles, Tail tail,
 // search are several times as large as its text, so the search proceeds in windows. A window begins
 // between escapes, in every level, so the result is that of one pass. It also begins early enough
 // to contain occurrences that the end of the previous window may have cut.
-std::optional<std::string> masked(std::string_view text, const Needles& needles, Tail tail,
-                                  std::string_view mask) {
+std::optional<std::string> masked(std::string_view text, const Needles& needles,
+                                  Following following, std::string_view mask) {
   std::optional<std::string> out;
   std::size_t copied = 0;
   std::vector<Span> spans;
@@ -172,7 +173,8 @@ std::optional<std::string> masked(std::string_view text, const Needles& needles,
   std::size_t window = WINDOW;
   for (std::size_t begin = 0; begin < text.size();) {
     const bool last = text.size() - begin <= window;
-    Found found = search(text.substr(begin, window), needles, last ? tail : Tail::more, levels);
+    Found found =
+        search(text.substr(begin, window), needles, last ? following : Following::more, levels);
     if (!last && found.settled < window / 2) {
       window *= 2;
       continue;
@@ -196,17 +198,17 @@ std::optional<std::string> masked(std::string_view text, const Needles& needles,
 
 }  // namespace
 
-std::string redact(std::string_view text, const Secrets& plain, Tail tail) {
+std::string redact(std::string_view text, const Secrets& plain, Following following) {
   const Needles needles(plain);
   for (const std::string_view mask : MASKS) {
-    std::optional<std::string> out = masked(text, needles, tail, mask);
+    std::optional<std::string> out = masked(text, needles, following, mask);
     if (!out) return std::string(text);
-    if (!masked(*out, needles, tail, "")) return *std::move(out);
+    if (!masked(*out, needles, following, "")) return *std::move(out);
   }
   // Removing a secret may join the pieces of another, so repeat until none is left.
   std::string out(text);
   for (int round = 0; round < MAX_ROUNDS; ++round) {
-    std::optional<std::string> less = masked(out, needles, tail, "");
+    std::optional<std::string> less = masked(out, needles, following, "");
     if (!less) return out;
     out = *std::move(less);
   }

@@ -16,6 +16,6 @@ inline constexpr std::size_t SHOWN_START = 4;
 
 /// Works like the public `redact`. If `text` was cut, also removes a start of a secret at its end
 /// that is longer than SHOWN_START.
-[[nodiscard]] std::string redact(std::string_view text, const Secrets& plain, Tail tail);
+[[nodiscard]] std::string redact(std::string_view text, const Secrets& plain, Following following);
 
 }  // namespace tovren_mapstead::engines::http

@@ -31,7 +31,7 @@ void add_cookies(Secrets& secrets, std::string_view cookies) {
 }  // namespace
 
 std::string redact(std::string_view text, const Secrets& secrets) {
-  return redact(text, secrets, Tail::whole);
+  return redact(text, secrets, Following::nothing);
 }
 
 Secrets secrets_of(const Headers& headers) {

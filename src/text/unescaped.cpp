@@ -38,7 +38,7 @@ bool is_half(std::string_view text) noexcept {
 
 }  // namespace
 
-bool Unescaped::assign(std::string_view source, Tail tail) {
+bool Unescaped::assign(std::string_view source, Following following) {
   _text.clear();
   _jumps.clear();
   _source_end = source.size();
@@ -49,7 +49,7 @@ bool Unescaped::assign(std::string_view source, Tail tail) {
     if (sign == source.end()) break;
     at = static_cast<std::size_t>(sign - source.begin());
     const std::string_view rest(sign, source.end());
-    const bool half = tail != Tail::whole && is_half(rest);
+    const bool half = following != Following::nothing && is_half(rest);
     const auto [code_point, width] = half           ? Character{.width = rest.size()}
                                      : *sign == '%' ? read_percent(rest)
                                                     : read_escape(rest);
@@ -57,7 +57,7 @@ bool Unescaped::assign(std::string_view source, Tail tail) {
     _text.append(source.substr(copied, at - copied));
     const std::size_t to = _text.size();
     if (half) {
-      if (tail == Tail::more) _source_end = at;
+      if (following == Following::more) _source_end = at;
     } else if (*sign == '%' || code_point < 0x80) {
       _text += static_cast<char>(code_point);
     } else {

@@ -14,14 +14,14 @@ struct Span {
   std::size_t end;
 };
 
-/// What follows a text: nothing; an unknown rest that was cut off; or more text that is read next.
-enum class Tail { whole, cut, more };
+/// What follows a text: nothing, an unknown rest that was cut off, or text that is read next.
+enum class Following { nothing, unknown, more };
 
 /// A text with one level of escapes removed, of both kinds at once.
 class Unescaped {
  public:
   /// Unescapes `source`, and reuses the memory. Returns whether there were escapes.
-  bool assign(std::string_view source, Tail tail);
+  bool assign(std::string_view source, Following following);
 
   [[nodiscard]] const std::string& text() const noexcept { return _text; }
 

@@ -29,7 +29,7 @@ struct Abandoned {};
 using Result = std::variant<Abandoned, TokenPtr, CopilotError, http::Retryable>;
 
 // An exchange on the thread of one call, whose result other calls wait for.
-struct Exchange {
+struct TokenExchange {
   const Credentials credentials;
   std::optional<Result> result{};  // absent while pending
 };
@@ -48,15 +48,15 @@ struct State {
   const unsigned generation = http::fork_generation();
   std::mutex mutex;
   std::condition_variable changed;
-  TokenPtr token;                      // the newest; null if there is none or it was refused
-  std::shared_ptr<Exchange> exchange;  // the pending one, or null
+  TokenPtr token;                           // the newest; null if there is none or it was refused
+  std::shared_ptr<TokenExchange> exchange;  // the pending one, or null
   http::Secrets secrets;
 };
 
 // Publishes the result of an exchange at the end of its scope.
 struct Publication {
   State& state;
-  Exchange& exchange;
+  TokenExchange& exchange;
   Result result{};
 
   ~Publication() {
@@ -169,7 +169,7 @@ class CopilotAuth::Tokens {
                                                         const Credentials& credentials,
                                                         const CallBounds& bounds,
                                                         std::unique_lock<std::mutex>& lock) const {
-    const std::shared_ptr<const Exchange> exchange = shared.exchange;
+    const std::shared_ptr<const TokenExchange> exchange = shared.exchange;
     wait_for(*exchange, shared, bounds, lock);
     if (exchange->credentials != credentials) return std::nullopt;
     const Result& result = *exchange->result;
@@ -188,7 +188,8 @@ class CopilotAuth::Tokens {
   std::string fetch(State& shared, const Credentials& credentials, const CallBounds& bounds,
                     std::unique_lock<std::mutex>& lock) const {
     const http::Secrets secrets = shared.secrets;
-    const auto exchange = std::make_shared<Exchange>(Exchange{.credentials = credentials});
+    const auto exchange =
+        std::make_shared<TokenExchange>(TokenExchange{.credentials = credentials});
     shared.exchange = exchange;  // nothing throws before `publication` exists
     lock.unlock();
     Publication publication{.state = shared, .exchange = *exchange};
@@ -210,7 +211,7 @@ class CopilotAuth::Tokens {
     }
   }
 
-  static void wait_for(const Exchange& exchange, State& shared, const CallBounds& bounds,
+  static void wait_for(const TokenExchange& exchange, State& shared, const CallBounds& bounds,
                        std::unique_lock<std::mutex>& lock) {
     const http::Watch watch(0, bounds.should_stop, bounds.deadline);
     while (!exchange.result) {

@@ -124,8 +124,9 @@ Token token_in(const http::JsonValue& reply, double unix_now_s) {
   return token;
 }
 
-std::variant<Token, Refusal> exchange(const std::string& credential, const AuthOptions& options,
-                                      const CallBounds& bounds, const http::Secrets& secrets) {
+std::variant<Token, Refusal> try_credential(const std::string& credential,
+                                            const AuthOptions& options, const CallBounds& bounds,
+                                            const http::Secrets& secrets) {
   // The engine would not send it, and the credentials after it would not be tried.
   if (!printable(credential)) {
     return Refusal{"The stored GitHub credential holds a blank or a control character; renew it."};
@@ -192,7 +193,7 @@ Token fetch_token(const Credentials& credentials, const AuthOptions& options,
   redacted.insert(redacted.end(), credentials.begin(), credentials.end());
   std::string reason;
   for (auto candidate = credentials.begin(); candidate != credentials.end(); ++candidate) {
-    auto reply = exchange(*candidate, options, bounds, redacted);
+    auto reply = try_credential(*candidate, options, bounds, redacted);
     if (auto* const token = std::get_if<Token>(&reply)) {
       token->credential = *candidate;
       token->refused.assign(credentials.begin(), candidate);

@@ -43,8 +43,8 @@ std::string seconds(double period_s) {
   return digits + " s";
 }
 
-std::string text(std::string_view what, std::string_view doing, std::string_view whom) {
-  return std::string(what).append(" while ").append(doing).append(" ").append(whom);
+std::string text(std::string_view what, std::string_view doing, std::string_view peer) {
+  return std::string(what).append(" while ").append(doing).append(" ").append(peer);
 }
 
 }  // namespace
@@ -83,18 +83,18 @@ bool Watch::timeout_counts() const noexcept {
   return _times_out_at && !(_deadline && *_times_out_at + SAME_MOMENT >= *_deadline);
 }
 
-void Watch::check_call(std::string_view doing, std::string_view whom) const {
+void Watch::check_call(std::string_view doing, std::string_view peer) const {
   check_process();
-  if (_should_stop && _should_stop()) throw Stopped(text("stopped by the caller", doing, whom));
+  if (_should_stop && _should_stop()) throw Stopped(text("stopped by the caller", doing, peer));
   if (_deadline && Clock::now() >= *_deadline) {
-    throw DeadlineExceeded(text("the deadline passed", doing, whom) + "; allow more time");
+    throw DeadlineExceeded(text("the deadline passed", doing, peer) + "; allow more time");
   }
 }
 
-void Watch::check(std::string_view doing, std::string_view whom) const {
-  check_call(doing, whom);
+void Watch::check(std::string_view doing, std::string_view peer) const {
+  check_call(doing, peer);
   if (timeout_counts() && Clock::now() >= *_times_out_at) {
-    throw TimedOut(text("timed out: no data for " + seconds(_timeout_s), doing, whom));
+    throw TimedOut(text("timed out: no data for " + seconds(_timeout_s), doing, peer));
   }
 }
 

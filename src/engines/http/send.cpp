@@ -77,7 +77,7 @@ std::string quote_rest(Response& reply) {
 }  // namespace
 
 // Every request goes out here, and every status is judged here.
-Response detail::exchange(Method method, const std::string& url, SendOptions options) {
+Response detail::send_request(Method method, const std::string& url, SendOptions options) {
   const auto& [policy, timeout_s, body, headers, secrets, transport, advice_on_401] = options;
   Request request{.method = method, .url = url, .headers = std::move(options.headers)};
   if (method == Method::post) {

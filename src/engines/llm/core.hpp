@@ -16,7 +16,7 @@
 
 namespace tovren_mapstead::engines::llm {
 
-/// Where and as whom an HTTP request is sent.
+/// The URL and the credentials of an HTTP request.
 struct HttpTarget {
   std::string url;
   http::Headers headers;

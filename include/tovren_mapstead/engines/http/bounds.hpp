@@ -68,12 +68,12 @@ class TOVREN_EXPORT Watch {
   void shorten(double timeout_s) noexcept;
 
   /// Throws Stopped, DeadlineExceeded or, once the idle timeout has passed, TimedOut. `doing` and
-  /// `whom` say in their texts what is under way: "waiting for" and the host. Exceptions of the
+  /// `peer` say in their texts what is under way: "waiting for" and the host. Exceptions of the
   /// stop test pass through.
-  void check(std::string_view doing, std::string_view whom) const;
+  void check(std::string_view doing, std::string_view peer) const;
 
   /// Does the same without the idle timeout: throws Stopped and DeadlineExceeded only.
-  void check_call(std::string_view doing, std::string_view whom) const;
+  void check_call(std::string_view doing, std::string_view peer) const;
 
   /// Returns the idle timeout in seconds, as given or shortened.
   [[nodiscard]] double timeout_s() const noexcept { return _timeout_s; }

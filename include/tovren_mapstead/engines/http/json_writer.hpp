@@ -69,7 +69,7 @@ class TOVREN_EXPORT JsonObject {
   JsonObject& begin(std::string_view name, char bracket);
   void begin_value(std::string_view name);
   void append_string(std::string_view text, std::string_view what);
-  void refuse(std::string_view what);
+  void note_fault(std::string_view what);
 
   std::string _text;
   std::vector<Open> _open;  // the object itself first

@@ -34,7 +34,7 @@ struct SendOptions {
 namespace detail {
 
 /// Sends a request and returns its reply if the status is a success; throws like `send`.
-TOVREN_EXPORT Response exchange(Method method, const std::string& url, SendOptions options);
+TOVREN_EXPORT Response send_request(Method method, const std::string& url, SendOptions options);
 
 }  // namespace detail
 
@@ -47,7 +47,7 @@ TOVREN_EXPORT Response exchange(Method method, const std::string& url, SendOptio
 template <class Read>
 std::invoke_result_t<Read&, Response&> send(const std::string& url, SendOptions options,
                                             Read&& read) {
-  Response reply = detail::exchange(Method::post, url, std::move(options));
+  Response reply = detail::send_request(Method::post, url, std::move(options));
   return std::invoke(read, reply);
 }
 
@@ -55,7 +55,7 @@ std::invoke_result_t<Read&, Response&> send(const std::string& url, SendOptions 
 template <class Read>
 std::invoke_result_t<Read&, Response&> get(const std::string& url, SendOptions options,
                                            Read&& read) {
-  Response reply = detail::exchange(Method::get, url, std::move(options));
+  Response reply = detail::send_request(Method::get, url, std::move(options));
   return std::invoke(read, reply);
 }
 

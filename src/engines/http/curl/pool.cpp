@@ -19,7 +19,7 @@ constexpr std::chrono::milliseconds PATIENCE{4};
 constexpr std::chrono::milliseconds CROWDED_PATIENCE{50};
 
 // A reply that has not ended by then will not end soon.
-constexpr std::chrono::seconds MAX_PARKED{1};
+constexpr std::chrono::seconds MAX_DRAINING{1};
 
 // libcurl closes an HTTP/1.1 connection if its body was not read to the end, and the end marker of
 // a stream usually arrives before the terminating chunk.
@@ -50,15 +50,15 @@ std::unique_ptr<Connection> Pool::take(const std::string& origin, const Watch& w
   while (auto connection = take_idle(origin)) {
     if (Clock::now() < connection->idle_until && connection->is_idle()) return connection;
   }
-  Taken taken = take_parked(origin);
-  if (taken.parked.empty()) return nullptr;
-  auto& [transfer, since] = taken.parked.front();
-  const auto end = Clock::now() + (taken.crowded ? CROWDED_PATIENCE : PATIENCE);
-  drain(*transfer, std::min(end, since + MAX_PARKED), watch);
+  Candidate candidate = take_draining(origin);
+  if (candidate.draining.empty()) return nullptr;
+  auto& [transfer, since] = candidate.draining.front();
+  const auto end = Clock::now() + (candidate.crowded ? CROWDED_PATIENCE : PATIENCE);
+  drain(*transfer, std::min(end, since + MAX_DRAINING), watch);
   if (auto connection = transfer->release(); connection && connection->is_idle()) return connection;
-  if (!transfer->ended() && !taken.crowded) {
+  if (!transfer->ended() && !candidate.crowded) {
     const std::lock_guard lock(_mutex);
-    _parked.splice(_parked.begin(), taken.parked);
+    _draining.splice(_draining.begin(), candidate.draining);
   }
   return nullptr;
 }
@@ -79,17 +79,17 @@ std::unique_ptr<Connection> Pool::take_idle(const std::string& origin) {
   return connection;
 }
 
-Pool::Taken Pool::take_parked(const std::string& origin) {
-  const auto matches = [&](const Parked& parked) {
-    return parked.transfer->route().origin == origin;
+Pool::Candidate Pool::take_draining(const std::string& origin) {
+  const auto matches = [&](const Draining& entry) {
+    return entry.transfer->route().origin == origin;
   };
-  Taken taken;
+  Candidate candidate;
   const std::lock_guard lock(_mutex);
-  const auto first = std::ranges::find_if(_parked, matches);
-  if (first == _parked.end()) return taken;
-  taken.crowded = std::ranges::any_of(std::next(first), _parked.end(), matches);
-  taken.parked.splice(taken.parked.end(), _parked, first);
-  return taken;
+  const auto first = std::ranges::find_if(_draining, matches);
+  if (first == _draining.end()) return candidate;
+  candidate.crowded = std::ranges::any_of(std::next(first), _draining.end(), matches);
+  candidate.draining.splice(candidate.draining.end(), _draining, first);
+  return candidate;
 }
 
 void Pool::put(std::unique_ptr<Connection> connection) noexcept {
@@ -98,7 +98,7 @@ void Pool::put(std::unique_ptr<Connection> connection) noexcept {
   add(std::move(connection), nullptr);
 }
 
-void Pool::park(std::unique_ptr<Transfer> transfer) noexcept {
+void Pool::drain_later(std::unique_ptr<Transfer> transfer) noexcept {
   add(nullptr, std::move(transfer));
 }
 
@@ -109,29 +109,30 @@ void Pool::add(std::unique_ptr<Connection> connection,
     const auto now = Clock::now();
     std::list<std::unique_ptr<Connection>> idle;
     std::list<std::unique_ptr<Connection>> old_idle;
-    std::list<Parked> parked;
-    std::list<Parked> old_parked;
+    std::list<Draining> draining;
+    std::list<Draining> old_draining;
     if (connection) idle.push_back(std::move(connection));
-    if (transfer) parked.push_back({.transfer = std::move(transfer), .since = now});
+    if (transfer) draining.push_back({.transfer = std::move(transfer), .since = now});
     const std::lock_guard lock(_mutex);
     old_idle = take_if(_idle, [&](const auto& entry) { return now >= entry->idle_until; });
-    old_parked =
-        take_if(_parked, [&](const auto& entry) { return now - entry.since > MAX_PARKED; });
+    old_draining =
+        take_if(_draining, [&](const auto& entry) { return now - entry.since > MAX_DRAINING; });
     _idle.splice(_idle.end(), idle);
-    _parked.splice(_parked.end(), parked);
+    _draining.splice(_draining.end(), draining);
     if (_idle.size() > MAX_IDLE) old_idle.splice(old_idle.end(), _idle, _idle.begin());
-    if (_parked.size() > MAX_IDLE) old_parked.splice(old_parked.end(), _parked, _parked.begin());
+    if (_draining.size() > MAX_IDLE)
+      old_draining.splice(old_draining.end(), _draining, _draining.begin());
   } catch (const std::exception&) {  // out of memory: the connection is closed instead
   }
 }
 
 void Pool::drop(const std::string& origin) noexcept {
   std::list<std::unique_ptr<Connection>> dead;
-  std::list<Parked> parked;
+  std::list<Draining> draining;
   const std::lock_guard lock(_mutex);
   dead = take_if(_idle, [&](const auto& idle) { return idle->route().origin == origin; });
-  parked =
-      take_if(_parked, [&](const auto& entry) { return entry.transfer->route().origin == origin; });
+  draining = take_if(_draining,
+                     [&](const auto& entry) { return entry.transfer->route().origin == origin; });
 }
 
 }  // namespace tovren_mapstead::engines::http

@@ -24,29 +24,29 @@ class Pool {
   void put(std::unique_ptr<Connection> connection) noexcept;
 
   /// Keeps a transfer whose reply is no longer read, for its connection.
-  void park(std::unique_ptr<Transfer> transfer) noexcept;
+  void drain_later(std::unique_ptr<Transfer> transfer) noexcept;
 
   /// Closes all connections to `origin`. Call it after one of them was dead.
   void drop(const std::string& origin) noexcept;
 
  private:
-  struct Parked {
+  struct Draining {
     std::unique_ptr<Transfer> transfer;
     Clock::time_point since;
   };
 
-  struct Taken {
-    std::list<Parked> parked;  // at most one
-    bool crowded = false;      // whether more transfers to the origin are parked
+  struct Candidate {
+    std::list<Draining> draining;  // at most one
+    bool crowded = false;          // whether more transfers to the origin are draining
   };
 
   std::unique_ptr<Connection> take_idle(const std::string& origin);
-  Taken take_parked(const std::string& origin);
+  Candidate take_draining(const std::string& origin);
   void add(std::unique_ptr<Connection> connection, std::unique_ptr<Transfer> transfer) noexcept;
 
   std::mutex _mutex;
   std::list<std::unique_ptr<Connection>> _idle;  // last used at the end
-  std::list<Parked> _parked;                     // last parked at the end
+  std::list<Draining> _draining;                 // the newest at the end
 };
 
 }  // namespace tovren_mapstead::engines::http

@@ -71,7 +71,7 @@ struct Transfer::Callbacks {
 
   static std::size_t head(const char* bytes, std::size_t, std::size_t count, Transfer* self) {
     try {
-      self->_taken += count;
+      self->_received += count;
       self->_head_bytes += count;
       if (!self->head_complete()) self->take_head_line({bytes, count});  // trailers are ignored
       return self->_head_bytes > MAX_HEAD_BYTES ? 0 : count;
@@ -172,10 +172,10 @@ bool Transfer::perform() {
     const ForkGuard guard;
     const Connection& curl = *_connection;
     int running = 0;
-    _taken = 0;
+    _received = 0;
     require(curl_multi_perform(curl._multi.get(), &running));
     waited = std::exchange(_waited, false);
-    _has_to_wait = _taken < HALF_READ_BYTES;
+    _has_to_wait = _received < HALF_READ_BYTES;
     int queued = 0;
     while (const CURLMsg* const message = curl_multi_info_read(curl._multi.get(), &queued)) {
       if (message->msg != CURLMSG_DONE) continue;
@@ -183,7 +183,7 @@ bool Transfer::perform() {
       return true;
     }
   }
-  if (_taken > 0) return true;
+  if (_received > 0) return true;
   if (!waited) return false;
   // Counts uploads, handshakes and parts of TLS records.
   const std::uint64_t moved = bytes_moved(_connection->_descriptor);
@@ -258,7 +258,7 @@ std::size_t Transfer::take_body(std::string_view bytes) {
     _drained += bytes.size();
     return _drained > MAX_DRAIN_BYTES ? 0 : bytes.size();
   }
-  _taken += bytes.size();
+  _received += bytes.size();
   (_sink != nullptr ? *_sink : _buffered).append(bytes);
   _room -= std::min(_room, bytes.size());
   if (_room == 0 && !std::exchange(_paused, true)) {

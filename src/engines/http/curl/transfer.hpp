@@ -96,8 +96,8 @@ class Transfer {
   bool _waited = false;  // whether the socket became ready since the last perform
   Head _head;
   std::size_t _head_bytes = 0;
-  double _idle_s;          // how long the server is expected to keep the connection
-  std::size_t _taken = 0;  // bytes of the reply in the last perform
+  double _idle_s;             // how long the server is expected to keep the connection
+  std::size_t _received = 0;  // bytes of the reply in the last perform
   std::size_t _drained = 0;
   std::size_t _room;             // bytes of the body until the transfer pauses
   std::uint64_t _moved = 0;      // over the socket, at the last count

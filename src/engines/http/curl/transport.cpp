@@ -93,7 +93,7 @@ class PooledExchange final : public Exchange {
         _shared->pool.put(_transfer->release());
         _transfer.reset();
       } else {
-        _shared->pool.park(std::move(_transfer));
+        _shared->pool.drain_later(std::move(_transfer));
       }
     } catch (const std::exception&) {  // the connection is closed instead
     }
