@@ -3,117 +3,101 @@
 cmake_minimum_required(VERSION 3.25)
 set(ENV ${CMAKE_COMMAND} -E env)
 
-# expect(STATUS STDOUT STDERR COMMAND...): checks a command's exit status, and its output by regular expressions.
+# expect(STATUS STDOUT STDERR COMMAND...): checks a command's exit status, and its output by regular
+# expressions.
 function(expect status stdout stderr)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE ended OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  execute_process(COMMAND ${ARGN} INPUT_FILE /dev/null
+                  RESULT_VARIABLE ended OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT ended STREQUAL status OR NOT out MATCHES "${stdout}" OR NOT err MATCHES "${stderr}")
-    message(SEND_ERROR "${ARGN}\nexit status: ${ended}, not ${status}\nstdout:\n${out}\nnot ${stdout}"
-                       "\nstderr:\n${err}\nnot ${stderr}")
+    message(SEND_ERROR "${ARGN}\n${ended}, not ${status}\n${out}\nnot ${stdout}"
+                       "\n${err}\nnot ${stderr}")
   endif()
 endfunction()
 
-# expect_pages(FOLDER PAGE...): checks the pages below FOLDER, and the links in its index.
-function(expect_pages folder)
-  file(GLOB_RECURSE pages RELATIVE ${folder} ${folder}/wiki.md)
-  file(STRINGS ${folder}/index.md links)
-  list(TRANSFORM links REPLACE "^- \\[(.*)\\]\\(<\\./(.*)>\\)$" "\\2")
-  list(SORT links)
-  if(NOT pages STREQUAL "${ARGN}" OR NOT links STREQUAL "${ARGN}")
-    message(SEND_ERROR "${folder} has the pages ${pages}\nand the links ${links}\nnot ${ARGN}")
-  endif()
+# expect_no_description(ANSWER WHY): checks how `json_mode` refuses an answer.
+function(expect_no_description answer why)
+  expect(1 "^$" "^json_mode: the answer [^\n]*${why}[^\n]*\n$"
+         ${ENV} "ENDPOINT_ANSWER=${answer}" ${WITH} ${PROGRAM} {url} m "a tale")
 endfunction()
 
-if(NAME STREQUAL with_endpoint)
-  expect(7 "^http://127.0.0.1:[0-9]+/v1\n$" "^$" ${WITH} sh -c "echo $1 && exit 7" sh {url})
-  expect(143 "^$" "^$" ${WITH} sh -c "kill -TERM $$")
-  expect(127 "^$" "^no/such/command: " ${WITH} no/such/command)
+# expect_on_terminal(ANSWER SHOWN): checks what `ask` shows of an answer.
+function(expect_on_terminal answer shown)
+  expect(0 "${shown}\nmodel=" "^$" ${ENV} "ENDPOINT_ANSWER=${answer}"
+         script -qec "${WITH} ${PROGRAM} --base-url {url} --model m --prompt Why?" /dev/null)
+endfunction()
 
-elseif(NAME STREQUAL quickstart)
+if(NAME STREQUAL quickstart)
   expect(0 "^m was asked: Why\\?\n$" "^$" ${WITH} ${PROGRAM} {url} m Why?)
   expect(1 "^$" "^quickstart: LLM request failed with HTTP 401[^\n]*\n$"
          ${WITH} ${ENV} TOVREN_LLM_API_KEY=another ${PROGRAM} {url} m)
-  expect(1 "^$" "^quickstart: [^\n]*not configured[^\n]*\n$" ${ENV} TOVREN_LLM_API_KEY= ${PROGRAM} http://h m)
-  expect(1 "^$" "^quickstart: [^\n]*http[^\n]*\n$" ${PROGRAM} ftp://h m)
-  expect(1 "^$" "^quickstart: cannot write[^\n]*\n$" ${WITH} sh -c "\"$0\" $1 m >/dev/full" ${PROGRAM} {url})
-  expect(2 "^$" "^usage: " ${PROGRAM} http://h)
+  expect(1 "^$" "^quickstart: cannot write[^\n]*\n$"
+         ${WITH} sh -c "\"$0\" $1 m >/dev/full" ${PROGRAM} {url})
 
 elseif(NAME STREQUAL json_mode)
   expect(0 "^m was asked: a tale\n- demo\n- loopback\n$" "^$" ${WITH} ${PROGRAM} {url} m "a tale")
   string(REPEAT "x" 6001 long)
-  foreach(case "not an object:is not JSON" "[]:another shape" "{\"summary\": 7}:another shape"
-               "{\"summary\": \"s\", \"tags\": [1]}:another shape" "${long}:broke off at 1500 tokens")
-    string(REGEX MATCH "^(.*):([^:]*)$" all "${case}")
-    expect(1 "^$" "^json_mode: the answer [^\n]*${CMAKE_MATCH_2}[^\n]*\n$"
-           ${ENV} "ENDPOINT_ANSWER=${CMAKE_MATCH_1}" ${WITH} ${PROGRAM} {url} m "a tale")
-  endforeach()
+  expect_no_description("text" "is not JSON")
+  expect_no_description("{\"summary\": \"s\", \"tags\": [1]}" "another shape")
+  expect_no_description("${long}" "broke off at 1500 tokens")
 
-elseif(NAME STREQUAL custom_transport)
+elseif(NAME STREQUAL fake)
   expect(0 "^$" "^$" ${PROGRAM})
+
+elseif(NAME STREQUAL ask)
+  file(REMOVE_RECURSE ${WORK})
+  string(ASCII 233 latin1)
+  file(WRITE "${WORK}/caf${latin1}.txt" "coffee\n")
+  file(WRITE "${WORK}/.env" "coffee\n")
+  string(ASCII 27 escape)
+  set(ask ${WITH} ${PROGRAM} --base-url {url} --model m)
+  expect(0 "^usage: " "^$" ${PROGRAM} -h)
+  expect(0 "^caf${latin1}.txt\n$" "^$" ${PROGRAM} --files ${WORK} Coffee?)
+  expect(0 "(all files).* caf�.txt" "sent 1 of 1 files, [0-9]+ tokens\n" ${ask} ${WORK} Coffee?)
+  expect(0 "^m was asked: Question: Why[?]  === .standard input. .3 bytes. a b\n$"
+         "sent standard input"
+         sh -c "printf 'a b' | \"$@\"" sh ${ask} Why?)
+  expect(2 "^$" "ask: standard input is not UTF-8" sh -c "printf '\\377' | \"$@\"" sh ${ask} Why?)
+  expect(1 "^$" "ask: cannot write the answer\n$" sh -c "\"$@\" >/dev/full" sh ${ask} --prompt Why?)
+  expect_on_terminal("<think>no</think> yes" "${escape}.Kyes")
+  expect_on_terminal("no</think>yes" "no</think>yes\r${escape}.Jyes")
+  expect_on_terminal("a${escape}cb" "${escape}.Ka�cb")
 
 elseif(NAME STREQUAL event_loop)
   string(REPEAT "m was asked: [abcdef]\n" 6 answers)
   expect(0 "^${answers}$" "^(tick\n)*$" ${WITH} ${PROGRAM} {url} m 60 a b c d e f)
-  expect(0 "^failed: LLM is not configured" "^(tick\n)*$" ${ENV} TOVREN_LLM_API_KEY= ${PROGRAM} http://h m 60 a)
   expect(1 "^m was asked: [^\n]*\n$" "^tick\ntick\n.*5 calls were stopped\n$"
          ${ENV} ENDPOINT_LIMIT=1 ${WITH} ${PROGRAM} {url} m 1 a b c d e f)
 
 elseif(NAME STREQUAL wiki)
+  # A tree with files that are not text, a loop of links, and hidden files.
   file(REMOVE_RECURSE ${WORK})
-  expect(0 "^$" "\\[#* *\\].*\n([0-9]+) of [0-9]+ pages\n$" ${WITH} ${PROGRAM} {url} m ${SOURCE} ${WORK}/own)
-  file(STRINGS ${WORK}/own/src/openai/wiki.md page)
-  file(READ ${WORK}/own/index.md index)
-  if(NOT page MATCHES "^m was asked: .*=== ./src/openai/" OR index MATCHES "/(build|\\.ci|\\.git)/")
-    message(SEND_ERROR "src/openai: ${page}\nindex: ${index}")
-  endif()
-
-  # A tree with files that are not text, loops of links, and hidden files.
   set(tree ${WORK}/tree)
-  foreach(path IN ITEMS a.txt b/b.txt "e f/\"e\".txt" .hidden/h.txt build/CMakeCache.txt build/x/x.txt)
+  string(ASCII 255 bytes)
+  foreach(path IN ITEMS a.txt b/b.txt "b/${bytes}.txt" "e f/\"e\".txt" .h/h.txt
+          build/CMakeCache.txt build/x/x.txt)
     file(WRITE "${tree}/${path}" "text\n")
   endforeach()
   string(REPEAT "é" 3000 long)
-  file(WRITE ${tree}/c/d/d.txt "text\n${long}")  # its excerpt would end in the middle of a character
-  string(ASCII 255 254 10 bytes)
-  file(WRITE ${tree}/b/latin1.txt "${bytes}")
-  file(WRITE "${tree}/b/${bytes}.txt" "text\n")
-  file(COPY ${PROGRAM} DESTINATION ${tree}/b)
-  file(MAKE_DIRECTORY ${tree}/links)
-  file(CREATE_LINK .. ${tree}/links/up SYMBOLIC)
-  file(CREATE_LINK loop ${tree}/links/loop SYMBOLIC)
-  file(CREATE_LINK ../a.txt ${tree}/links/a.txt SYMBOLIC)
-  expect(1 "^$" "HTTP 401.*\n0 of 4 pages\n$"
+  # Its excerpt would end in the middle of a character.
+  file(WRITE ${tree}/c/d/d.txt "text\n${long}")
+  file(WRITE ${tree}/b/latin1.txt "${bytes}\n")
+  file(CREATE_LINK . ${tree}/loop SYMBOLIC)
+  set(wiki ${WITH} ${PROGRAM} {url} m ${tree})
+  expect(1 "^$" "^\n[^\n]*HTTP 401[^\n]*\n\n0 of 4 pages\n$"
          ${WITH} ${ENV} TOVREN_LLM_API_KEY=another ${PROGRAM} {url} m ${tree} ${WORK}/none)
-  expect_pages(${WORK}/none)
-  expect(1 "^$" "^[^\n]*cannot[^\n]*\n$" ${PROGRAM} http://h m ${WORK}/no/such/tree ${WORK}/none)
-
-  # Sends SIGINT after three pages. The endpoint never answers the fourth call.
-  set(interrupt [[
-    log=$1
-    shift
-    "$@" 2>"$log" &
-    tries=0
-    until grep -q '#\{30\} ' "$log" || test $((tries += 1)) -gt 400
-    do sleep 0.05
-    done
-    kill -INT $!
-    wait $!
-    status=$?
-    cat "$log" >&2
-    exit $status]])
-  expect(130 "^$" "stop.*\n3 of 4 pages\n$"
-         ${ENV} ENDPOINT_LIMIT=3 ${WITH} sh -c "${interrupt}" sh ${WORK}/log ${PROGRAM} {url} m ${tree} ${WORK}/part)
-  file(GLOB_RECURSE pages RELATIVE ${WORK}/part ${WORK}/part/wiki.md)
-  expect_pages(${WORK}/part ${pages})
-
+  # The endpoint never answers the fourth call.
+  expect(130 "^$" "\n3 of 4 pages\n$"
+         ${ENV} ENDPOINT_LIMIT=3 timeout --preserve-status -s INT 2 ${wiki} ${WORK}/part)
   foreach(run IN ITEMS first second)  # the second must not describe the pages of the first
-    expect(0 "^$" "4 of 4 pages\n$" ${WITH} ${PROGRAM} {url} m ${tree} ${tree}/wiki)
-    expect_pages(${tree}/wiki b/wiki.md c/d/wiki.md "e f/wiki.md" wiki.md)
-  endforeach()
-  foreach(file IN ITEMS c/d/d.txt "e f/\"e\".txt" a.txt)
-    cmake_path(GET file PARENT_PATH folder)
-    file(READ "${tree}/wiki/${folder}/wiki.md" page)
-    if(NOT page STREQUAL "m was asked: Describe this: === ./${file} text\n")
-      message(SEND_ERROR "${folder}: ${page}")
+    expect(0 "^$" "4 of 4 pages\n$" ${wiki} ${tree}/wiki)
+    file(READ ${tree}/wiki/index.md index)
+    string(REGEX MATCHALL "<[^>]*>" links "${index}")
+    if(NOT links STREQUAL "<./wiki.md>;<./b/wiki.md>;<./c/d/wiki.md>;<./e f/wiki.md>")
+      message(SEND_ERROR "${run}: ${links}")
     endif()
   endforeach()
+  file(READ ${tree}/wiki/c/d/wiki.md page)
+  if(NOT page STREQUAL "m was asked: Describe this: === ./c/d/d.txt text\n")
+    message(SEND_ERROR "${page}")
+  endif()
 endif()

@@ -1,17 +1,17 @@
 #include "ask/demo.hpp"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstddef>
-#include <cstdio>
 #include <filesystem>
 #include <map>
-#include <set>
-#include <utility>
+#include <sstream>
+#include <string>
 #include <vector>
 
-#include "ask/sources.hpp"
+#include "ask/prompt.hpp"
+#include "ask/relevance.hpp"
+#include "ask/text.hpp"
 #include "endpoint/completion.hpp"
 
 namespace ask {
@@ -27,8 +27,8 @@ const std::map<std::string, std::string> LANGUAGES{
     {".toml", "TOML"}, {".yml", "YAML"},    {".yaml", "YAML"},     {".html", "HTML"},
     {".css", "CSS"},   {".sql", "SQL"},     {".xml", "XML"},       {".txt", "Text"}};
 
-std::string language_of(const SourceFile& file) {
-  const std::filesystem::path path(file.path);
+std::string language_of(const Section& file) {
+  const std::filesystem::path path(file.name);
   if (path.filename() == "CMakeLists.txt") return "CMake";
   const auto known = LANGUAGES.find(path.extension().string());
   if (known != LANGUAGES.end()) return known->second;
@@ -42,91 +42,89 @@ struct Share {
 };
 
 struct Survey {
-  std::vector<Share> shares;                          // largest first
-  std::vector<const SourceFile*> largest;             // three at most
-  std::vector<std::pair<std::string, int>> mentions;  // word, number of files with it
+  std::vector<Section> files;  // of the prompt
+  std::vector<Share> shares;   // largest first
   std::size_t bytes = 0;
 };
-
-std::set<std::string> words_of(const std::string& question) {
-  std::set<std::string> words;
-  std::string word;
-  for (const char c : question + " ") {
-    if (std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_') {
-      word += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    } else if (!word.empty()) {
-      if (word.size() > 4) words.insert(word);
-      word.clear();
-    }
-  }
-  return words;
-}
 
 Survey survey(const Prompt& prompt) {
   Survey survey;
   std::map<std::string, Share> shares;
-  for (const SourceFile& file : prompt.files) {
-    Share& share = shares[language_of(file)];
+  for (const Section& section : prompt.sections) {
+    if (section.name == LISTING) continue;
+    survey.files.push_back(section);
+    survey.bytes += section.text.size();
+    Share& share = shares[language_of(section)];
     ++share.files;
-    share.bytes += file.text.size();
-    survey.bytes += file.text.size();
-    survey.largest.push_back(&file);
+    share.bytes += section.text.size();
   }
   for (auto& [language, share] : shares) {
     share.language = language;
     survey.shares.push_back(share);
   }
   std::ranges::sort(survey.shares, std::greater{}, &Share::bytes);
-  std::ranges::sort(survey.largest, std::greater{},
-                    [](const SourceFile* file) { return file->text.size(); });
-  survey.largest.resize(std::min<std::size_t>(survey.largest.size(), 3));
-  for (const std::string& word : words_of(prompt.question)) {
-    const auto count = std::ranges::count_if(prompt.files, [&](const SourceFile& file) {
-      return file.text.find(word) != std::string::npos;
-    });
-    if (count > 0) survey.mentions.emplace_back(word, static_cast<int>(count));
-  }
   return survey;
 }
 
-std::string percent(std::size_t part, std::size_t whole) {
-  std::array<char, 16> text{};
-  std::snprintf(
-      text.data(), text.size(), "%.1f %%",
-      100.0 * static_cast<double>(part) / static_cast<double>(std::max<std::size_t>(whole, 1)));
-  return text.data();
+// Returns the line that says most about the question.
+std::string best_line(const Section& file, const Relevance& relevance) {
+  std::istringstream lines(file.text);
+  std::string best;
+  double most = 0;
+  for (std::string line; std::getline(lines, line);) {
+    const double weight = relevance.weight_of_line(line);
+    if (weight > most) {
+      most = weight;
+      best = line;
+    }
+  }
+  return best.substr(std::min(best.find_first_not_of(" \t"), best.size()));
+}
+
+std::string counted(std::size_t count, const std::string& what) {
+  return grouped(count) + " " + what + (count == 1 ? "" : "s");
 }
 
 std::string in_words(const Prompt& prompt, const Survey& survey) {
-  if (prompt.files.empty()) {
-    return "You sent " + std::to_string(prompt.question.size()) + " bytes and no files: \"" +
-           prompt.question + "\". This demo can only count files.";
+  if (survey.files.empty()) {
+    return "You sent " + counted(prompt.question.size(), "byte") + " and no files: \"" +
+           prompt.question + "\". This demo is no language model. It counts files.";
   }
-  std::string text = "You asked: \"" + prompt.question + "\"\n\nThe tree holds " +
-                     std::to_string(prompt.files.size()) + " text files, " +
-                     std::to_string(survey.bytes) + " bytes in all:\n";
+  if (survey.files.front().name == STANDARD_INPUT) {
+    return "You asked: \"" + prompt.question + "\" about " + counted(survey.bytes, "byte") +
+           " of text. This demo is no language model. It counts bytes.";
+  }
+  std::string text = "You asked: \"" + prompt.question + "\"\n\nThis demo is no language model. " +
+                     "The prompt holds " + counted(survey.files.size(), "file") + ", " +
+                     counted(survey.bytes, "byte") + ":\n";
   for (const Share& share : survey.shares) {
-    text += "- " + share.language + ": " + std::to_string(share.files) + " files, " +
-            std::to_string(share.bytes) + " bytes (" + percent(share.bytes, survey.bytes) + ")\n";
+    text += "- " + share.language + ": " + counted(static_cast<std::size_t>(share.files), "file") +
+            ", " + counted(share.bytes, "byte") + "\n";
   }
-  text += "\nThe largest files:\n";
-  for (const SourceFile* const file : survey.largest) {
-    text += "- `" + file->path + "`, " + std::to_string(file->text.size()) + " bytes\n";
-  }
-  if (!survey.mentions.empty()) text += "\nWords of the question in the files:\n";
-  for (const auto& [word, files] : survey.mentions) {
-    text += "- \"" + word + "\" in " + std::to_string(files) + "\n";
+  Relevance relevance(prompt.question);
+  for (const Section& file : survey.files) relevance.add(file.name, file.text);
+  text += "\nMost relevant, with the line that says most:\n";
+  for (std::size_t i = 0; i < std::min<std::size_t>(survey.files.size(), 3); ++i) {
+    const Section& file = survey.files[i];
+    text += "- `" + file.name + "`";
+    if (const std::string line = best_line(file, relevance); !line.empty())
+      text += ": `" + line + "`";
+    text += "\n";
   }
   return text;
 }
 
 std::string as_json(const Prompt& prompt, const Survey& survey) {
   Json object{{"question", prompt.question},
-              {"files", prompt.files.size()},
+              {"files", survey.files.size()},
               {"bytes", survey.bytes},
-              {"languages", Json::object()}};
+              {"languages", Json::object()},
+              {"most_relevant", Json::array()}};
   for (const Share& share : survey.shares) {
     object["languages"][share.language] = {{"files", share.files}, {"bytes", share.bytes}};
+  }
+  for (std::size_t i = 0; i < std::min<std::size_t>(survey.files.size(), 3); ++i) {
+    object["most_relevant"].push_back(survey.files[i].name);
   }
   return object.dump(2);
 }
@@ -136,10 +134,10 @@ void answer(loopback::Exchange& exchange) {
   std::string sent;
   for (const Json& message : request.at("messages"))
     sent = message.at("content").get<std::string>();
-  const Prompt prompt = from_prompt(sent);
+  const Prompt prompt = from_text(sent);
   const Survey found = survey(prompt);
-  const std::string reasoning = "<think>\nCounting " + std::to_string(prompt.files.size()) +
-                                " files by language and size.\n</think>\n\n";
+  const std::string reasoning = "<think>\nCounting " + counted(found.files.size(), "file") +
+                                " by language and size.\n</think>\n\n";
   const std::string text =
       request.contains("response_format") ? as_json(prompt, found) : in_words(prompt, found);
   endpoint::reply(exchange, request, {.text = reasoning + text}, std::chrono::milliseconds(2));

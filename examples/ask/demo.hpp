@@ -1,7 +1,8 @@
-// A demo endpoint for users without one. It is no language model: it counts words and bytes of the
-// files in the prompt.
+// A demo endpoint for users without one. It is no language model: it says what is in the prompt, by
+// language and relevance.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "loopback/server.hpp"

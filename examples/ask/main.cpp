@@ -1,5 +1,7 @@
 // Asks a language model about a source tree.
+#include <algorithm>
 #include <chrono>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -9,25 +11,31 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
-
-#include <unistd.h>
 
 #include "tovren_mapstead/engines/copilot.hpp"
+#include "tovren_mapstead/engines/http/observe.hpp"
 #include "tovren_mapstead/engines/llm.hpp"
 
+#include "ask/client.hpp"
 #include "ask/demo.hpp"
+#include "ask/input.hpp"
 #include "ask/options.hpp"
-#include "ask/sources.hpp"
+#include "ask/prompt.hpp"
+#include "ask/screen.hpp"
+#include "ask/selection.hpp"
+#include "ask/text.hpp"
 
 namespace {
 
 namespace copilot = tovren_mapstead::engines::copilot;
+namespace http = tovren_mapstead::engines::http;
 namespace llm = tovren_mapstead::engines::llm;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* COPILOT = "copilot";
-constexpr std::size_t SOURCE_BUDGET = std::size_t{256} << 10U;
+constexpr std::string_view INSTRUCTIONS =
+    "You answer questions about source trees from the files that you are given, briefly and "
+    "exactly. A line like [lines 20-41 of 323] says which lines of a file follow; others are left "
+    "out.";
 
 enum Exit : int { ANSWERED = 0, FAILED = 1, MISUSED = 2, LATE = 3, INTERRUPTED = 130 };
 
@@ -37,123 +45,98 @@ void interrupt(int) {
   interrupted = 1;
 }
 
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
+bool was_interrupted() {
+  return interrupted != 0;
 }
 
-// Replaces control characters, which a terminal would interpret.
-std::string one_line(std::string_view text) {
-  std::string line(text);
-  for (char& c : line) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = ' ';
-  }
-  return line;
-}
-
-// Shows on a terminal that the call is in progress, and removes the line at the end.
-class Progress {
- public:
-  Progress() = default;
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-
-  ~Progress() {
-    if (_drawn) std::fputs("\r\x1b[K", stderr);
-  }
-
-  void show() {
-    const auto now = Clock::now();
-    if (!_terminal || now - _last < std::chrono::milliseconds(100)) return;
-    _last = now;
-    _drawn = true;
-    std::fprintf(stderr, "\rwaiting for the answer: %.1f s", seconds_since(_start));
-    std::fflush(stderr);
-  }
-
- private:
-  const bool _terminal = isatty(STDERR_FILENO) == 1;
-  const Clock::time_point _start = Clock::now();
-  Clock::time_point _last;
-  bool _drawn = false;
-};
-
-llm::LLMClient build_client(const ask::Options& options, const ask::Demo* demo) {
-  tovren_mapstead::Config config;
-  auto& gen = config.generation;
-  gen.provider = options.provider;
-  gen.base_url = options.base_url;
-  gen.model = options.model;
-  gen.timeout_s = options.timeout_s.value_or(gen.timeout_s);
-  gen.max_retries = options.retries.value_or(gen.max_retries);
-  gen.temperature = options.temperature.value_or(gen.temperature);
-  gen.max_output_tokens = options.max_tokens.value_or(gen.max_output_tokens);
-  gen.stream = options.stream;
-  if (demo == nullptr) return llm::build_llm_client_from_config(config);
-  // The demo does not get the API key from the environment.
-  return llm::LLMClient({.base_url = demo->base_url(),
-                         .model = gen.model.empty() ? "demo" : gen.model,
-                         .api_key = "demo-key",
-                         .timeout_s = gen.timeout_s,
-                         .max_retries = gen.max_retries,
-                         .temperature = gen.temperature,
-                         .max_tokens = gen.max_output_tokens,
-                         .stream = gen.stream});
-}
-
-const char* transport_of(const ask::Options& options) {
-  if (options.provider == COPILOT) return "as GitHub Copilot";
-  return llm::_openai_available() ? "through the OpenAI client library" : "over plain HTTP";
+// What the prompt may have beside the instructions, in bytes.
+std::size_t budget_of(const ask::Options& options) {
+  const std::size_t bytes = static_cast<std::size_t>(options.budget) * ask::BYTES_PER_TOKEN;
+  return bytes - std::min(bytes, INSTRUCTIONS.size());
 }
 
 llm::Messages messages_for(const ask::Options& options) {
   if (options.prompt) return {llm::user(*options.prompt)};
-  const auto files = ask::gather(options.directory, SOURCE_BUDGET);
-  return {llm::system("You answer questions about source trees from the files that you are given, "
-                      "briefly and exactly."),
-          llm::user(ask::to_prompt(files, options.question))};
+  ask::Piped piped = ask::read_piped(budget_of(options), was_interrupted);
+  ask::Prompt prompt;
+  std::string sent = piped.cut ? "the start of standard input" : "standard input";
+  if (piped.text.empty()) {
+    ask::Selection selection = ask::select(options.directory, options.question, budget_of(options));
+    sent = ask::grouped(selection.paths.size()) + " of " + ask::grouped(selection.files_in_tree) +
+           " files";
+    prompt = std::move(selection.prompt);
+  } else {
+    prompt.question = ask::printable(options.question, ask::Lines::keep);
+    prompt.sections.push_back({ask::STANDARD_INPUT, std::move(piped.text)});
+  }
+  llm::Messages messages{llm::system(std::string(INSTRUCTIONS)), llm::user(ask::to_text(prompt))};
+  const std::size_t bytes = messages[0].content.size() + messages[1].content.size();
+  std::cerr << "sent " << sent << ", " << ask::grouped(bytes / ask::BYTES_PER_TOKEN) << " tokens\n";
+  return messages;
+}
+
+int print_files(const ask::Options& options) {
+  const auto selection = ask::select(options.directory, options.question, budget_of(options));
+  for (const std::string& path : selection.paths) std::cout << path << "\n";
+  if (!std::cout.flush()) throw std::runtime_error("cannot write the list");
+  return ANSWERED;
+}
+
+void print_error(const std::exception& error) {
+  std::cerr << "ask: " << ask::printable(error.what(), ask::Lines::join) << "\n";
+}
+
+void print_figures(const llm::LLMResult& result, Clock::time_point start) {
+  const std::chrono::duration<double> passed = Clock::now() - start;
+  std::fprintf(stderr,
+               "model=%s prompt_tokens=%lld completion_tokens=%lld finish_reason=%s "
+               "elapsed_s=%.2f\n",
+               ask::printable(result.model(), ask::Lines::join).c_str(),
+               static_cast<long long>(result.prompt_tokens()),
+               static_cast<long long>(result.completion_tokens()),
+               ask::printable(result.finish_reason().value_or("-"), ask::Lines::join).c_str(),
+               passed.count());
+}
+
+llm::LLMResult call(const llm::LLMClient& client, const llm::Messages& messages,
+                    const ask::Options& options, ask::Screen& screen) {
+  llm::ChatOptions asked{.response_json = options.json, .should_stop = [&screen] {
+                           screen.tick();
+                           return was_interrupted();
+                         }};
+  if (options.deadline_s) asked.deadline = std::chrono::duration<double>(*options.deadline_s);
+  return client.chat(messages, asked);
 }
 
 int run(const ask::Options& options) {
   std::unique_ptr<ask::Demo> demo;
-  if (options.base_url.empty() && options.provider != COPILOT) {
+  if (options.base_url.empty() && options.provider != ask::COPILOT) {
     demo = std::make_unique<ask::Demo>();
     std::cerr << "no --base-url: starting a demo endpoint at " << demo->base_url() << "\n";
   }
-  const llm::LLMClient client = build_client(options, demo.get());
-  if (options.provider == COPILOT && !client.is_configured()) {
-    std::cerr << "ask: " << copilot::NO_CREDENTIAL << "\n";
-    return FAILED;
+  std::optional<ask::Screen> screen;
+  const llm::LLMClient client =
+      ask::build_client(options, demo.get(), http::observe([&screen](const auto& event) {
+                          if (screen) screen->observe(event);
+                        }));
+  if (options.provider == ask::COPILOT && !client.is_configured()) {
+    throw std::runtime_error(copilot::NO_CREDENTIAL);
   }
-  std::cerr << "asking " << one_line(client.model()) << " " << transport_of(options) << "\n";
+  std::cerr << "asking " << ask::printable(client.model(), ask::Lines::join) << " "
+            << ask::transport_name(options) << "\n";
   const llm::Messages messages = messages_for(options);
   const auto start = Clock::now();
-  std::optional<Clock::time_point> deadline;
-  if (options.deadline_s) {
-    const std::chrono::duration<double> most = std::chrono::hours(24 * 365);
-    const auto period = std::min(std::chrono::duration<double>(*options.deadline_s), most);
-    deadline = start + std::chrono::duration_cast<Clock::duration>(period);
-  }
-  std::optional<Progress> progress(std::in_place);
-  const auto should_stop = [&progress] {
-    progress->show();
-    return interrupted != 0;
-  };
   try {
-    const llm::LLMResult result = client.chat(
-        messages,
-        {.response_json = options.json, .should_stop = should_stop, .deadline = deadline});
-    progress.reset();
-    std::cout << result.content() << std::endl;
-    std::fprintf(stderr,
-                 "model=%s prompt_tokens=%lld completion_tokens=%lld finish_reason=%s "
-                 "elapsed_s=%.2f\n",
-                 one_line(result.model()).c_str(), static_cast<long long>(result.prompt_tokens()),
-                 static_cast<long long>(result.completion_tokens()),
-                 one_line(result.finish_reason().value_or("-")).c_str(), seconds_since(start));
-    return std::cout ? ANSWERED : FAILED;
+    screen.emplace();
+    const llm::LLMResult result = call(client, messages, options, *screen);
+    const bool written = screen->finish(result.content());
+    screen.reset();
+    print_figures(result, start);
+    if (!written) throw std::runtime_error("cannot write the answer");
+    return ANSWERED;
   } catch (const llm::LLMError& error) {
-    progress.reset();
-    std::cerr << "ask: " << one_line(error.what()) << "\n";
+    screen.reset();
+    print_error(error);
     if (dynamic_cast<const llm::LLMStopped*>(&error) != nullptr) return INTERRUPTED;
     return dynamic_cast<const llm::LLMTimeout*>(&error) != nullptr ? LATE : FAILED;
   }
@@ -162,6 +145,9 @@ int run(const ask::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // For the width of characters on a terminal.
+  std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe): no threads yet
+
   struct sigaction action {};
 
   action.sa_handler = interrupt;
@@ -170,18 +156,19 @@ int main(int argc, char** argv) {
   try {
     const ask::Options options = ask::parse({argv + 1, argv + argc});
     if (options.help) {
-      std::cout << ask::HELP;
+      if (!(std::cout << ask::HELP << std::flush))
+        throw std::runtime_error("cannot write the help");
       return ANSWERED;
     }
-    return run(options);
+    return options.files ? print_files(options) : run(options);
   } catch (const ask::UsageError& error) {
-    std::cerr << "ask: " << error.what() << "; see --help\n";
+    std::cerr << "ask: " << ask::printable(error.what(), ask::Lines::join) << "; see --help\n";
     return MISUSED;
   } catch (const std::invalid_argument& error) {
-    std::cerr << "ask: " << one_line(error.what()) << "\n";
+    print_error(error);
     return MISUSED;
   } catch (const std::exception& error) {
-    std::cerr << "ask: " << one_line(error.what()) << "\n";
+    print_error(error);
     return FAILED;
   }
 }

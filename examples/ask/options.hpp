@@ -11,6 +11,8 @@ namespace ask {
 struct Options {
   std::string directory = ASK_DEFAULT_DIRECTORY;  // the repository of this program
   std::string question = "What is in this repository, and in which languages is it written?";
+  int budget = 12000;                 // of the prompt, in tokens
+  bool files = false;                 // only print what would be sent
   std::optional<std::string> prompt;  // sent instead of files and question
   std::string base_url;               // empty: the demo endpoint, or Copilot
   std::string model;
