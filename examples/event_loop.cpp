@@ -31,8 +31,7 @@ struct Calls {
       lock.unlock();
       std::string answer;
       try {
-        answer =
-            client.chat(asked, {.should_stop = [&] { return stop.stop_requested(); }}).content();
+        answer = client.chat(asked, {.should_stop = stop}).content();
       } catch (const std::exception& error) {
         answer = std::string("failed: ") + error.what();
       }
@@ -54,8 +53,8 @@ int main(int argc, char** argv) {
   try {
     const int seconds = argc < 5 ? 0 : std::atoi(argv[3]);
     if (seconds < 1) throw std::invalid_argument("usage: event_loop URL MODEL SECONDS QUESTION...");
-    const tovren_mapstead::Config config{.generation = {.base_url = argv[1], .model = argv[2]}};
-    Calls calls{llm::build_llm_client_from_config(config), {argv + 4, argv + argc}};
+    Calls calls{llm::build_llm_client_from_config({.base_url = argv[1], .model = argv[2]}),
+                {argv + 4, argv + argc}};
     std::deque<std::jthread> threads(4);
     for (auto& thread : threads) thread = std::jthread([&](const auto& stop) { calls.make(stop); });
 

@@ -50,9 +50,9 @@ Description parse(const llm::LLMResult& result) {
 }
 
 Description describe(const llm::LLMClient& client, const std::string& text) {
-  const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  return parse(client.chat({llm::system(INSTRUCTIONS), llm::user(text)},
-                           {.temperature = 0.0, .response_json = true, .deadline = soon}));
+  return parse(client.chat(
+      {llm::system(INSTRUCTIONS), llm::user(text)},
+      {.temperature = 0.0, .response_json = true, .deadline = std::chrono::seconds(30)}));
 }
 
 }  // namespace
@@ -63,10 +63,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    tovren_mapstead::Config config;
-    config.generation.base_url = argv[1];
-    config.generation.model = argv[2];
-    const Description found = describe(llm::build_llm_client_from_config(config), argv[3]);
+    const llm::LLMClient client =
+        llm::build_llm_client_from_config({.base_url = argv[1], .model = argv[2]});
+    const Description found = describe(client, argv[3]);
     std::cout << found.summary << "\n";
     for (const std::string& tag : found.tags) std::cout << "- " << tag << "\n";
     if (!std::cout.flush()) throw std::runtime_error("cannot write the description");

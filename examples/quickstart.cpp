@@ -18,14 +18,13 @@ int main(int argc, char** argv) {
   }
   const std::string question = argc > 3 ? argv[3] : "What is an exponential backoff?";
   try {
-    tovren_mapstead::Config config;
-    config.generation.base_url = argv[1];  // such as https://api.example.org/v1
-    config.generation.model = argv[2];
-    const llm::LLMClient client = llm::build_llm_client_from_config(config);
+    const llm::LLMClient client = llm::build_llm_client_from_config({
+        .base_url = argv[1],  // such as https://api.example.org/v1
+        .model = argv[2],
+    });
 
     const llm::Messages messages{llm::system("Answer in one paragraph."), llm::user(question)};
-    const auto soon = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    const llm::LLMResult result = client.chat(messages, {.deadline = soon});
+    const llm::LLMResult result = client.chat(messages, {.deadline = std::chrono::seconds(30)});
 
     std::cout << result.content() << std::endl;
     if (!std::cout) throw std::runtime_error("cannot write the answer");
