@@ -27,7 +27,7 @@ struct ClientOptions {
 
 /// When a call ends at the latest: a moment of the steady clock, a period from the begin of the
 /// call such as `30s`, or never.
-class CallDeadline {
+class TOVREN_EXPORT CallDeadline {
  public:
   /// The call has no deadline.
   CallDeadline() = default;
@@ -38,7 +38,7 @@ class CallDeadline {
 
   CallDeadline(http::Deadline moment) noexcept : _end(moment) {}  // NOLINT(google-explicit-*)
 
-  CallDeadline(std::optional<http::Deadline> moment) noexcept {  // NOLINT(google-explicit-*)
+  CallDeadline(std::optional<http::Deadline> moment) {  // NOLINT(google-explicit-constructor)
     if (moment) _end = *moment;
   }
 
