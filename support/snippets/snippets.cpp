@@ -19,6 +19,7 @@ void carried(const llm::LLMConfig& config, const std::string& origin, const std:
 
 int run(const std::vector<std::pair<const char*, void (*)()>>& fragments) {
   int failed = 0;
+  setenv("no_proxy", "127.0.0.1,localhost,.invalid", 1);  // before the first transport is made
   for (const auto& [name, fragment] : fragments) {
     server.forget();
     try {

@@ -217,10 +217,11 @@ TEST(Faults, OnTheWayToARequest) {
   judge_all(std::move(cells));
 }
 
-TEST(Faults, SslCertFileNamesTheAuthorities) {
+TEST(Faults, SslCertFileNamesTheAuthoritiesWhenATransportIsMade) {
   const Server server([](Exchange& exchange) { exchange.reply(200, "hi"); }, {.tls = true});
   set_authorities(server.certificate());
   const auto transport = http::make_transport();
+  unsetenv("SSL_CERT_FILE");
   const http::RetryPolicy policy{};
   EXPECT_EQ(
       http::get(server.url(),

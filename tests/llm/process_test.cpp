@@ -85,13 +85,15 @@ TEST(Process, UsesAConnectionAgainAfterErrorsAndAfterLargeHeads) {
   const std::string header = "X: " + std::string(20'000, 'x') + "\r\n";
   std::atomic<int> replies = 0;
   Server server([&](Exchange& exchange) {
-    exchange.reply(++replies % 2 == 0 ? 200 : 401, R"({"choices":[{"message":{}}]})",
-                   "application/json", header);
+    if (++replies % 2 == 0) return exchange.reply(200, ANSWER, "application/json", header);
+    exchange.send("HTTP/1.1 401 No\r\nContent-Length: 9\r\n" + header + "\r\n");
+    exchange.pause(2ms);
+    exchange.send("no, never");
   });
   const LLMClient client = client_of(server, http::make_transport());
   for (int i = 0; i < 20; ++i) {
-    EXPECT_TRUE(contains(text_of<llm::LLMError>([&] { ask(client); }), "HTTP 401"));
-    EXPECT_EQ(ask(client), "");
+    EXPECT_TRUE(contains(text_of<llm::LLMError>([&] { ask(client); }), "no, never"));
+    EXPECT_EQ(ask(client), "hi");
   }
   EXPECT_EQ(server.connections(), 1);
 }
