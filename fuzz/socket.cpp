@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const loopback::Server server([&](loopback::Exchange& exchange) { serve(exchange, input); });
     ask(*transport, server.url(), 0.05);
     std::string good = "again";
-    for (int tries = 3; tries > 0 && good.starts_with("again"); --tries)
+    for (int attempts = 3; attempts > 0 && good.starts_with("again"); --attempts)
       good = ask(*transport, server.url() + "/good", 5);
     require(good == "good", good);
   }

@@ -102,11 +102,15 @@ bool fail(std::size_t nth) {
 
 }  // namespace memory
 
-// The array and the nothrow forms call these.
+// The array forms call these. A sanitizer's nothrow form would not.
 void* operator new(std::size_t size) {
   void* const block = allocate(size);
   if (block == nullptr) throw std::bad_alloc();
   return block;
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return allocate(size);
 }
 
 void operator delete(void* block) noexcept {
