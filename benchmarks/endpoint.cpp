@@ -16,6 +16,7 @@
 namespace bench {
 namespace {
 
+using loopback::chunk;
 using loopback::Exchange;
 using loopback::Server;
 using std::chrono::milliseconds;
@@ -45,12 +46,6 @@ std::string whole(const std::string& content) {
          content +
          R"("},"logprobs":null,"finish_reason":"stop"}],)"
          R"("usage":{"prompt_tokens":9,"completion_tokens":9,"total_tokens":18}})";
-}
-
-std::string chunk(std::string_view bytes) {
-  std::array<char, 20> size{};
-  const int digits = std::snprintf(size.data(), size.size(), "%zx\r\n", bytes.size());
-  return std::string(size.data(), static_cast<std::size_t>(digits)).append(bytes).append("\r\n");
 }
 
 // A stream as most servers send one, a chunk an event, but all of it at once.

@@ -13,8 +13,11 @@ using namespace fuzz;
 const http::Secrets SECRETS{"KEY-1"};
 
 std::string outcome(const llm::LLMResult& result) {
-  const std::string counts = std::to_string(result.prompt_tokens()) + "," + std::to_string(result.completion_tokens());
-  return clean(result.content() + "\n" + result.model() + "\n" + counts + "\n" + result.finish_reason().value_or("absent"), "\xFF");
+  const std::string counts =
+      std::to_string(result.prompt_tokens()) + "," + std::to_string(result.completion_tokens());
+  return clean(result.content() + "\n" + result.model() + "\n" + counts + "\n" +
+                   result.finish_reason().value_or("absent"),
+               "\xFF");
 }
 
 std::string outcome(std::vector<std::string> pieces) {
@@ -22,9 +25,15 @@ std::string outcome(std::vector<std::string> pieces) {
   const http::RetryPolicy policy{};
   const auto read = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); };
   try {
-    return outcome(http::send("http://h", {.policy = policy, .body = {}, .headers = {}, .secrets = SECRETS, .transport = &transport}, read));
+    return outcome(http::send(
+        "http://h",
+        {.policy = policy, .body = {}, .headers = {}, .secrets = SECRETS, .transport = &transport},
+        read));
   } catch (const std::runtime_error& error) {
-    require(dynamic_cast<const http::Retryable*>(&error) != nullptr || dynamic_cast<const llm::LLMError*>(&error) != nullptr || dynamic_cast<const http::HttpFailure*>(&error) != nullptr, error.what());
+    require(dynamic_cast<const http::Retryable*>(&error) != nullptr ||
+                dynamic_cast<const llm::LLMError*>(&error) != nullptr ||
+                dynamic_cast<const http::HttpFailure*>(&error) != nullptr,
+            error.what());
     return clean(error.what(), SECRETS[0]);
   }
 }
@@ -32,27 +41,14 @@ std::string outcome(std::vector<std::string> pieces) {
 // Thrown where two right readers may differ.
 struct Unsure {};
 
-// The other reader refuses half of a surrogate pair. It gets a character of private use instead.
-constexpr std::uint32_t PRIVATE = 0xF0000;
-
-std::string with_halves(std::string_view text, bool hidden) {
-  std::string out;
-  for (std::size_t width = 0; !text.empty(); text.remove_prefix(width)) {
-    const auto [code_point, read] = hidden ? http::read_escape(text) : http::read_utf8(text);
-    const std::uint32_t half = hidden ? code_point : code_point - PRIVATE;
-    width = std::max<std::size_t>(read, 1);
-    half >= 0xD800 && half <= 0xDFFF ? http::append_utf8(out, hidden ? PRIVATE + half : half) : void(out += text.substr(0, width));
-  }
-  if (!hidden) http::join_halves(out);
-  return out;
-}
-
 Json decoded(std::string_view payload) {
   // The other reader ends at a NUL and passes over a byte order mark.
   if (payload.find('\0') != std::string_view::npos || payload.starts_with("\uFEFF")) return {};
-  const auto shallow = [](int depth, Json::parse_event_t, const Json&) { return depth < 1000 ? true : throw Unsure(); };
+  const auto shallow = [](int depth, Json::parse_event_t, const Json&) {
+    return depth < 1000 ? true : throw Unsure();
+  };
   try {
-    return Json::parse(with_halves(payload, true), shallow);
+    return Json::parse(payload, shallow);
   } catch (const Json::parse_error&) {
     return {};
   } catch (const Json::out_of_range&) {  // a number that no double holds
@@ -72,51 +68,42 @@ Json member(const Json& object, const char* name) {
   return object.is_object() && object.contains(name) ? object[name] : Json();
 }
 
-// Without the start of a character that the end of the body cuts.
-std::string_view without_cut(std::string_view line) {
-  for (std::size_t width = 1; width <= std::min<std::size_t>(line.size(), 3); ++width) {
-    for (const char last : {'\x80', '\xBF'}) {
-      std::string end(line.substr(line.size() - width));
-      for (int more = 0; more < 3; ++more) {
-        end += last;
-        if (http::is_utf8(end)) return line.substr(0, line.size() - width);
-      }
-    }
-  }
-  return line;
-}
-
 std::string expected(const std::string& body) {
   std::string content;
   std::string error;
   std::string model = "m";
   std::optional<std::string> finish_reason;
   std::array<std::int64_t, 2> counts{};
-  for (std::size_t at = body.starts_with("\uFEFF") ? 3 : 0, end = 0; at < body.size(); at = end + 1) {
+  std::size_t end = 0;
+  for (std::size_t at = body.starts_with("\uFEFF") ? 3 : 0; at < body.size(); at = end + 1) {
     end = std::min(body.find_first_of("\r\n", at), body.size());
-    const std::string_view raw = std::string_view(body).substr(at, end - at);
-    const std::string_view line = http::trim(end == body.size() ? without_cut(raw) : raw);
-    if (!http::is_utf8(line)) return "stream is not valid UTF-8";
+    const std::string_view line = http::trim(std::string_view(body).substr(at, end - at));
+    if (!http::is_utf8(line)) {
+      // The end of the body may cut a character.
+      return end < body.size() ? "stream is not valid UTF-8" : throw Unsure();
+    }
     const std::string_view payload = http::trim(line.starts_with("data:") ? line.substr(5) : "");
     if (payload == "[DONE]") break;
     const Json chunk = decoded(payload);
-    const Json told = member(chunk, "error");
-    const std::string message = text_of(member(told, "message"));
-    if (const std::string text = message.empty() ? text_of(told) : message; !text.empty()) {
-      error = http::redact(with_halves(text, false), SECRETS);
+    const Json reported = member(chunk, "error");
+    std::string text = text_of(member(reported, "message"));
+    if (text.empty()) text = text_of(reported);
+    if (!text.empty()) {
+      error = http::redact(text, SECRETS);
       continue;
     }
-    if (const std::string text = text_of(member(chunk, "model")); !text.empty()) model = with_halves(text, false);
+    if (text = text_of(member(chunk, "model")); !text.empty()) model = text;
     const Json choices = member(chunk, "choices");
     const Json first = choices.is_array() && !choices.empty() ? choices[0] : Json();
     content += text_of(member(member(first, "delta"), "content"));
-    if (const std::string text = text_of(member(first, "finish_reason")); !text.empty()) finish_reason = with_halves(text, false);
-    for (std::size_t i = 0; i < 2; ++i) {
-      const Json count = member(member(chunk, "usage"), i == 0 ? "prompt_tokens" : "completion_tokens");
+    if (text = text_of(member(first, "finish_reason")); !text.empty()) finish_reason = text;
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+      const Json count =
+          member(member(chunk, "usage"), i == 0 ? "prompt_tokens" : "completion_tokens");
       counts[i] = llm::_as_int(http::JsonReader().parse(count.dump()), counts[i]);
     }
   }
-  content = llm::_strip_reasoning(with_halves(content, false));
+  content = llm::_strip_reasoning(content);
   if (!finish_reason && !error.empty()) return "stream error: " + error;
   if (!finish_reason && content.empty()) return "empty stream (no content received)";
   return outcome(llm::LLMResult({content, model, counts[0], counts[1], finish_reason}));
@@ -126,10 +113,12 @@ std::string expected(const std::string& body) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Input input(data, size);
-  const std::string told = outcome(std::vector{input.body});
-  require(outcome(input.cut(input.shape % 32 + 1)) == told, told);
+  const std::string seen = outcome(std::vector{input.body});
+  require(outcome(input.cut(input.shape % 32 + 1)) == seen, seen);
+  // The other reader refuses half of a surrogate pair.
+  if (http::lower_case(input.body).find("\\ud") != std::string::npos) return 0;
   try {
-    if (input.body.find('\xF3') == std::string::npos && http::lower_case(input.body).find("\\udb") == std::string::npos) require(told.starts_with(expected(input.body)), told);
+    require(seen.starts_with(expected(input.body)), seen);
   } catch (const Unsure&) {
   }
   return 0;

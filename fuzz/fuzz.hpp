@@ -41,13 +41,16 @@ inline const std::string& clean(const std::string& text, std::string_view secret
 /// An input: the first byte picks among ways to use the rest.
 struct Input {
   Input(const std::uint8_t* data, std::size_t size)
-      : body(data, data + size), shape(size == 0 ? 0 : *data) { body.erase(0, 1); }
+      : body(data, data + size), shape(size == 0 ? 0 : *data) {
+    body.erase(0, 1);
+  }
 
   /// `body` in pieces of at most so many bytes.
   [[nodiscard]] std::vector<std::string> cut(std::size_t longest) const {
     std::mt19937 random(shape);
     std::vector<std::string> pieces;
-    for (std::size_t at = 0; at < body.size(); at += pieces.back().size()) pieces.push_back(body.substr(at, random() % longest + 1));
+    for (std::size_t at = 0; at < body.size(); at += pieces.back().size())
+      pieces.push_back(body.substr(at, random() % longest + 1));
     return pieces;
   }
 

@@ -14,7 +14,8 @@ std::string escaped(const std::string& text, bool json, bool all) {
     std::array<char, 8> code{};
     const auto byte = static_cast<unsigned char>(c);
     std::snprintf(code.data(), code.size(), "%02x", byte);
-    const bool needed = byte < 0x80 && (all || c < ' ' || c == '"' || c == '\\' || c == '%' || c == '/');
+    const bool needed =
+        byte < 0x80 && (all || c < ' ' || c == '"' || c == '\\' || c == '%' || c == '/');
     out += needed ? (json ? "\\u00" : "%") + std::string(code.data()) : std::string(1, c);
   }
   return out;
@@ -29,20 +30,29 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (first == 0 || second == std::string::npos) return 0;
   const std::string secret = input.body.substr(0, first);
   std::string spelt = secret;
-  for (unsigned digits = input.shape % 64; digits > 0; digits /= 4) spelt = escaped(spelt, digits % 2 == 1, digits % 4 < 2);
+  for (unsigned digits = input.shape % 64; digits > 0; digits /= 4)
+    spelt = escaped(spelt, digits % 2 == 1, digits % 4 < 2);
   const std::string before = input.body.substr(first + 1, second - first - 1);
   const std::string after = input.body.substr(second + 1);
-  for (const http::Secrets& secrets : {http::Secrets{secret}, http::Secrets{secret, before, after}}) {
-    const std::string masked = http::redact(std::string(before).append(" ").append(spelt).append(after), secrets);
+  for (const http::Secrets& secrets :
+       {http::Secrets{secret}, http::Secrets{secret, before, after}}) {
+    const std::string masked =
+        http::redact(std::string(before).append(" ").append(spelt).append(after), secrets);
     require(masked == http::redact(masked, secrets), masked);
-    for (const std::string& gone : secrets) require(gone.empty() || masked.find(gone) == std::string::npos, masked);
+    for (const std::string& gone : secrets)
+      require(gone.empty() || masked.find(gone) == std::string::npos, masked);
     require(masked.find(spelt) == std::string::npos, masked);
   }
-  if (const std::string plain = before + after; plain.find(secret) == std::string::npos && plain.find_first_of("\\%") == std::string::npos) require(http::redact(plain, {secret}) == plain, plain);
+  if (const std::string plain = before + after;
+      plain.find(secret) == std::string::npos && plain.find_first_of("\\%") == std::string::npos)
+    require(http::redact(plain, {secret}) == plain, plain);
   // A quotation may have been cut anywhere. (Blanks and escapes do not
   // stay as they are, and what looks like part of an escape may be one.)
   const std::string start = secret.substr(0, 5);
-  const bool counts = start.size() == 5 && start.find_first_not_of("0123456789abcdefu") != std::string::npos && std::ranges::all_of(start, [](char c) { return c > ' ' && c < '\x7F' && c != '%' && c != '\\'; });
+  const bool counts =
+      start.size() == 5 && start.find_first_not_of("0123456789abcdefu") != std::string::npos &&
+      std::ranges::all_of(start,
+                          [](char c) { return c > ' ' && c < '\x7F' && c != '%' && c != '\\'; });
   for (std::size_t end = 0; end < spelt.size(); end += 1 + spelt.size() / 64) {
     const std::string quoted = http::quote(std::string("x ").append(spelt, 0, end), {secret}, 99);
     require(http::is_utf8(quoted) && (!counts || quoted.find(start) == std::string::npos), quoted);

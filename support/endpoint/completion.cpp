@@ -1,8 +1,34 @@
 #include "endpoint/completion.hpp"
 
 #include <algorithm>
+#include <vector>
 
 namespace endpoint {
+namespace {
+
+// The answer in pieces of some bytes, the finish reason, the token counts and the end marker.
+std::vector<std::string> events_of(const Json& model, const Json& usage, const Answer& answer) {
+  constexpr std::size_t PIECE_BYTES = 24;
+  std::vector<std::string> events;
+  const auto add = [&](const Json& choices, const Json& counts) {
+    const Json event{{"model", model}, {"choices", choices}, {"usage", counts}};
+    events.push_back("data: " + event.dump() + "\n\n");
+  };
+  const auto choice = [](const Json& delta, const Json& finish_reason) {
+    return Json::array({{{"index", 0}, {"delta", delta}, {"finish_reason", finish_reason}}});
+  };
+  for (std::string_view rest = answer.text; !rest.empty();) {
+    const std::string_view piece = start_of(rest, PIECE_BYTES);
+    rest.remove_prefix(piece.size());
+    add(choice({{"content", piece}}, nullptr), nullptr);
+  }
+  add(choice(Json::object(), answer.finish_reason), nullptr);
+  add(Json::array(), usage);
+  events.emplace_back("data: [DONE]\n\n");
+  return events;
+}
+
+}  // namespace
 
 std::string_view start_of(std::string_view text, std::size_t bytes) {
   std::size_t size = std::min(bytes, text.size());
@@ -11,8 +37,7 @@ std::string_view start_of(std::string_view text, std::size_t bytes) {
 }
 
 void reply(loopback::Exchange& exchange, const Json& asked, const Answer& answer,
-           std::chrono::milliseconds pause) {
-  constexpr std::size_t PIECE_BYTES = 24;
+           std::chrono::milliseconds pause, std::size_t chunk_bytes) {
   const Json& model = asked.at("model");
   const Json usage{{"prompt_tokens", exchange.request().body.size() / BYTES_PER_TOKEN},
                    {"completion_tokens", answer.text.size() / BYTES_PER_TOKEN}};
@@ -20,26 +45,22 @@ void reply(loopback::Exchange& exchange, const Json& asked, const Answer& answer
     const Json choice{{"index", 0},
                       {"message", {{"role", "assistant"}, {"content", answer.text}}},
                       {"finish_reason", answer.finish_reason}};
-    exchange.reply(
-        200, Json{{"model", model}, {"choices", Json::array({choice})}, {"usage", usage}}.dump());
-    return;
+    const Json whole{{"model", model}, {"choices", Json::array({choice})}, {"usage", usage}};
+    return exchange.reply(200, whole.dump());
   }
+  std::string rest;
   exchange.start_stream();
-  const auto event = [&](const Json& choices, const Json& counts) {
-    return exchange.chunk(
-        "data: " + Json{{"model", model}, {"choices", choices}, {"usage", counts}}.dump() + "\n\n");
-  };
-  for (std::string_view rest = answer.text; !rest.empty();) {
-    const std::string_view piece = start_of(rest, PIECE_BYTES);
-    rest.remove_prefix(piece.size());
+  for (const std::string& event : events_of(model, usage, answer)) {
     exchange.pause(pause);
-    const Json choice{{"index", 0}, {"delta", {{"content", piece}}}, {"finish_reason", nullptr}};
-    if (!event(Json::array({choice}), nullptr)) return;
+    if (chunk_bytes > 0) {
+      rest += event;
+    } else if (!exchange.chunk(event)) {
+      return;
+    }
   }
-  const Json last{{"index", 0}, {"delta", Json::object()}, {"finish_reason", answer.finish_reason}};
-  event(Json::array({last}), nullptr);
-  event(Json::array(), usage);
-  exchange.chunk("data: [DONE]\n\n");
+  for (std::size_t at = 0; at < rest.size(); at += chunk_bytes) {
+    if (!exchange.chunk(std::string_view(rest).substr(at, chunk_bytes))) return;
+  }
   exchange.end_stream();
 }
 

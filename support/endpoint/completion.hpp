@@ -1,4 +1,4 @@
-// Chat completions in the form of an OpenAI-compatible endpoint, for servers on loopback.
+// Writes chat completions in the form of an OpenAI-compatible endpoint.
 #pragma once
 
 #include <chrono>
@@ -17,18 +17,18 @@ using Json = nlohmann::ordered_json;
 /// The first `bytes` bytes of `text`, UTF-8, and those that complete the last character.
 [[nodiscard]] std::string_view start_of(std::string_view text, std::size_t bytes);
 
-constexpr std::size_t BYTES_PER_TOKEN = 4;  ///< By which tokens are counted here.
+constexpr std::size_t BYTES_PER_TOKEN = 4;  ///< The rate by which tokens are counted here.
 
-/// What a model is made to say.
+/// What the model answers.
 struct Answer {
   std::string text;  ///< UTF-8.
   std::string finish_reason = "stop";
 };
 
-/// Replies to `asked`, the body of a request, with `answer`: whole, or where a stream is asked for
-/// in pieces of some bytes with a `pause` before each.
+/// Replies to `asked`, the body of a request, with `answer`: whole, or, if a stream is asked for,
+/// as events with a `pause` before each. A chunk holds one event, or `chunk_bytes` of the stream.
 /// Throws nlohmann's exceptions, before anything is sent, when `asked` is no such body.
 void reply(loopback::Exchange& exchange, const Json& asked, const Answer& answer,
-           std::chrono::milliseconds pause = {});
+           std::chrono::milliseconds pause = {}, std::size_t chunk_bytes = 0);
 
 }  // namespace endpoint

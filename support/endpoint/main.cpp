@@ -15,16 +15,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -33,6 +30,7 @@
 #include <unistd.h>
 
 #include "endpoint/completion.hpp"
+#include "endpoint/endpoint.hpp"
 
 namespace {
 
@@ -40,19 +38,15 @@ using endpoint::Json;
 
 constexpr const char* KEY = "with-endpoint-test-key";
 
-std::optional<std::string> variable(const char* name) {
-  const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): no threads yet
-  return value == nullptr ? std::nullopt : std::optional<std::string>(value);
-}
-
 int limit_of_requests() {
-  const std::string text = variable("ENDPOINT_LIMIT").value_or(std::to_string(INT_MAX));
-  int limit = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), limit);
-  if (error != std::errc{} || *end != '\0') {
-    throw std::invalid_argument("ENDPOINT_LIMIT is no number: " + text);
+  const char* const text = std::getenv("ENDPOINT_LIMIT");  // NOLINT(concurrency-mt-unsafe)
+  if (text == nullptr) return INT_MAX;
+  char* end = nullptr;
+  const long limit = std::strtol(text, &end, 10);
+  if (end != text && *end == '\0' && limit >= INT_MIN && limit <= INT_MAX) {
+    return static_cast<int>(limit);
   }
-  return limit;
+  throw std::invalid_argument("ENDPOINT_LIMIT is no number: " + std::string(text));
 }
 
 // `message` may quote bytes of a request that are no UTF-8.
@@ -62,7 +56,7 @@ std::string error_body(const std::string& message) {
 }
 
 // What the model says to a request, as far as its limit of tokens allows.
-endpoint::Answer answer_to(const Json& asked, const std::optional<std::string>& told) {
+endpoint::Answer answer_to(const Json& asked) {
   constexpr std::size_t QUOTED_BYTES = 100;
   std::string question;
   for (const Json& message : asked.at("messages")) {
@@ -74,13 +68,14 @@ endpoint::Answer answer_to(const Json& asked, const std::optional<std::string>& 
   if (asked.contains("response_format")) {
     text = Json{{"summary", text}, {"tags", {"demo", "loopback"}}}.dump();
   }
-  if (told) text = *told;
+  const char* const given = std::getenv("ENDPOINT_ANSWER");  // NOLINT(concurrency-mt-unsafe)
+  if (given != nullptr) text = given;
   const auto limit = asked.value("max_tokens", std::size_t{4096}) * endpoint::BYTES_PER_TOKEN;
   if (text.size() <= limit) return {.text = text};
   return {.text = std::string(endpoint::start_of(text, limit)), .finish_reason = "length"};
 }
 
-void serve(loopback::Exchange& exchange, const std::optional<std::string>& told) {
+void serve(loopback::Exchange& exchange) {
   const loopback::Request& request = exchange.request();
   const auto key = request.headers.find("authorization");
   if (key == request.headers.end() || key->second != std::string("Bearer ") + KEY) {
@@ -91,7 +86,7 @@ void serve(loopback::Exchange& exchange, const std::optional<std::string>& told)
   }
   try {
     const Json asked = Json::parse(request.body);
-    endpoint::reply(exchange, asked, answer_to(asked, told));
+    endpoint::reply(exchange, asked, answer_to(asked));
   } catch (const Json::exception& error) {
     exchange.reply(400, error_body(error.what()));
   }
@@ -126,12 +121,10 @@ int main(int argc, char** argv) {
   try {
     setenv("TOVREN_LLM_API_KEY", KEY, 1);  // NOLINT(concurrency-mt-unsafe): no threads yet
     setenv("no_proxy", "*", 1);            // NOLINT(concurrency-mt-unsafe): no threads yet
-    const std::optional<std::string> told = variable("ENDPOINT_ANSWER");
     std::atomic<int> left = limit_of_requests();
-    const loopback::Server server([&](loopback::Exchange& exchange) {
-      left-- > 0 ? serve(exchange, told) : exchange.stall();
-    });
-    return run({argv + 1, argv + argc}, server.url() + "/v1");
+    const endpoint::Endpoint served(
+        [&](auto& exchange) { left-- > 0 ? serve(exchange) : exchange.stall(); });
+    return run({argv + 1, argv + argc}, served.url() + "/v1");
   } catch (const std::exception& error) {
     std::cerr << "with_endpoint: " << error.what() << "\n";
     return 127;

@@ -6,9 +6,15 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
+#include <optional>
+#include <stdexcept>
+#include <utility>
 
+#include <fcntl.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/spdlog.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "tovren_mapstead/engines/llm.hpp"
@@ -16,44 +22,11 @@
 #include "playback/playback.hpp"
 
 namespace faults {
+namespace {
 
 namespace fs = std::filesystem;
 namespace llm = tovren_mapstead::engines::llm;
 using namespace std::chrono_literals;
-
-std::string chunk(const std::string& bytes) {
-  std::ostringstream size;
-  size << std::hex << bytes.size();
-  return size.str() + "\r\n" + bytes + "\r\n";
-}
-
-void stay_silent(loopback::Exchange& exchange, const std::string&) {
-  exchange.stall();
-}
-
-void reset(loopback::Exchange& exchange, const std::string&) {
-  exchange.reset();
-}
-
-void close(loopback::Exchange& exchange, const std::string&) {
-  exchange.close();
-}
-
-void trickle(loopback::Exchange& exchange, const std::string& filler) {
-  for (std::size_t at = 0; exchange.send({&filler[at % filler.size()], 1}); ++at) {
-    exchange.pause(2ms);
-  }
-}
-
-void flood(loopback::Exchange& exchange, const std::string& filler) {
-  std::string much;
-  while (much.size() < std::size_t{1} << 16U) much += filler;
-  while (exchange.send(much)) {
-  }
-  exchange.close();
-}
-
-namespace {
 
 std::string text_of(const std::exception& error) {
   try {
@@ -64,62 +37,152 @@ std::string text_of(const std::exception& error) {
   return error.what();
 }
 
+class Listener final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  std::atomic<int> secrets = 0;
+
+ private:
+  void sink_it_(const spdlog::details::log_msg& line) override {
+    secrets += shows_secret({line.payload.data(), line.payload.size()}) ? 1 : 0;
+  }
+
+  void flush_() override {}
+};
+
 }  // namespace
+
+Outcome outcome_of(const std::function<std::string()>& call) {
+  const auto start = http::Clock::now();
+  const auto ended = [&](const char* end, const std::string& text) {
+    const std::chrono::duration<double> took = http::Clock::now() - start;
+    return Outcome{.end = end, .text = text, .seconds = took.count()};
+  };
+  try {
+    return ended("answer", call());
+  } catch (const llm::LLMStopped& error) {
+    return ended("LLMStopped", text_of(error));
+  } catch (const llm::LLMTimeout& error) {
+    return ended("LLMTimeout", text_of(error));
+  } catch (const llm::LLMError& error) {
+    return ended("LLMError", text_of(error));
+  } catch (const std::invalid_argument& error) {
+    return ended("invalid_argument", error.what());
+  }
+}
+
+Expect expect(const Fault& fault, Asked asked) {
+  if (asked == Asked::streamed) return fault.streamed;
+  if (asked == Asked::whole || fault.whole.effect == Effect::again) return fault.whole;
+  // Whatever holds no token is a failure, whose text quotes nothing but the status.
+  const bool status = fault.whole.text.starts_with("HTTP");
+  return {.effect = Effect::failure,
+          .text = status ? fault.whole.text : "Copilot token",
+          .end = fault.whole.end};
+}
+
+Outcome predict(const std::vector<const Fault*>& script, const Terms& terms) {
+  bool json = terms.json;
+  bool streamed = terms.asked == Asked::streamed;
+  int attempts = 1;
+  const auto ends = [&](const char* end, const std::string& text, int requests) {
+    return Outcome{.end = end, .text = text, .requests = requests, .attempts = attempts};
+  };
+  for (int request = 1;; ++request) {
+    const Fault* const fault =
+        script.at(std::min(static_cast<std::size_t>(request), script.size()) - 1);
+    if (fault == nullptr) return ends("answer", "", request);
+    const Asked asked = terms.asked == Asked::token ? Asked::token
+                        : streamed                  ? Asked::streamed
+                                                    : Asked::whole;
+    const Expect due = expect(*fault, asked);
+    if (due.end == End::never || (terms.patient && due.end != End::soon)) {
+      return ends(NEVER, "", request);
+    }
+    if (due.effect == Effect::answer) return ends("answer", due.text, request);
+    if (due.effect == Effect::without_json && json) {
+      json = false;
+    } else if (due.effect == Effect::without_stream && streamed) {
+      streamed = false;
+    } else if (due.effect != Effect::again) {
+      return ends("LLMError", due.text, request);
+    } else if (terms.deadline) {
+      return ends("LLMTimeout", "ran out of time", request);
+    } else if (attempts == terms.attempts) {
+      return ends("LLMError", due.text, request);
+    } else {
+      ++attempts;
+      json = terms.json;
+      streamed = terms.asked == Asked::streamed;
+    }
+  }
+}
 
 Outcome make(const Call& call) {
   loopback::Server server(call.serve, call.options);
+  const bool copilot = call.asked == Asked::token;
   auto transport = call.trusted ? trusting(server) : http::make_transport();
-  if (call.copilot) transport = std::make_shared<playback::Detour>(server.url(), transport);
+  if (copilot) transport = std::make_shared<playback::Detour>(server.url(), transport);
   std::string url = call.url.empty() ? server.url() : call.url;
   if (!call.scheme.empty()) url = call.scheme + url.substr(url.find(':'));
-  const llm::LLMClient client({.provider = call.copilot ? "copilot" : "openai",
+  int attempts = 1;
+  const http::Wait wait = [&](double period_s, const auto& should_stop, auto deadline) {
+    ++attempts;
+    call.wait(period_s, should_stop, deadline);
+  };
+  const llm::LLMClient client({.provider = copilot ? "copilot" : "openai",
                                .base_url = url,
                                .model = "m",
-                               .api_key = KEY,
+                               .api_key = call.key,
                                .timeout_s = call.timeout_s,
-                               .max_retries = 1},
-                              {.transport = transport, .wait = call.wait});
+                               .max_retries = call.attempts - 1,
+                               .stream = call.asked != Asked::whole},
+                              {.transport = transport, .wait = wait});
   const llm::Messages messages{llm::user(std::string(call.size, 'x'))};
-  const auto moment = http::Clock::now() + (call.bound == Bound::none ? 0ms : call.until);
+  const auto moment = http::Clock::now() + call.until;
+  llm::ChatOptions options;
   // Stands for a flag that another thread sets.
-  const http::StopTest stop = [=] { return http::Clock::now() >= moment; };
-  const bool stops = call.bound == Bound::stop;
-  const bool ends = call.bound == Bound::deadline;
-  std::string told;
-  std::string end;
-  try {
-    told = client
-               .chat(messages, {.should_stop = stops ? stop : http::StopTest(),
-                                .deadline = ends ? std::optional(moment) : std::nullopt})
-               .content();
-    end = "answer";
-  } catch (const llm::LLMStopped& error) {
-    told = text_of(error);
-    end = "stopped";
-  } catch (const llm::LLMTimeout& error) {
-    told = text_of(error);
-    end = "late";
-  } catch (const llm::LLMError& error) {
-    told = text_of(error);
-    end = "error";
+  if (call.bound == Bound::stop) options.should_stop = [=] { return http::Clock::now() >= moment; };
+  if (call.bound == Bound::deadline) options.deadline = moment;
+  Outcome outcome = outcome_of([&] { return client.chat(messages, options).content(); });
+  outcome.requests = server.requests();
+  outcome.attempts = attempts;
+  if (call.bound != Bound::none) {
+    outcome.seconds = std::chrono::duration<double>(http::Clock::now() - moment).count();
   }
-  const std::chrono::duration<double> late = http::Clock::now() - moment;
-  return {.told = told,
-          .end = end,
-          .requests = server.requests(),
-          .seconds = late.count(),
-          .shows_key = shows_key(told)};
+  return outcome;
 }
 
-bool shows_key(std::string_view text) {
+bool shows_secret(std::string_view text) {
   constexpr std::size_t TOO_MUCH = 8;
-  return std::ranges::any_of(SPELLINGS, [&](const std::string& spelling) {
-    return text.find(spelling.substr(0, TOO_MUCH)) != std::string_view::npos;
-  });
+  return text.find(PASSWORD) != std::string_view::npos ||
+         std::ranges::any_of(SPELLINGS, [&](const std::string& spelling) {
+           return text.find(spelling.substr(0, TOO_MUCH)) != std::string_view::npos;
+         });
 }
 
-std::ptrdiff_t descriptors() {
-  return std::distance(fs::directory_iterator("/proc/self/fd"), {});
+const std::atomic<int>& watch_log() {
+  const auto listener = std::make_shared<Listener>();
+  spdlog::drop("tovren_mapstead.engines.llm");
+  spdlog::register_logger(
+      std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm", listener));
+  return listener->secrets;
+}
+
+std::ptrdiff_t entries(const char* folder) {
+  return std::distance(fs::directory_iterator(folder), {});
+}
+
+int inheritable_connections() {
+  int count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    const int descriptor = std::stoi(entry.path().filename().string());
+    int family = 0;
+    socklen_t size = sizeof family;
+    const bool connection =
+        getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &family, &size) == 0 && family == AF_INET;
+    if (connection && (fcntl(descriptor, F_GETFD) & FD_CLOEXEC) == 0) ++count;
+  }
+  return count;
 }
 
 std::shared_ptr<http::Transport> trusting(const loopback::Server& server) {
@@ -132,11 +195,10 @@ std::shared_ptr<http::Transport> trusting(const loopback::Server& server) {
   return {transport.get(), [transport, memory](auto*) { ::close(memory); }};
 }
 
-void forget_authorities() {
-  const loopback::Server unused([](loopback::Exchange&) {}, {.tls = true});
+void set_authorities(const std::string& pem) {
   static const auto file =
       fs::temp_directory_path() / ("tovren-authorities-" + std::to_string(getpid()));
-  std::ofstream(file) << unused.certificate();
+  std::ofstream(file) << pem;
   setenv("SSL_CERT_FILE", file.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before the calls
   std::atexit([] { fs::remove(file); });
 }

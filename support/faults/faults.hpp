@@ -1,95 +1,101 @@
-// Servers that misbehave, and calls to them: whatever can be seen of how such a call ends.
+// Calls to servers that misbehave: what such a call should come to, and what it comes to.
 #pragma once
 
-#include <array>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tovren_mapstead/engines/http/retry.hpp"
 #include "tovren_mapstead/engines/http/transport.hpp"
 
+#include "faults/catalogue.hpp"
 #include "loopback/server.hpp"
 
 namespace faults {
 
 namespace http = tovren_mapstead::engines::http;
 
-/// The key of every call; it holds characters that JSON, URLs and Base64 write in other ways.
-inline const std::string KEY = "sk-Fa/ult+Key=12345";
+/// How a call ends: "answer", or the name of the exception, and the answer or the error's text.
+struct Outcome {
+  std::string end;
+  std::string text{};
+  int requests = 0;
+  int attempts = 1;
+  double seconds = 0;  ///< From the start to the end of the call, or from its bound if it had one.
+};
 
-/// The key as it is, in JSON, in a URL and in Base64; a server may echo it in any of these.
-inline const std::array<std::string, 4> SPELLINGS{
-    KEY, "sk-Fa\\/ult+Key=12345", "sk-Fa%2Fult%2BKey%3D12345", "c2stRmEvdWx0K0tleT0xMjM0NQ=="};
-inline const std::string ECHO =
-    SPELLINGS[0] + " " + SPELLINGS[1] + " " + SPELLINGS[2] + " " + SPELLINGS[3];
+/// Runs a call. The text of an error includes those nested in it.
+[[nodiscard]] Outcome outcome_of(const std::function<std::string()>& call);
 
-/// An event stream up to its first chunk, and a JSON reply up to its length.
-inline const std::string STREAM =
-    "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nConnection: close\r\n"
-    "Transfer-Encoding: chunked\r\n\r\n";
-inline const std::string JSON =
-    "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n";
+/// The request that faults are met by.
+enum class Asked : std::uint8_t { streamed, whole, token };
+inline constexpr std::array EVERY_REQUEST{Asked::streamed, Asked::whole, Asked::token};
 
-/// The length of a body, and of a chunk, that never end.
-inline const std::string ENDLESS = "Content-Length: 99999999999999\r\n\r\n";
-inline const std::string ENDLESS_CHUNK = "fffffffffff\r\n";
+/// What `fault` means for an attempt with such a request.
+[[nodiscard]] Expect expect(const Fault& fault, Asked asked);
 
-/// A complete chunk.
-[[nodiscard]] std::string chunk(const std::string& bytes);
+/// What the prediction of a call depends on.
+struct Terms {
+  Asked asked = Asked::streamed;
+  bool json = false;
+  int attempts = 2;
+  bool patient = false;   ///< Whether the client's timeout is out of reach.
+  bool deadline = false;  ///< Whether the call has one that comes before a second attempt.
+};
 
-/// What a server can do at any moment. It may go on with `filler`, again and again, as long as the
-/// peer takes it: a byte at a time, or as fast as it can.
-void stay_silent(loopback::Exchange& exchange, const std::string& filler = {});
-void reset(loopback::Exchange& exchange, const std::string& filler = {});
-void close(loopback::Exchange& exchange, const std::string& filler = {});
-void trickle(loopback::Exchange& exchange, const std::string& filler);
-void flood(loopback::Exchange& exchange, const std::string& filler);
+inline constexpr const char* NEVER = "never";
+
+/// What a call comes to that meets the faults of `script`, one a request and the last for ever;
+/// null: an answer. The text is a part of the error's, or empty for an answer by script. Its end is
+/// `NEVER` if the caller has to end it.
+[[nodiscard]] Outcome predict(const std::vector<const Fault*>& script, const Terms& terms);
 
 /// What ends a call from outside.
-enum class Bound { none, stop, deadline };
+enum class Bound : std::uint8_t { none, stop, deadline };
 
 /// A server and a call to it.
 struct Call {
   std::string name;
-  std::string ends;  ///< What is expected of it; for the test alone.
   loopback::Server::Handler serve = [](loopback::Exchange& exchange) { exchange.close(); };
   loopback::Options options{};
-  std::string url{};      ///< Where the call goes instead of to the server.
-  std::string scheme{};   ///< How the server is spoken to instead of as it wants.
-  bool copilot = false;   ///< The server stands for both of Copilot's endpoints.
+  std::string url{};              ///< Where the call goes instead of to the server.
+  std::string scheme{};           ///< How the server is spoken to instead of as it wants.
+  Asked asked = Asked::streamed;  ///< `token`: the server stands for both of Copilot's endpoints.
+  std::string key = KEY;
   bool trusted = true;    ///< The server's certificate.
-  bool reached = true;    ///< Whether tries become requests; for the test alone.
   double timeout_s = 30;  ///< The client's.
+  int attempts = 2;
   std::size_t size = 10;  ///< Bytes of the message.
   Bound bound = Bound::none;
   std::chrono::milliseconds until{60};  ///< From the call to its bound.
   http::Wait wait = [](double, auto&, auto) {};
 };
 
-struct Outcome {
-  std::string told;  ///< The answer, or the error's text and those nested in it.
-  std::string end;   ///< "answer", "error", "stopped" or "late".
-  int requests;      ///< That reached the server.
-  double seconds;    ///< That it lasted, from its bound on if it had one.
-  bool shows_key;    ///< Whether more of the key than its first characters is in the text.
-};
-
-/// Makes a call with one try after the first.
+/// Makes a call.
 [[nodiscard]] Outcome make(const Call& call);
 
-/// Whether the text shows the key in any spelling.
-[[nodiscard]] bool shows_key(std::string_view text);
+/// Whether the text shows a part of the key that counts, in any spelling, or the password.
+[[nodiscard]] bool shows_secret(std::string_view text);
 
-/// How many descriptors this process has open.
-[[nodiscard]] std::ptrdiff_t descriptors();
+/// Makes a logger that prints nothing the client's. Returns how many of its lines show a secret.
+const std::atomic<int>& watch_log();
+
+/// How many entries a folder has: "/proc/self/fd" one for each descriptor of this process.
+[[nodiscard]] std::ptrdiff_t entries(const char* folder = "/proc/self/fd");
+
+/// How many connections a program that this process starts would inherit.
+[[nodiscard]] int inheritable_connections();
 
 /// A transport that trusts a server's certificate, if it has one.
 [[nodiscard]] std::shared_ptr<http::Transport> trusting(const loopback::Server& server);
 
-/// From now on no transport made without another choice reads the system's authorities, which takes
-/// longer than a bound may last.
-void forget_authorities();
+/// From now on transports made without another choice trust the authorities in `pem` and do not
+/// read those of the system, which takes longer than a bound may last.
+void set_authorities(const std::string& pem);
 
 }  // namespace faults

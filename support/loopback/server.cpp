@@ -1,15 +1,18 @@
 #include "loopback/server.hpp"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
-#include <cstdio>
-#include <stdexcept>
 #include <system_error>
 #include <tuple>
+#include <utility>
 
-#include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
@@ -17,26 +20,29 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "loopback/wire.hpp"
-
 namespace loopback {
 namespace {
 
-// `port` 0 takes a free one; it is set to the one taken.
-int open_listener(int backlog, std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// A socket that is bound to an address of this machine. `port` 0 takes a free one and is set to it.
+int bound_socket(std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
+  const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(host);
   address.sin_port = htons(port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (listener < 0 || bind(listener, generic, size) != 0 || listen(listener, backlog) != 0 ||
-      getsockname(listener, generic, &size) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot listen on loopback");
+  if (bound < 0 || bind(bound, generic, size) != 0 || getsockname(bound, generic, &size) != 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot bind to loopback");
   }
   port = ntohs(address.sin_port);
-  return listener;
+  return bound;
+}
+
+int open_listener(int backlog, std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
+  const int listener = bound_socket(port, host);
+  if (listen(listener, backlog) == 0) return listener;
+  throw std::system_error(errno, std::generic_category(), "cannot listen on loopback");
 }
 
 std::string local_address(std::uint16_t port) {
@@ -53,7 +59,166 @@ std::string pem_of(X509* certificate) {
 
 }  // namespace
 
-// A certificate made on the spot, for this machine unless it shall be another's.
+std::string chunk(std::string_view bytes) {
+  std::array<char, 16> size{};
+  const auto [end, error] = std::to_chars(size.data(), size.data() + size.size(), bytes.size(), 16);
+  return std::string(size.data(), end).append("\r\n").append(bytes).append("\r\n");
+}
+
+Exchange::Exchange(int socket, SSL_CTX* context, const std::atomic<bool>& stopping)
+    : _socket(socket), _stopping(stopping) {
+  fcntl(_socket, F_SETFL, O_NONBLOCK);
+  const int on = 1;
+  setsockopt(_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  if (context == nullptr) return;
+  _ssl.reset(SSL_new(context), SSL_free);
+  SSL_set_fd(_ssl.get(), _socket);
+  SSL_set_accept_state(_ssl.get());
+}
+
+Exchange::~Exchange() {
+  close();
+}
+
+// Repeats `act`, which returns what a system call or OpenSSL's counterpart returns, until it has
+// moved something. Returns 0 or less when the peer has gone or the server stops.
+template <class Act>
+long Exchange::attempt(short events, Act act) {
+  while (!_closed && !_stopping) {
+    const long result = act();
+    if (result > 0) return result;
+    if (_ssl) {
+      const int error = SSL_get_error(_ssl.get(), static_cast<int>(result));
+      if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) return 0;
+      events = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
+    } else if (result == 0 || (errno != EAGAIN && errno != EINTR)) {
+      return 0;
+    }
+    pollfd entry{.fd = _socket, .events = events, .revents = 0};
+    while (!_stopping && poll(&entry, 1, 20) <= 0) {
+    }
+  }
+  return 0;
+}
+
+bool Exchange::handshake() {
+  return !_ssl || attempt(POLLIN, [&] { return SSL_do_handshake(_ssl.get()); }) > 0;
+}
+
+bool Exchange::read_some() {
+  std::array<char, 16384> bytes{};
+  const long count = attempt(POLLIN, [&]() -> long {
+    if (_ssl) return SSL_read(_ssl.get(), bytes.data(), static_cast<int>(bytes.size()));
+    return recv(_socket, bytes.data(), bytes.size(), 0);
+  });
+  if (count > 0) _buffer.append(bytes.data(), static_cast<std::size_t>(count));
+  return count > 0;
+}
+
+bool Exchange::send(std::string_view bytes) {
+  constexpr std::size_t MOST = std::size_t{1} << 20U;
+  while (!bytes.empty()) {
+    const std::string_view some = bytes.substr(0, MOST);
+    const long count = attempt(POLLOUT, [&]() -> long {
+      if (_ssl) return SSL_write(_ssl.get(), some.data(), static_cast<int>(some.size()));
+      return ::send(_socket, some.data(), some.size(), MSG_NOSIGNAL);
+    });
+    if (count <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return !_closed;
+}
+
+// Reads the next request; returns false when the peer has gone or speaks no HTTP.
+bool Exchange::next_request() {
+  std::size_t end = 0;
+  while ((end = _buffer.find("\r\n\r\n")) == std::string::npos) {
+    if (!read_some()) return false;
+    if (std::isalpha(static_cast<unsigned char>(_buffer.front())) == 0) {  // TLS, most likely
+      send("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n");
+      return false;
+    }
+  }
+  _request = {};
+  std::string_view head = std::string_view(_buffer).substr(0, end + 2);
+  const auto take_until = [&](std::string_view mark) {
+    const std::string part(head.substr(0, head.find(mark)));
+    head.remove_prefix(std::min(part.size() + mark.size(), head.size()));
+    return part;
+  };
+  _request.method = take_until(" ");
+  _request.target = take_until(" ");
+  take_until("\r\n");
+  while (!head.empty()) {
+    std::string name = take_until(":");
+    std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
+    head.remove_prefix(std::min(head.find_first_not_of(' '), head.size()));
+    _request.headers[name] = take_until("\r\n");
+  }
+  _buffer.erase(0, end + 4);
+  std::size_t length = 0;
+  const std::string& declared = _request.headers["content-length"];
+  std::from_chars(declared.data(), declared.data() + declared.size(), length);
+  while (_buffer.size() < length) {
+    if (!read_some()) return false;
+  }
+  _request.body = _buffer.substr(0, length);
+  _buffer.erase(0, length);
+  return true;
+}
+
+void Exchange::reply(int status, std::string_view body, std::string_view type,
+                     std::string_view headers) {
+  std::string text = "HTTP/1.1 " + std::to_string(status) + " Scripted\r\n";
+  text.append("Content-Type: ").append(type).append("\r\nContent-Length: ");
+  text.append(std::to_string(body.size())).append("\r\n").append(headers);
+  send(text.append("\r\n").append(body));
+}
+
+void Exchange::start_stream(std::string_view type) {
+  send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Type: " + std::string(type) +
+       "\r\n\r\n");
+}
+
+void Exchange::stall() {
+  while (read_some()) {
+  }
+  close();
+}
+
+void Exchange::pause(std::chrono::milliseconds period) {
+  const auto end = std::chrono::steady_clock::now() + period;
+  while (!_stopping && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::min(period, std::chrono::milliseconds(5)));
+  }
+}
+
+void Exchange::close() {
+  if (!_closed) close_notify();
+  cut();
+}
+
+void Exchange::cut() {
+  if (!std::exchange(_closed, true)) ::close(_socket);  // once: the number may be another's by now
+}
+
+void Exchange::reset() {
+  const linger at_once{.l_onoff = 1, .l_linger = 0};
+  if (!_closed) setsockopt(_socket, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  cut();
+}
+
+void Exchange::close_notify() {
+  if (_ssl) SSL_shutdown(_ssl.get());
+}
+
+void Exchange::ticket() {
+  if (!_ssl) return;
+  SSL_new_session_ticket(_ssl.get());  // goes out with the next handshake step
+  SSL_do_handshake(_ssl.get());
+}
+
+// A certificate made on the spot, for this machine or for another.
 struct Server::Tls {
   explicit Tls(Certificate kind) {
     constexpr long HOUR_S = 3600;
@@ -87,66 +252,6 @@ struct Server::Tls {
       SSL_CTX_new(TLS_server_method())};
   std::string certificate;
 };
-
-bool Exchange::send(std::string_view bytes) {
-  return _wire.send(bytes);
-}
-
-void Exchange::reply(int status, std::string_view body, std::string_view type,
-                     std::string_view headers) {
-  std::string text = "HTTP/1.1 " + std::to_string(status) + " Scripted\r\n";
-  text.append("Content-Type: ").append(type).append("\r\nContent-Length: ");
-  text.append(std::to_string(body.size())).append("\r\n").append(headers);
-  text.append("\r\n").append(body);
-  send(text);
-}
-
-void Exchange::start_stream(std::string_view type) {
-  send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Type: " + std::string(type) +
-       "\r\n\r\n");
-}
-
-bool Exchange::chunk(std::string_view bytes) {
-  std::array<char, 24> size{};
-  const int digits = std::snprintf(size.data(), size.size(), "%zx\r\n", bytes.size());
-  std::string framed(size.data(), static_cast<std::size_t>(digits));
-  return send(framed.append(bytes).append("\r\n"));
-}
-
-void Exchange::end_stream() {
-  send("0\r\n\r\n");
-}
-
-void Exchange::stall() {
-  _wire.stall();
-}
-
-void Exchange::pause(std::chrono::milliseconds period) {
-  const auto end = std::chrono::steady_clock::now() + period;
-  while (!_wire.stopping() && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::min(period, std::chrono::milliseconds(5)));
-  }
-}
-
-void Exchange::close() {
-  _wire.close();
-}
-
-void Exchange::cut() {
-  _wire.close(Farewell::fin);
-}
-
-void Exchange::reset() {
-  _wire.close(Farewell::rst);
-}
-
-void Exchange::close_notify() {
-  _wire.close_notify();
-}
-
-void Exchange::ticket() {
-  _wire.ticket();
-}
 
 Server::Server(Handler handler, Options options)
     : _handler(std::move(handler)), _greeting(std::move(options.greeting)) {
@@ -186,45 +291,35 @@ void Server::accept_all() {
 }
 
 void Server::serve(int socket) {
-  // TLS writes ask for no shield; on this thread the signal may wait for ever.
+  // SSL_write has no MSG_NOSIGNAL.
   sigset_t sigpipe;
   sigemptyset(&sigpipe);
   sigaddset(&sigpipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &sigpipe, nullptr);
-  Wire wire(socket, _tls ? _tls->context.get() : nullptr, _stopping);
-  if (!wire.greet()) return;
-  if (_greeting) {
-    Exchange exchange(wire, {});
-    _greeting(exchange);
-    if (wire.closed()) return;
-  }
-  while (auto request = wire.next_request()) {
+  Exchange exchange(socket, _tls ? _tls->context.get() : nullptr, _stopping);
+  if (!exchange.handshake()) return;
+  if (_greeting) _greeting(exchange);
+  while (exchange.next_request()) {
     ++_requests;
-    Exchange exchange(wire, std::move(*request));
     _handler(exchange);
-    if (wire.closed()) return;
   }
 }
 
 BlackHole::BlackHole(bool connects, std::uint32_t host, std::uint16_t port) : _port(port) {
-  _listener = open_listener(connects ? 64 : 0, _port, host);
-  if (connects) return;
+  _sockets.push_back(open_listener(connects ? 64 : 0, _port, host));
   // With its queue full, the kernel drops what else wants to connect.
-  for (int i = 0; i < 8; ++i) {
-    const int filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (filler < 0) throw std::system_error(errno, std::generic_category(), "socket");
+  for (int i = 0; i < 8 && !connects; ++i) {
+    _sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(host);
     address.sin_port = htons(_port);
-    std::ignore = connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    _fillers.push_back(filler);
+    std::ignore = connect(_sockets.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
   }
 }
 
 BlackHole::~BlackHole() {
-  for (const int filler : _fillers) close(filler);
-  close(_listener);
+  for (const int socket : _sockets) close(socket);
 }
 
 std::string BlackHole::address() const {
@@ -232,8 +327,12 @@ std::string BlackHole::address() const {
 }
 
 std::string refused_url() {
-  std::uint16_t port = 0;
-  close(open_listener(1, port));
+  // Bound without listening, and for good: nobody else can take the port and answer.
+  static const std::uint16_t port = [] {
+    std::uint16_t bound = 0;
+    bound_socket(bound);
+    return bound;
+  }();
   return "http://" + local_address(port);
 }
 

@@ -1,5 +1,5 @@
-// A small HTTP/1.1 server on the loopback interface whose every move is scripted: the tests, the
-// benchmarks and the demo talk to it through real sockets. Not for the open network.
+// A small HTTP/1.1 server on the loopback interface. Everything that it does is scripted. Tests,
+// benchmarks and the demo talk to it over real sockets. Not for the open network.
 #pragma once
 
 #include <atomic>
@@ -10,33 +10,38 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include <openssl/ssl.h>
+
 namespace loopback {
 
 /// One request as it arrived; header names in lower case.
 struct Request {
-  std::string method;
-  std::string target;
-  std::map<std::string, std::string> headers;
-  std::string body;
+  std::string method{};
+  std::string target{};
+  std::map<std::string, std::string> headers{};
+  std::string body{};
 };
 
-/// Bytes to and from one peer, over TCP or TLS.
-class Wire;
+/// A chunk of a chunked body.
+[[nodiscard]] std::string chunk(std::string_view bytes);
 
-/// One request and the means to answer it. Lives while the handler runs.
+/// A connection, over TCP or TLS, and the request on it that is being answered.
 class Exchange {
  public:
-  Exchange(Wire& wire, Request request) : _wire(wire), _request(std::move(request)) {}
+  /// Owns `socket`. `context` may be null: no TLS. All waits end when `stopping` is set.
+  Exchange(int socket, SSL_CTX* context, const std::atomic<bool>& stopping);
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+  ~Exchange();
 
   [[nodiscard]] const Request& request() const noexcept { return _request; }
 
-  /// Sends bytes as they are. False once the peer has gone.
+  /// Sends bytes as they are. Returns false once the peer has gone.
   bool send(std::string_view bytes);
 
   /// Sends a whole reply. `headers`: complete lines, each with its CRLF.
@@ -45,16 +50,21 @@ class Exchange {
 
   /// Starts a chunked event stream, sends one chunk of it, ends it.
   void start_stream(std::string_view type = "text/event-stream");
-  bool chunk(std::string_view bytes);
-  void end_stream();
 
-  /// Says nothing until the peer closes or the server stops; then the connection is closed.
+  bool chunk(std::string_view bytes) { return send(loopback::chunk(bytes)); }
+
+  void end_stream() { send("0\r\n\r\n"); }
+
+  /// Sends nothing until the peer closes or the server stops; then the connection is closed.
   void stall();
 
   /// Lets time pass, less if the server stops.
   void pause(std::chrono::milliseconds period);
 
-  /// Closes the connection after this exchange; `cut` without close_notify, `reset` with a RST.
+  /// Reads up to 16 KiB of the next request. Returns false once the peer has gone.
+  bool read_some();
+
+  /// Closes the connection; `cut` without close_notify, `reset` with a RST.
   void close();
   void cut();
   void reset();
@@ -64,17 +74,28 @@ class Exchange {
   void ticket();
 
  private:
-  Wire& _wire;
+  friend class Server;
+
+  bool handshake();
+  bool next_request();
+  template <class Act>
+  long attempt(short events, Act act);
+
+  int _socket;
+  std::shared_ptr<SSL> _ssl;
+  const std::atomic<bool>& _stopping;
+  std::string _buffer;
   Request _request;
+  bool _closed = false;
 };
 
-/// What a server over TLS shows of itself. All are signed by themselves.
+/// What a server over TLS shows of itself. All are self-signed.
 enum class Certificate { good, expired, of_another_host };
 
 struct Options {
   bool tls = false;
   Certificate certificate = Certificate::good;
-  /// Plays with each connection, TLS agreed, before its first request is read, if there is any.
+  /// Called for each connection, TLS agreed, before its first request is read, if it is set.
   std::function<void(Exchange&)> greeting{};
 };
 
@@ -118,12 +139,11 @@ class Server {
   Handler _greeting;
   std::unique_ptr<Tls> _tls;
   std::string _certificate;
-  int _listener = -1;
   std::uint16_t _port = 0;
+  int _listener = -1;
   std::atomic<bool> _stopping = false;
   std::atomic<int> _connections = 0;
   std::atomic<int> _requests = 0;
-  std::mutex _mutex;
   std::list<Peer> _peers;
   std::thread _acceptor;
 };
@@ -142,12 +162,11 @@ class BlackHole {
   [[nodiscard]] std::string address() const;
 
  private:
-  int _listener = -1;
-  std::vector<int> _fillers;
+  std::vector<int> _sockets;
   std::uint16_t _port = 0;
 };
 
-/// The URL of a port that refuses connections.
+/// The URL of a port that refuses connections until the process ends.
 [[nodiscard]] std::string refused_url();
 
 }  // namespace loopback

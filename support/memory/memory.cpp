@@ -102,21 +102,14 @@ bool fail(std::size_t nth) {
 
 }  // namespace memory
 
+// The array forms call these. A sanitizer's nothrow form would not.
 void* operator new(std::size_t size) {
   void* const block = allocate(size);
   if (block == nullptr) throw std::bad_alloc();
   return block;
 }
 
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return allocate(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   return allocate(size);
 }
 
@@ -124,22 +117,6 @@ void operator delete(void* block) noexcept {
   release(block);
 }
 
-void operator delete[](void* block) noexcept {
-  release(block);
-}
-
 void operator delete(void* block, std::size_t) noexcept {
-  release(block);
-}
-
-void operator delete[](void* block, std::size_t) noexcept {
-  release(block);
-}
-
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-  release(block);
-}
-
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
   release(block);
 }

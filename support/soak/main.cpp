@@ -1,36 +1,45 @@
-// ./soak: many threads on a few clients against an endpoint that misbehaves, every outcome checked.
+// ./soak: many threads on a few clients, each call a script of the catalogue's faults, and every
+// outcome held against its prediction.
 #include <array>
+#include <atomic>
 #include <charconv>
-#include <csignal>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
 
-#include <fcntl.h>
 #include <malloc.h>
-#include <spdlog/sinks/base_sink.h>
-#include <spdlog/spdlog.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include "tovren_mapstead/engines/copilot.hpp"
 #include "tovren_mapstead/engines/llm.hpp"
 
+#include "endpoint/completion.hpp"
+#include "endpoint/endpoint.hpp"
+#include "faults/faults.hpp"
 #include "playback/playback.hpp"
-#include "soak/endpoint.hpp"
 
-namespace soak {
 namespace {
 
-namespace fs = std::filesystem;
 namespace http = tovren_mapstead::engines::http;
 namespace llm = tovren_mapstead::engines::llm;
-using Clock = http::Clock;
+using faults::Asked;
+using faults::End;
+using faults::Fault;
+using faults::Outcome;
+using http::Clock;
+using loopback::Exchange;
 using std::chrono::milliseconds;
 
 constexpr int CALLERS = 24;
+constexpr int ATTEMPTS = 3;
+constexpr std::size_t MOST_REQUESTS = 3 * ATTEMPTS;  // each without JSON mode, without streaming
 
 // Sanitizers slow everything down and keep memory of their own.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -39,280 +48,256 @@ constexpr bool SANITIZED = true;
 constexpr bool SANITIZED = false;
 #endif
 
-// How late a call may return on a busy machine; an endpoint that stalls does so until it is left.
+// How late a call may return on a busy machine, and how long one without a bound may take.
 constexpr milliseconds SLACK{SANITIZED ? 3000 : 500};
-
-// Steady streams take long where a hundred threads want the processor; a call that hangs takes
-// longer.
 constexpr milliseconds LONGEST_CALL{SANITIZED ? 90'000 : 20'000};
 
-constexpr long HEAP_TOLERANCE_KIB = 2048;
-constexpr long RSS_TOLERANCE_KIB = 8192;
+// There is a client for each. The last one's time limit is soon over.
+enum Path : std::uint8_t { PLAIN, WHOLE, TLS, COPILOT, IMPATIENT };
 
-struct Tally {
-  std::atomic<long> calls = 0, answers = 0, errors = 0, timeouts = 0, stops = 0;
-  std::atomic<long> wrong = 0, late = 0, secrets = 0, inheritable = 0;
+// One call, drawn from the seed of the run and the number of the call.
+struct Script {
+  Path path = IMPATIENT;
+  bool json = false;
+  std::optional<milliseconds> deadline{}, stop{};
+  std::string prompt{};                // begins with the number
+  std::string answer = "So,";          // in place of those that are null
+  std::vector<const Fault*> faults{};  // one a request
 };
 
-// Counts the log lines with a secret in them, and prints none.
-class Listener final : public spdlog::sinks::base_sink<std::mutex> {
+// A fault that ends soon, or one that ends by the timeout. None floods: that takes a core.
+const Fault* draw_fault(std::mt19937_64& random, End end) {
+  const std::vector<Fault>& all = faults::catalogue();
+  for (;;) {
+    const Fault& fault = all[random() % all.size()];
+    const bool fits = fault.streamed.end == end && fault.whole.end == end;
+    if (fits && fault.act != faults::Act::flood) return &fault;
+  }
+}
+
+Script draw(std::uint64_t seed, std::uint64_t number) {
+  constexpr std::array WORDS{"moss",    "quarry", "naïve",  "“river”", "\n\n",        "日本語",
+                             "lantern", "\\",     "\"it\"", "😀",       "data: [DONE]"};
+  std::mt19937_64 random(seed << 32U ^ number);
+  const auto one_in = [&](unsigned chances) { return random() % chances == 0; };
+  Script script;
+  if (!one_in(50)) script.path = static_cast<Path>(random() % IMPATIENT);
+  script.json = one_in(3);
+  script.prompt = std::to_string(number) + ' ' + std::string(random() % 300, 'p');
+  if (one_in(20)) script.prompt.append(50'000, 'q');
+  for (auto words = one_in(20) ? 600 : random() % 40; words > 0; --words) {
+    script.answer.append(" ").append(WORDS.at(random() % WORDS.size()));
+  }
+  script.answer += " it is.";
+  const bool patient = script.path != IMPATIENT;
+  while (script.faults.size() < MOST_REQUESTS) {
+    const bool answers = patient && random() % 100 < 55;
+    const End end = patient ? End::soon : End::timeout;
+    script.faults.push_back(answers ? nullptr : draw_fault(random, end));
+  }
+  if (patient && one_in(6)) {
+    (one_in(2) ? script.deadline : script.stop) = milliseconds(1 + random() % 200);
+    if (one_in(2)) script.faults[random() % 3] = draw_fault(random, End::timeout);
+  }
+  return script;
+}
+
+class Soak {
  public:
-  explicit Listener(Tally& tally) : _tally(tally) {}
-
- private:
-  void sink_it_(const spdlog::details::log_msg& line) override {
-    _tally.secrets += holds_secret({line.payload.data(), line.payload.size()}) ? 1 : 0;
-  }
-
-  void flush_() override {}
-
-  Tally& _tally;
-};
-
-long entries(const char* folder) {
-  return std::distance(fs::directory_iterator(folder), {});
-}
-
-std::uint64_t number(std::string_view text, std::uint64_t otherwise) {
-  std::uint64_t value = otherwise;
-  std::from_chars(text.data(), text.data() + text.size(), value);
-  return value;
-}
-
-// Connections that a program which this one starts would inherit.
-long inheritable_connections() {
-  long count = 0;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    const auto descriptor = static_cast<int>(number(entry.path().filename().string(), 0));
-    int family = 0;
-    socklen_t size = sizeof family;
-    const bool connection =
-        getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &family, &size) == 0 && family == AF_INET;
-    if (connection && (fcntl(descriptor, F_GETFD) & FD_CLOEXEC) == 0) ++count;
-  }
-  return count;
-}
-
-// Of the process, in KiB.
-struct Memory {
-  long heap = 0;
-  long rss = 0;
-
-  static Memory now() {
-    malloc_trim(0);
-    long pages = 0;
-    std::ifstream("/proc/self/statm") >> pages >> pages;
-    const auto in_use = mallinfo2();
-    return {.heap = static_cast<long>((in_use.uordblks + in_use.hblkhd) / 1024),
-            .rss = pages * getpagesize() / 1024};
-  }
-};
-
-class Clients {
- public:
-  explicit Clients(const Endpoint& endpoint)
-      : _ca_file(fs::temp_directory_path() /
-                 ("tovren-soak-" + std::to_string(endpoint.tls().port()) + ".pem")) {
-    std::ofstream(_ca_file) << endpoint.tls().certificate();
-    const auto transport = http::make_transport({.ca_file = _ca_file.string()});
-    const auto detour = std::make_shared<playback::Detour>(endpoint.plain().url());
-    for (int i = 0; i < ROADS; ++i) {
-      const auto road = static_cast<Road>(i);
-      const bool copilot = road == Road::copilot;
-      const llm::LLMConfig config({.provider = copilot ? "copilot" : "openai",
-                                   .base_url = copilot
-                                                   ? tovren_mapstead::engines::copilot::COPILOT_BASE
-                                               : road == Road::tls ? endpoint.tls().url()
-                                                                   : endpoint.plain().url(),
+  explicit Soak(std::uint64_t seed) : _seed(seed) {
+    const auto transport = faults::trusting(_tls.server());
+    const auto detour = std::make_shared<playback::Detour>(_plain.url());
+    // Short, but refused where the whole wait would be.
+    const http::Wait wait = [](double period_s, const auto& should_stop, auto deadline) {
+      http::wait_unless_stopped(deadline ? period_s : period_s / 500, should_stop, deadline);
+    };
+    for (const Path path : {PLAIN, WHOLE, TLS, COPILOT, IMPATIENT}) {
+      const llm::LLMConfig config({.provider = path == COPILOT ? "copilot" : "openai",
+                                   .base_url = (path == TLS ? _tls : _plain).url(),
                                    .model = "m",
-                                   .api_key = endpoint.key(),
-                                   .timeout_s = road == Road::impatient ? IMPATIENT_S : 120,
-                                   .max_retries = TRIES - 1,
-                                   .stream = road != Road::whole});
-      _clients.emplace_back(
-          config, llm::ClientOptions{.transport = copilot ? detour : transport, .wait = wait});
+                                   .api_key = faults::KEY,
+                                   .timeout_s = path == IMPATIENT ? 0.25 : 120,
+                                   .max_retries = ATTEMPTS - 1,
+                                   .stream = path != WHOLE});
+      _clients.emplace_back(config, llm::ClientOptions{path == COPILOT ? detour : transport, wait});
     }
   }
 
-  Clients(const Clients&) = delete;
-  Clients& operator=(const Clients&) = delete;
-
-  ~Clients() { fs::remove(_ca_file); }
-
-  const llm::LLMClient& on(Road road) const { return _clients.at(static_cast<std::size_t>(road)); }
-
- private:
-  // Makes short work of the seconds between tries.
-  static void wait(double period_s, const http::StopTest& should_stop,
-                   std::optional<http::Deadline> deadline) {
-    // Shorter, and yet refused where the whole would be: that is what the oracle counts on.
-    if (deadline && http::Clock::now() + std::chrono::duration<double>(period_s) >= *deadline) {
-      throw http::DeadlineExceeded("the wait would last past the deadline");
-    }
-    http::wait_unless_stopped(period_s / 500, should_stop, deadline);
-  }
-
-  fs::path _ca_file;
-  std::vector<llm::LLMClient> _clients;
-};
-
-struct Told {
-  Outcome::Kind kind = Outcome::Kind::never;
-  std::string text{};
-  bool complete = false;  // an answer in all its parts
-};
-
-Told ask(const llm::LLMClient& client, const Call& call, Clock::time_point start) {
-  http::StopTest should_stop;
-  std::optional<http::Deadline> deadline;
-  if (call.stop) should_stop = [end = start + *call.stop] { return Clock::now() >= end; };
-  if (call.deadline) deadline = start + *call.deadline;
-  try {
-    const llm::LLMResult result =
-        client.chat({llm::user(call.prompt)},
-                    {.response_json = call.json, .should_stop = should_stop, .deadline = deadline});
-    const llm::LLMResult whole({.content = result.content(),
-                                .model = call.model,
-                                .prompt_tokens = static_cast<std::int64_t>(call.prompt.size()),
-                                .completion_tokens = static_cast<std::int64_t>(call.pieces.size()),
-                                .finish_reason = "stop"});
-    return {Outcome::Kind::answer, result.content(), result == whole};
-  } catch (const llm::LLMStopped& error) {
-    return {Outcome::Kind::stopped, error.what()};
-  } catch (const llm::LLMTimeout& error) {
-    return {Outcome::Kind::timeout, error.what()};
-  } catch (const llm::LLMError& error) {
-    return {Outcome::Kind::error, error.what()};
-  } catch (const std::exception& error) {
-    return {Outcome::Kind::never, error.what()};
-  }
-}
-
-// Whether a call could come to this, that late, with so many requests.
-bool right(const Call& call, const Told& told, milliseconds took, int requests) {
-  using Kind = Outcome::Kind;
-  const Outcome due = outcome_of(call);
-  if (told.kind == Kind::stopped) return call.stop && took >= *call.stop;
-  if (told.kind == Kind::timeout && call.deadline && took >= *call.deadline) return true;
-  if (told.kind != due.kind || (requests != due.requests && call.road != Road::impatient))
-    return false;
-  if (told.kind == Kind::answer) return told.complete && told.text == due.text;
-  return told.text.find(due.text) != std::string::npos;
-}
-
-void make_call(const Clients& clients, Endpoint& endpoint, const Call& call, Tally& tally) {
-  endpoint.open(call);
-  const auto start = Clock::now();
-  const Told told = ask(clients.on(call.road), call, start);
-  const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-  const int requests = endpoint.close(call);
-  using Kind = Outcome::Kind;
-  const bool answered = told.kind == Kind::answer;
-  ++(answered                     ? tally.answers
-     : told.kind == Kind::timeout ? tally.timeouts
-     : told.kind == Kind::stopped ? tally.stops
-                                  : tally.errors);
-  const milliseconds bound = call.deadline ? *call.deadline : call.stop ? *call.stop : LONGEST_CALL;
-  if (took > bound + SLACK) {
-    ++tally.late;
-    std::fprintf(stderr, "call %lu returned after %ld ms\n", call.id,
-                 static_cast<long>(took.count()));
-  }
-  if (!answered && holds_secret(told.text)) {
-    ++tally.secrets;
-    std::fprintf(stderr, "call %lu shows a secret: %s\n", call.id, told.text.c_str());
-  }
-  if (!right(call, told, took, requests) && ++tally.wrong <= 20) {
-    const Outcome due = outcome_of(call);
-    std::fprintf(
-        stderr, "call %lu, road %d: outcome %d instead of %d, %d requests instead of %d: %s\n",
-        call.id, static_cast<int>(call.road), static_cast<int>(told.kind),
-        static_cast<int>(due.kind), requests, due.requests, told.text.substr(0, 300).c_str());
-  }
-  ++tally.calls;
-}
-
-// Makes calls until the time is over, and tells how much more memory the second half has left in
-// use than the first.
-Memory run(std::chrono::seconds period, std::uint64_t seed, Tally& tally) {
-  Endpoint endpoint(seed);
-  setenv("COPILOT_GITHUB_TOKEN", endpoint.key().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-  const Clients clients(endpoint);
-  std::atomic<std::uint64_t> next = 1;
-  const auto half = [&] {
-    const auto end = Clock::now() + period / 2.0;
+  // Makes calls on some threads until the time is over.
+  void run(std::chrono::duration<double> period) {
+    const auto end = Clock::now() + period;
     std::vector<std::jthread> callers;
     callers.reserve(CALLERS);
     for (int i = 0; i < CALLERS; ++i) {
-      callers.emplace_back([&] {
-        while (Clock::now() < end) make_call(clients, endpoint, draw(seed, next++), tally);
+      callers.emplace_back([this, end] {
+        while (Clock::now() < end) call(_next++);
       });
     }
-    callers.clear();
-    return Memory::now();
-  };
-  const Memory first = half();
-  tally.inheritable = inheritable_connections();
-  const Memory second = half();
-  tally.wrong += endpoint.strange();
-  return {.heap = second.heap - first.heap, .rss = second.rss - first.rss};
+  }
+
+  std::map<std::string, long> counts;  // of the ends of calls, and of what should not be
+
+ private:
+  void call(std::uint64_t number) {
+    const Script script = draw(_seed, number);
+    const auto start = Clock::now();
+    llm::ChatOptions options{.response_json = script.json};
+    if (script.stop) options.should_stop = [&] { return Clock::now() >= start + *script.stop; };
+    if (script.deadline) options.deadline = start + *script.deadline;
+    Outcome seen = faults::outcome_of([&] {
+      return _clients.at(script.path).chat({llm::user(script.prompt)}, options).content();
+    });
+    const Outcome due = faults::predict(
+        script.faults, {.asked = script.path == WHOLE ? Asked::whole : Asked::streamed,
+                        .json = script.json,
+                        .attempts = ATTEMPTS,
+                        .patient = script.path != IMPATIENT,
+                        .deadline = script.deadline.has_value()});
+    const milliseconds bound = script.deadline.value_or(script.stop.value_or(LONGEST_CALL));
+    const std::lock_guard lock(_mutex);
+    seen.requests = std::exchange(_requests[number], 0);
+    _requests.erase(number);
+    const bool late = seen.seconds > std::chrono::duration<double>(bound + SLACK).count();
+    const bool shown = faults::shows_secret(seen.text);
+    const bool wrong = !right(script, seen, due);
+    ++counts["calls"];
+    ++counts[seen.end];
+    counts["late"] += late ? 1 : 0;
+    counts["shown"] += shown ? 1 : 0;
+    counts["wrong"] += wrong ? 1 : 0;
+    if (!(late || shown || wrong) || counts["wrong"] > 20) return;
+    std::fprintf(stderr,
+                 "call %lu: %s after %.3f s and %d requests: %.300s\n  not %s, %d: %.300s\n",
+                 number, seen.end.c_str(), seen.seconds, seen.requests, seen.text.c_str(),
+                 due.end.c_str(), due.requests, due.text.c_str());
+  }
+
+  // Whether a call could come to this.
+  static bool right(const Script& script, const Outcome& seen, const Outcome& due) {
+    const auto reached = [&](const std::optional<milliseconds>& bound) {
+      return bound && seen.seconds >= std::chrono::duration<double>(*bound).count();
+    };
+    if (seen.end == "LLMStopped") return reached(script.stop);
+    if (seen.end == "LLMTimeout" && reached(script.deadline)) return true;
+    if (seen.end != due.end) return false;
+    if (seen.requests != due.requests && script.path != IMPATIENT) return false;
+    // The text for a kept connection that ends before the head.
+    const bool kept = seen.text.find("broke before a reply") != std::string::npos;
+    if (kept && (due.text == "reset" || due.text == "empty reply")) return true;
+    if (seen.end != "answer") return seen.text.find(due.text) != std::string::npos;
+    return seen.text == (due.text.empty() ? script.answer : due.text);
+  }
+
+  // Serves a call what its script says. Nobody should ask without the key, with another prompt, or
+  // once too often.
+  void serve(Exchange& exchange) {
+    auto asked = endpoint::Json::parse(exchange.request().body);
+    const std::string prompt = asked.at("messages").at(0).at("content");
+    std::uint64_t number = 0;
+    std::from_chars(prompt.data(), prompt.data() + prompt.size(), number);
+    const Script script = draw(_seed, number);
+    std::size_t request = 0;
+    {
+      const std::lock_guard lock(_mutex);
+      request = static_cast<std::size_t>(_requests[number]++);
+      const bool has_key = faults::shows_secret(exchange.request().headers.at("authorization"));
+      if (!has_key || prompt != script.prompt || request >= MOST_REQUESTS) ++counts["wrong"];
+    }
+    std::mt19937_64 random(number * MOST_REQUESTS + request);
+    const auto one_in = [&](unsigned chances) { return random() % chances == 0; };
+    if (one_in(4)) exchange.pause(milliseconds(random() % 20));
+    const std::size_t piece_bytes = 1 + random() % (one_in(2) ? 60'000 : 400);
+    if (const Fault* const fault = script.faults[request % MOST_REQUESTS]) {
+      return play(exchange, *fault, piece_bytes);
+    }
+    if (one_in(8)) asked["stream"] = false;  // who asks for a stream may get a whole reply
+    const std::string reasoning = one_in(4) ? "<think>Hm.</think>\n\n" : "";
+    endpoint::reply(exchange, asked, {.text = reasoning + script.answer}, {}, piece_bytes);
+  }
+
+  // Tokens that are soon to be renewed, so that there are exchanges all the time.
+  void give_token(Exchange& exchange) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto expires_at = std::chrono::duration_cast<std::chrono::seconds>(now).count() + 1800;
+    exchange.reply(200, endpoint::Json{{"token", faults::KEY + std::to_string(++_tokens)},
+                                       {"expires_at", expires_at},
+                                       {"refresh_in", 1}}
+                            .dump());
+  }
+
+  const std::uint64_t _seed;
+  std::atomic<std::uint64_t> _next = 1, _tokens = 0;
+  std::mutex _mutex;
+  std::map<std::uint64_t, int> _requests;  // of the calls that run
+  const endpoint::Handler _serve = [this](auto& exchange) { serve(exchange); };
+  endpoint::Endpoint _plain{_serve, {}, [this](auto& exchange) { give_token(exchange); }};
+  endpoint::Endpoint _tls{_serve, {.tls = true}};
+  std::vector<llm::LLMClient> _clients;
+};
+
+// The memory of the process in KiB: heap and resident.
+std::pair<long, long> memory() {
+  malloc_trim(0);
+  long pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  const auto in_use = mallinfo2();
+  return {static_cast<long>((in_use.uordblks + in_use.hblkhd) / 1024),
+          pages * getpagesize() / 1024};
 }
 
-// What is left of these after `before` were there; resolver threads may take a moment to end.
-long left(const char* folder, long before) {
-  long more = 0;
-  for (int i = 0; i < 100 && (more = entries(folder) - before) != 0; ++i)
-    std::this_thread::sleep_for(milliseconds(20));
-  return more;
-}
-
-int soak(std::chrono::seconds period, std::uint64_t seed) {
+int run(std::chrono::seconds period, std::uint64_t seed) {
   constexpr const char* DESCRIPTORS = "/proc/self/fd";
   constexpr const char* THREADS = "/proc/self/task";
-  Tally tally;
-  spdlog::register_logger(std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm",
-                                                           std::make_shared<Listener>(tally)));
+  const std::atomic<int>& logged = faults::watch_log();
   std::jthread([] {}).join();  // with the first one, ThreadSanitizer starts one of its own
-  const long descriptors = entries(DESCRIPTORS);
-  const long threads = entries(THREADS);
-  const Memory grown = run(period, seed, tally);
-  bool well = tally.answers > 0 && tally.errors > 0;
-  const auto row = [&](const char* what, long count, bool checked = false, long most = 0) {
-    const bool bad = checked && count > most;
+  const auto descriptors = faults::entries(DESCRIPTORS);
+  const auto threads = faults::entries(THREADS);
+  auto soak = std::make_unique<Soak>(seed);
+  soak->run(period / 2.0);
+  const auto [heap, resident] = memory();
+  const int inheritable = faults::inheritable_connections();
+  soak->run(period / 2.0);
+  const auto [heap_after, resident_after] = memory();
+  auto counts = std::move(soak->counts);
+  soak.reset();
+  bool well = counts["answer"] > 0 && counts["LLMError"] > 0;
+  const auto row = [&](const char* what, long count, std::optional<long> most = std::nullopt) {
+    const bool bad = most && count > *most;
     well = well && !bad;
     std::printf("%-44s%10ld%s\n", what, count, bad ? "   WRONG" : "");
   };
-  std::printf("%-44s%10ld s, seed %lu\n", "soak", static_cast<long>(period.count()), seed);
-  row("calls", tally.calls);
-  row("answers", tally.answers);
-  row("LLMError", tally.errors);
-  row("LLMTimeout", tally.timeouts);
-  row("LLMStopped", tally.stops);
-  row("wrong outcomes", tally.wrong, true);
-  row("calls that outlived their bound", tally.late, true);
-  row("secrets in errors and log lines", tally.secrets, true);
-  row("connections that a child would inherit", tally.inheritable, true);
-  row("descriptors left", left(DESCRIPTORS, descriptors), true);
-  row("threads left", left(THREADS, threads), true);
+  // The resolver's threads may take a moment to end.
+  const auto left = [](const char* folder, long before) {
+    for (int i = 0; i < 100 && faults::entries(folder) > before; ++i) usleep(20'000);
+    return faults::entries(folder) - before;
+  };
+  std::printf("soak of %ld s, seed %lu\n", static_cast<long>(period.count()), seed);
+  for (const char* const end : {"calls", "answer", "LLMError", "LLMTimeout", "LLMStopped"}) {
+    row(end, counts[end]);
+  }
+  row("wrong outcomes", counts["wrong"], 0);
+  row("calls that outlived their bound", counts["late"], 0);
+  row("secrets in errors and log lines", counts["shown"] + logged, 0);
+  row("connections that a child would inherit", inheritable, 0);
+  row("descriptors left", left(DESCRIPTORS, descriptors), 0);
+  row("threads left", left(THREADS, threads), 0);
   if (!SANITIZED) {
-    row("heap growth since mid-run, KiB (2048 at most)", grown.heap, true, HEAP_TOLERANCE_KIB);
-    row("RSS growth since mid-run, KiB (8192 at most)", grown.rss, true, RSS_TOLERANCE_KIB);
+    row("heap growth since mid-run, KiB (2048 at most)", heap_after - heap, 2048);
+    row("RSS growth since mid-run, KiB (8192 at most)", resident_after - resident, 8192);
   }
   return well ? 0 : 1;
 }
 
 }  // namespace
-}  // namespace soak
 
 int main(int argc, char** argv) {
-  const std::vector<std::string_view> arguments(argv + 1, argv + argc);
-  const std::uint64_t seconds = arguments.empty() ? 0 : soak::number(arguments[0], 0);
-  if (seconds == 0 || arguments.size() > 2) {
+  const long seconds = argc > 1 ? std::atol(argv[1]) : 0;
+  if (seconds <= 0 || argc > 3) {
     std::fputs("usage: ./soak SECONDS [SEED]\n", stderr);
     return 2;
   }
-  setenv("no_proxy", "*", 1);                   // NOLINT(concurrency-mt-unsafe): no threads yet
-  alarm(static_cast<unsigned>(seconds) + 300);  // a call that never returns ends the run
-  return soak::soak(std::chrono::seconds(seconds),
-                    arguments.size() > 1 ? soak::number(arguments[1], 1) : 1);
+  setenv("no_proxy", "*", 1);                              // NOLINT(concurrency-mt-unsafe)
+  setenv("COPILOT_GITHUB_TOKEN", faults::KEY.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  alarm(static_cast<unsigned>(seconds) + 300);             // a call that never returns ends the run
+  return run(std::chrono::seconds(seconds), argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1);
 }

@@ -1,0 +1,267 @@
+#include "faults/catalogue.hpp"
+
+#include <algorithm>
+#include <chrono>
+
+namespace faults {
+namespace {
+
+const std::string EVENT = "data: {\"choices\":[{\"delta\":{\"content\":\"hi\"}}]}\n\n";
+const std::string ANSWER = R"({"choices":[{"message":{"content":"hi"}}]})";
+const std::string LENGTH = "Content-Length: " + std::to_string(ANSWER.size()) + "\r\n\r\n";
+const std::string CHUNKED = "Transfer-Encoding: chunked\r\n\r\n";
+const std::string LAST_CHUNK = "0\r\n\r\n";
+
+const Expect HI{Effect::answer, "hi"};
+const Expect EXCEEDED{Effect::again, "stream exceeded timeout", End::timeout};
+
+Expect again(const std::string& text) {
+  return {Effect::again, text};
+}
+
+Expect failure(const std::string& text) {
+  return {Effect::failure, text};
+}
+
+// What each act means at one moment of a reply.
+struct Acts {
+  Expect stall{Effect::again, "no data for", End::timeout};
+  Expect reset = again("reset");
+  Expect close = again("breaks off");
+  Expect trickle{.end = End::never};
+  Expect flood = failure("too large");
+};
+
+// A moment of a reply: what was sent before it, and what the server can go on with.
+struct Moment {
+  std::string name;
+  std::string before{}, filler;
+  Acts streamed{};
+  Acts whole = streamed;
+};
+
+void add_moments(std::vector<Fault>& faults) {
+  const Acts body{.flood = failure("larger than 64 MiB")};
+  const auto status_of = [](const Expect& soon) {
+    const Expect late{soon.effect, soon.text, End::patience};
+    return Acts{.stall = late, .reset = soon, .close = soon, .trickle = late, .flood = soon};
+  };
+  const Moment moments[] = {
+      {.name = "before the head",
+       .filler = "HTTP/1.1 103 Early Hints\r\n\r\n",
+       .streamed = {.close = again("empty reply")}},
+      {.name = "in the head", .before = "HTTP/1.1 200 OK\r\nContent-Type: te", .filler = "x"},
+      {.name = "between header lines", .before = "HTTP/1.1 200 OK\r\n", .filler = "A: b\r\n"},
+      {.name = "in an event",
+       .before = STREAM + ENDLESS_CHUNK + "data: {\"choi",
+       .filler = "x",
+       .streamed = {.trickle = EXCEEDED, .flood = failure("longer than 16 MiB")},
+       .whole = body},
+      {.name = "between events",
+       .before = STREAM + ENDLESS_CHUNK + EVENT,
+       .filler = ": still there\n",
+       .streamed = {.trickle = EXCEEDED, .flood = EXCEEDED},
+       .whole = body},
+      {.name = "after the end marker",
+       .before = STREAM + ENDLESS_CHUNK + EVENT + "data: [DONE]\n\n",
+       .filler = "x",
+       .streamed = {.stall = HI, .reset = HI, .close = HI, .trickle = HI, .flood = HI},
+       .whole = body},
+      {.name = "in a whole body",
+       .before = JSON + ENDLESS + R"({"choices":[{"message":{"content":")",
+       .filler = "x",
+       .streamed = body},
+      {.name = "in a refusal",
+       .before = "HTTP/1.1 401 No\r\n" + ENDLESS + ECHO,
+       .filler = " " + KEY,
+       .streamed = status_of(failure("HTTP 401"))},
+      {.name = "in a plea to come back",
+       .before = "HTTP/1.1 503 No\r\n" + ENDLESS + ECHO,
+       .filler = " " + KEY,
+       .streamed = status_of(again("HTTP 503"))}};
+  for (const Moment& moment : moments) {
+    const Acts& streamed = moment.streamed;
+    const Acts& whole = moment.whole;
+    const auto add = [&](const char* what, Act act, const Expect& if_streamed,
+                         const Expect& if_whole) {
+      faults.push_back(
+          {what + moment.name, moment.before, act, moment.filler, if_streamed, if_whole});
+    };
+    add("silence ", Act::stall, streamed.stall, whole.stall);
+    add("reset ", Act::reset, streamed.reset, whole.reset);
+    add("close ", Act::close, streamed.close, whole.close);
+    add("trickle ", Act::trickle, streamed.trickle, whole.trickle);
+    add("flood ", Act::flood, streamed.flood, whole.flood);
+  }
+}
+
+void add_replies(std::vector<Fault>& faults) {
+  const Expect not_http = failure("no HTTP server");
+  const Expect not_json = failure("not JSON");
+  const Expect not_text = failure("not valid UTF-8");
+  const Expect broken = again("connection broke");
+  const Expect cut = again("breaks off");
+  const auto status = [](const char* line, const std::string& rest) {
+    return "HTTP/1.1 " + std::string(line) + "\r\nConnection: close\r\n" + rest;
+  };
+  // An interim reply's header lines are not those of the reply.
+  const std::string hint =
+      "HTTP/1.1 103 Early Hints\r\nContent-Type: text/event-stream\r\nLocation: /\r\n\r\n";
+  std::string hints;
+  for (int i = 0; i < 20; ++i) hints += hint;
+
+  struct Reply {
+    const char* name;
+    std::string bytes;
+    Expect streamed;
+    Expect whole = streamed;
+  };
+
+  const Reply replies[] = {
+      {"leave to send", "HTTP/1.1 100 Continue\r\n\r\n" + JSON + LENGTH + ANSWER, HI},
+      {"hints first", hints + JSON + LENGTH + ANSWER, HI},
+      {"hints before a redirect", hints + status("302 Found", "Content-Length: 0\r\n\r\n"),
+       failure("(a redirect, which is not followed")},
+      {"another protocol",
+       status("101 Switching Protocols", "Upgrade: x\r\n\r\n") + JSON + LENGTH + ANSWER,
+       failure("HTTP 101")},
+      {"no content", status("204 No Content", "\r\n"), cut},
+      {"content to be reset", status("205 Reset", "Content-Length: 0\r\n\r\n"), cut},
+      {"not modified", status("304 Not Modified", "\r\n"), failure("HTTP 304")},
+      {"a status of two digits", status("20 OK", LENGTH + ANSWER), not_http},
+      {"a status out of range", status("999 No", LENGTH + ANSWER), failure("HTTP 999")},
+      {"another version", "HTTP/9.9 200 OK\r\n" + LENGTH + ANSWER, not_http},
+      {"no head", ANSWER, not_http},
+      {"another server's greeting", "SSH-2.0-x\r\n", not_http},
+      {"no header name", JSON + "garbage\r\n: x\r\n" + LENGTH + ANSWER, not_http},
+      {"NUL in the head", JSON + std::string("A: \0b\r\n", 7) + LENGTH + ANSWER, not_http},
+      {"compressed unasked",
+       JSON + "Content-Encoding: gzip\r\n\r\n\x1f\x8b\x08" + std::string(17, '\0'), not_json},
+      {"compressed stream", STREAM + chunk("\x1f\x8b\x08\xff\n") + LAST_CHUNK, not_text, not_json},
+      {"a length too short", JSON + "Content-Length: 9\r\n\r\n" + ANSWER, cut},
+      {"a length too long", JSON + "Content-Length: 1000\r\n\r\n" + ANSWER, cut},
+      {"a length below zero", JSON + "Content-Length: -1\r\n\r\n" + ANSWER, not_http},
+      {"a length beyond counting", JSON + "Content-Length: 99999999999999999999\r\n\r\n" + ANSWER,
+       HI},
+      {"length and chunks", JSON + "Content-Length: 3\r\n" + CHUNKED + chunk(ANSWER) + LAST_CHUNK,
+       HI},
+      {"a chunk beyond counting", JSON + CHUNKED + "ffffffffffffffffff\r\n" + ANSWER, broken},
+      {"a chunk of 2^64 - 1", JSON + CHUNKED + "ffffffffffffffff\r\n" + ANSWER, broken},
+      {"a chunk below zero", JSON + CHUNKED + "-1\r\n" + ANSWER, broken},
+      {"no chunk", JSON + CHUNKED + ANSWER, broken},
+      {"no line after a chunk", JSON + CHUNKED + "2a\r\n" + ANSWER + LAST_CHUNK, broken},
+      {"bytes that are no text", STREAM + chunk("\xff\xfe\n\n") + LAST_CHUNK, not_text, not_json},
+      {"an empty stream", STREAM + LAST_CHUNK, again("empty stream"), cut},
+      {"a stream without an answer",
+       STREAM + chunk("data: {\"choices\":[{\"delta\":{\"role\":\"x\"}}]}\n\n") + LAST_CHUNK,
+       again("empty stream"), not_json},
+      {"an error in a stream",
+       STREAM + chunk(EVENT + "data: {\"error\":{\"message\":\"" + ECHO + "\"}}\n\n") + LAST_CHUNK,
+       again("stream error"), not_json},
+      {"an error in place of an answer", JSON + "\r\n{\"error\":\"" + KEY + "\"}",
+       failure("missing 'choices'")},
+      {"another JSON", JSON + "\r\n[]", failure("LLM response is ")},
+      {"half of the JSON", JSON + "\r\n" + ANSWER.substr(0, 12),
+       again("breaks off in the middle of its JSON")},
+      {"a page", JSON + "\r\n<!DOCTYPE html>" + ECHO, not_json},
+      {"a quota that is used up", status("429 No", "\r\ninsufficient_quota"),
+       again("the account's quota is used up")},
+      {"JSON mode is refused",
+       status("400 No", "\r\nResponse_Format is unknown"),
+       {Effect::without_json, "HTTP 400"}},
+      {"streaming is refused",
+       status("400 No", "\r\nstream_options are unknown"),
+       {Effect::without_stream, "HTTP 400"}}};
+  for (const Reply& reply : replies) {
+    faults.push_back({.name = reply.name,
+                      .bytes = reply.bytes,
+                      .streamed = reply.streamed,
+                      .whole = reply.whole});
+  }
+}
+
+void add_statuses(std::vector<Fault>& faults) {
+  constexpr std::array AGAIN{408, 409, 429, 500, 502, 503, 504};
+  std::string binary;
+  for (int i = 0; i < 100'000; ++i) binary += static_cast<char>(i * i);
+  const std::pair<std::string, std::string> bodies[] = {
+      {"empty", ""},
+      {"echoing", ECHO},
+      {"huge", std::string(1 << 20U, 'x') + ECHO},
+      {"binary", binary},
+      {"a page", "<!DOCTYPE html><html><body><h1>Bad</h1>" + ECHO + "</body></html>"},
+      {"JSON", R"({"error":"\"sk-Fa\\\/ult+Key=12345 )" + KEY + R"(\""})"}};
+  const auto add = [&](int status, const std::string& name, const std::string& headers,
+                       const std::string& body, const Expect& expect) {
+    const std::string number = std::to_string(status);
+    faults.push_back({.name = number + " " + name,
+                      .bytes = "HTTP/1.1 " + number + " No\r\n" + headers +
+                               "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body,
+                      .act = Act::keep,
+                      .streamed = expect});
+  };
+  for (const int status :
+       {400, 401, 402, 403, 404, 407, 413, 418, 422, 501, 408, 409, 429, 500, 502, 503, 504}) {
+    const std::string text = "HTTP " + std::to_string(status);
+    const bool transient = std::ranges::find(AGAIN, status) != AGAIN.end();
+    for (const auto& [name, body] : bodies) {
+      add(status, name, "", body, transient ? again(text) : failure(text));
+    }
+  }
+  for (const int status : {300, 301, 302, 303, 307, 308}) {
+    add(status, "to another URL", "Location: http://u:" + PASSWORD + "@127.0.0.1:9/\r\n", ECHO,
+        failure("(a redirect, which is not followed"));
+    add(status, "to another path", "Location: /x/" + ECHO + "?key=" + PASSWORD + "\r\n", ECHO,
+        failure(", which is not followed"));
+  }
+}
+
+}  // namespace
+
+const std::vector<Fault>& catalogue() {
+  static const std::vector<Fault> faults = [] {
+    std::vector<Fault> all;
+    add_moments(all);
+    add_replies(all);
+    add_statuses(all);
+    return all;
+  }();
+  return faults;
+}
+
+void play(loopback::Exchange& exchange, const Fault& fault, std::size_t piece_bytes) {
+  for (std::size_t at = 0; at < fault.bytes.size();
+       at += std::min(piece_bytes, fault.bytes.size())) {
+    if (!exchange.send(std::string_view(fault.bytes).substr(at, piece_bytes))) return;
+  }
+  switch (fault.act) {
+    case Act::keep:
+      return;
+    case Act::close:
+      return exchange.close();
+    case Act::reset:
+      return exchange.reset();
+    case Act::stall:
+      return exchange.stall();
+    case Act::trickle:
+      return trickle(exchange, fault.filler);
+    case Act::flood:
+      return flood(exchange, fault.filler);
+  }
+}
+
+void trickle(loopback::Exchange& exchange, const std::string& filler) {
+  for (std::size_t at = 0; exchange.send({&filler[at % filler.size()], 1}); ++at) {
+    exchange.pause(std::chrono::milliseconds(2));
+  }
+}
+
+void flood(loopback::Exchange& exchange, const std::string& filler) {
+  std::string much;
+  while (much.size() < std::size_t{1} << 16U) much += filler;
+  while (exchange.send(much)) {
+  }
+  exchange.close();
+}
+
+}  // namespace faults
