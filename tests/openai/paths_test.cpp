@@ -1,0 +1,302 @@
+// The same calls over plain HTTP and through the client library, from one table, with the
+// differences that there are. The search path of the process decides which path is taken.
+#include <cstdlib>
+#include <sstream>
+
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "openai/loader.hpp"
+#include "support.hpp"
+
+namespace {
+
+using namespace support;
+namespace openai = tovren_mapstead::openai;
+
+const bool LIBRARY = std::string_view(std::getenv("EXPECTED_PATH")) == "Library";
+const std::string KEY = "sk-KEY-12345";
+
+struct Script {
+  int status;  // 0: the connection breaks
+  std::string body;
+  const char* type = "application/json";
+};
+
+Script stream(const std::string& body) {
+  return {200, body, "text/event-stream"};
+}
+
+std::string event(const std::string& json) {
+  return "data: " + json + "\n\n";
+}
+
+std::string delta(const std::string& content, const std::string& rest = "") {
+  return event(R"({"model":"x","choices":[{"delta":{"content":")" + content + "\"}" + rest + "}]}");
+}
+
+Script whole(const std::string& content) {
+  return {200, R"({"model":"x","choices":[{"message":{"content":)" + content +
+                   R"(},"finish_reason":"stop"}],)"
+                   R"("usage":{"prompt_tokens":1,"completion_tokens":"2"}})"};
+}
+
+const std::string FINISH = R"(,"finish_reason":"stop")";
+const std::string USAGE =
+    event(R"({"choices":[],"usage":{"prompt_tokens":1,"completion_tokens":2.0}})");
+const std::string EVENTS = delta("<think>a</think> h") + delta("i", FINISH) + USAGE;
+const Script STREAMED = stream(EVENTS + "data: [DONE]\n\n");
+const Script WHOLE = whole("\"hi\"");
+const LLMResult HI{{"hi", "x", 1, 2, "stop"}};
+
+// A server that replies as it is told and keeps the requests.
+class Paths : public testing::Test {
+ protected:
+  // `replies`: one after the other, the last one again and again.
+  LLMResult ask(std::vector<Script> replies, bool stream, bool json) {
+    {
+      const std::lock_guard lock(_mutex);
+      _replies = std::move(replies);
+      requests.clear();
+    }
+    const LLMClient client(
+        {.base_url = _server.url() + "//", .model = "m", .api_key = KEY, .stream = stream},
+        {.wait = [](double, auto&, auto) {}});
+    return client.chat({llm::system("Be brief"), llm::user("Hello")},
+                       {.temperature = 0.0, .max_tokens = 9, .response_json = json});
+  }
+
+  std::vector<loopback::Request> requests;
+
+ private:
+  std::mutex _mutex;
+  std::vector<Script> _replies;
+  Server _server{[this](Exchange& exchange) {
+    const std::lock_guard lock(_mutex);
+    const Script& script = _replies[std::min(requests.size(), _replies.size() - 1)];
+    requests.push_back(exchange.request());
+    script.status == 0 ? exchange.reset() : exchange.reply(script.status, script.body, script.type);
+  }};
+};
+
+TEST_F(Paths, SendTheSameRequest) {
+  const std::string common =
+      R"({"model":"m","messages":[{"role":"system","content":"Be brief"},)"
+      R"({"role":"user","content":"Hello"}],"temperature":0.0,"max_tokens":9)";
+  const auto check = [&](const std::string& body, const char* accept) {
+    const loopback::Request& request = requests.at(0);
+    EXPECT_EQ(request.method + request.target, "POST/chat/completions");
+    EXPECT_EQ(request.body, common + body);
+    EXPECT_EQ(request.headers.at("authorization"), "Bearer " + KEY);
+    EXPECT_EQ(request.headers.at("content-type"), "application/json");
+    EXPECT_EQ(request.headers.at("accept"), accept);
+  };
+  ask({WHOLE}, false, false);
+  check("}", "*/*");
+  ask({STREAMED}, true, true);
+  check(R"(,"stream":true,"stream_options":{"include_usage":true},)"
+        R"("response_format":{"type":"json_object"}})",
+        "text/event-stream");
+}
+
+TEST_F(Paths, LeadToTheSameAnswers) {
+  ASSERT_EQ(llm::_openai_available(), LIBRARY);
+
+  struct Case {
+    const char* name;
+    const char* asked;  // a letter a request: b both features, s streaming, j JSON mode, - neither
+    std::vector<Script> replies;
+    LLMResult answer = HI;
+    std::string over_http{}, through_library{};  // how the error's text begins, if it is one
+    std::string warnings{};
+  };
+
+  const std::string h = "LLM request failed", l = "LLM SDK call failed: request failed";
+  const std::string tries = "LLM call failed after 3 attempts; last failure: ";
+  const std::string in_band = tries + "stream error: ", empty = tries + "empty stream";
+  const std::string no_text = "stream is not valid UTF-8";
+  const std::string bad_key = " with HTTP 401 (check the API key): ***";
+  const std::string J = "warning provider rejected response_format; retrying without JSON mode\n";
+  const std::string S = "warning provider rejected streaming; retrying without it\n";
+  const Script no_json{400, "no Response_Format, no Streams"}, no_stream{400, "Stream?"};
+  const Case cases[] = {
+      {"streamed", "s", {STREAMED}},
+      {"whole where a stream was asked for", "s", {WHOLE}},
+      // The library's whole replies are passed on as they are.
+      {"whole, with reasoning",
+       "-",
+       {whole(R"("<think>a</think> hi ")")},
+       {{LIBRARY ? "<think>a</think> hi " : "hi", "x", 1, 2, "stop"}}},
+      {"half a character a delta",
+       "s",
+       {stream(delta(R"(\ud83d)") + delta(R"(\ude00\ud83d)"))},
+       {{"\U0001F600\uFFFD", "x"}}},
+      {"half a character", "-", {whole(R"("\ud83dx")")}, {{"\uFFFDx", "x", 1, 2, "stop"}}},
+      {"no content, as with calls of tools", "-", {whole("null")}, {{"", "x", 1, 2, "stop"}}},
+      {"empty members",
+       "-",
+       {{200, R"({"model":"","choices":[{"message":{"content":""},"finish_reason":""}]})"}},
+       {{"", "m", 0, 0, ""}}},
+      {"empty members in an event",
+       "s",
+       {stream(event(R"({"model":"","choices":[{"delta":{"content":"hi"},"finish_reason":""}]})"))},
+       {{"hi", "m"}}},
+      {"two choices",
+       "s",
+       {stream(event(R"({"choices":[{"delta":{"content":"hi"}},{"delta":{"content":"2"}}]})"))},
+       {{"hi", "m"}}},
+      {"counts that become null",
+       "s",
+       {stream(EVENTS + event(R"({"usage":{"prompt_tokens":null,"completion_tokens":null}})"))}},
+      {"no JSON mode", "bs", {no_json, STREAMED}, HI, "", "", J},
+      {"no stream", "s-", {no_stream, WHOLE}, HI, "", "", S},
+      {"neither", "bs-", {no_json, no_json, WHOLE}, HI, "", "", J + S},
+      {"the other way round", "bj-", {no_stream, no_json, WHOLE}, HI, "", "", S + J},
+      {"no fourth request", "bs-", {no_json}, HI, h, l, J + S},
+      {"not used", "-", {no_json}, HI, h, l},
+      {"rejected with another status", "b", {{422, no_json.body}}, HI, h, l},
+      {"busy twice", "sss", {{503, ""}, {429, ""}, STREAMED}},
+      {"broken off", "sss", {{0, ""}, stream(": nothing\n"), STREAMED}},
+      {"cut in a character", "ss", {stream(delta("x").substr(0, 51) + "\xC3"), STREAMED}},
+      {"half a body", "--", {{200, "{\"choices\":["}, WHOLE}},
+      {"bad key", "s", {{401, KEY}}, HI, h + bad_key, l + bad_key},
+      // Any 5xx of the library's is transient.
+      {"not offered",
+       LIBRARY ? "sss" : "s",
+       {{501, KEY}},
+       HI,
+       h + " with HTTP 501",
+       tries + "request failed with HTTP 501"},
+      {"no choices",
+       "-",
+       {{200, R"({"error":")" + KEY + "\"}"}},
+       HI,
+       "LLM response missing 'choices': ***",
+       R"(LLM SDK response missing 'choices': {"error":"***"})"},
+      {"no choices where a stream was asked for",
+       "s",
+       {{200, R"({"error":")" + KEY + "\"}"}},
+       HI,
+       "LLM response missing 'choices': ***",
+       R"(LLM SDK call failed: the reply has no choices: {"error":"***"})"},
+      {"no JSON", "-", {{200, "<" + KEY}}, HI, h + ": the reply is not", l + ": the reply is not"},
+      {"no object",
+       "-",
+       {{200, "[]"}},
+       HI,
+       "LLM response is not a JSON object",
+       "LLM SDK call failed: the reply is not a JSON object"},
+      {"no text", "s", {stream(": \xff")}, HI, "LLM " + no_text, "LLM SDK call failed: " + no_text},
+      {"an error after the answer",
+       "s",
+       {stream(EVENTS + event(R"({"error":1,"model":"y","usage":{"prompt_tokens":9},)"
+                              R"("choices":[{"delta":{"content":"!"},"finish_reason":"!"}]})"))}},
+      {"an error that finishes",
+       "sss",
+       {stream(delta("h") + event(R"({"error":{"message":")" + KEY +
+                                  R"("},"choices":[{"finish_reason":"stop"}]})"))},
+       HI,
+       in_band + "***",
+       in_band + "***"},
+      {"an error with a text of its own",
+       "sss",
+       {stream(event(R"({"error":"a\u0000b"})"))},
+       HI,
+       in_band + "a\uFFFDb",
+       in_band + "a\uFFFDb"},
+      {"an error without words",
+       "sss",
+       {stream(event(R"({"error":{"message":"","code":429}})"))},
+       HI,
+       in_band + R"({"message":"","code":429})",
+       in_band + R"({"message":"","code":429})"},
+      {"empty stream", "sss", {stream(": nothing\n")}, HI, empty, empty},
+  };
+  std::ostringstream log;
+  const auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(log);
+  const auto logger = std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm", sink);
+  logger->set_pattern("%l %v");
+  spdlog::register_logger(logger);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    log.str("");
+    const auto act = [&] {
+      return ask(c.replies, *c.asked == 's' || *c.asked == 'b', *c.asked == 'j' || *c.asked == 'b');
+    };
+    if (c.over_http.empty()) {
+      EXPECT_EQ(act(), c.answer);
+    } else {
+      const auto text = text_of<llm::LLMError>(act);
+      EXPECT_TRUE(text.starts_with(LIBRARY ? c.through_library : c.over_http)) << text;
+      EXPECT_FALSE(contains(text, "sk-KE")) << text;
+    }
+    std::string asked;
+    for (const loopback::Request& request : requests) {
+      const bool streamed = contains(request.body, R"("stream":true)");
+      asked += "-jsb"[2 * streamed + contains(request.body, "response_format")];
+      EXPECT_EQ(request.headers.at("accept"), streamed ? "text/event-stream" : "*/*");
+    }
+    EXPECT_EQ(asked, c.asked);
+    EXPECT_EQ(log.str(), c.warnings);
+  }
+  spdlog::drop(logger->name());
+}
+
+// The client takes its key out of whatever a library says; this one must not say it.
+TEST(Binding, ShowsNoKey) {
+  if (!LIBRARY) GTEST_SKIP() << "no library";
+
+  struct Case {
+    bool stream;
+    std::string body;
+    const char* type = "application/json";
+  };
+
+  const std::string error = R"({"error":")" + KEY + R"(\u0000!"})";
+  const Case cases[] = {
+      {true, "data: " + error, "text/event-stream"}, {true, error}, {false, error}};
+  for (const Case& c : cases) {
+    Server server([&](Exchange& exchange) { exchange.reply(200, c.body, c.type); });
+    const auto client = openai::load_library().open({.base_url = server.url(), .api_key = KEY});
+    std::string told;
+    try {
+      const openai::CreateArguments asked{.model = "m", .messages = {}, .stream = c.stream};
+      const auto reply = client->create_chat_completion(asked);
+      if (c.stream) std::get<1>(reply)->next();
+      told = std::get<0>(reply).text;
+    } catch (const openai::OpenAIError& failure) {
+      told = failure.what();
+    }
+    EXPECT_TRUE(contains(told, "***") && contains(told, "!")) << told;
+    EXPECT_FALSE(contains(told, "sk-KE")) << told;
+  }
+}
+
+TEST_F(Paths, EndInTime) {
+  Server silent([](Exchange& exchange) { exchange.stall(); });
+  const LLMClient patient({.base_url = silent.url(), .model = "m", .api_key = KEY});
+  const auto deadline = http::Clock::now() + 200ms;
+  EXPECT_THROW(std::ignore = patient.chat({}, {.deadline = deadline}), llm::LLMTimeout);
+  EXPECT_LT(seconds_since(deadline), 1);
+
+  // A server that is never silent is bounded all the same, whether it says anything or not, and
+  // whether it ends its lines.
+  for (const char* const filler : {": still there\n", "data: {\"choices\":[]}\n\n", "x"}) {
+    Server chatty([&](Exchange& exchange) {
+      for (exchange.start_stream(); exchange.chunk(filler); exchange.pause(1ms)) {
+      }
+    });
+    const LLMClient client({.base_url = chatty.url(),
+                            .model = "m",
+                            .api_key = KEY,
+                            .timeout_s = 0.2,
+                            .max_retries = 0});
+    const auto start = http::Clock::now();
+    const auto text = text_of<llm::LLMError>([&] { std::ignore = client.chat({}); });
+    EXPECT_TRUE(contains(text, "after 1 attempt (no retries)")) << text;
+    EXPECT_GT(seconds_since(start), 0.19) << filler;
+    EXPECT_LT(seconds_since(start), 3) << filler;
+  }
+}
+
+}  // namespace
