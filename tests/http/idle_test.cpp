@@ -32,9 +32,7 @@ const Event EVENTS[] = {
      .act = &Exchange::close}};
 
 // When a reply ends, seen from the line that the client waits for.
-enum class End { at_once,
-                 later,
-                 at_next_call };
+enum class End { at_once, later, at_next_call };
 
 // A reply with the number of the request for each '#'.
 struct Form {
@@ -48,12 +46,11 @@ const std::string LENGTH = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n";
 const std::string CHUNKED = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n#\n\r\n";
 const std::string LAST_CHUNK = "0\r\n\r\n";
 
-const Form FORMS[] = {
-    {"length", LENGTH, "#\n", true},
-    {"stream with a length", LENGTH + "#\n", "", false},
-    {"chunked", CHUNKED, LAST_CHUNK, true},
-    {"stream, settled", CHUNKED, LAST_CHUNK, false, End::later},
-    {"stream, parked", CHUNKED, LAST_CHUNK, false, End::at_next_call}};
+const Form FORMS[] = {{"length", LENGTH, "#\n", true},
+                      {"stream with a length", LENGTH + "#\n", "", false},
+                      {"chunked", CHUNKED, LAST_CHUNK, true},
+                      {"stream, settled", CHUNKED, LAST_CHUNK, false, End::later},
+                      {"stream, parked", CHUNKED, LAST_CHUNK, false, End::at_next_call}};
 
 std::string post(http::Transport& transport, const std::string& url, int number, bool whole) {
   const http::SendOptions options{.policy = POLICY,
@@ -140,14 +137,13 @@ TEST(Idle, ConnectionServesAgainNoLongerThanTheServerKeepsIt) {
     int connections;
   };
 
-  const Row rows[] = {
-      {"", 3s, 1},
-      {"", 5s, 2},  // common servers close after five seconds
-      {"Keep-Alive: timeout=1\r\n", 300ms, 1},
-      {"keep-alive: max=9, TIMEOUT=1\r\n", 1200ms, 2},
-      {"Keep-Alive: timeout=60\r\n", 5s, 1},
-      {"Keep-Alive: timeout=99999999999999999999\r\n", 300ms, 1},
-      {"Keep-Alive: timeout=-1, timeout=, =;\r\n", 300ms, 1}};
+  const Row rows[] = {{"", 3s, 1},
+                      {"", 5s, 2},  // common servers close after five seconds
+                      {"Keep-Alive: timeout=1\r\n", 300ms, 1},
+                      {"keep-alive: max=9, TIMEOUT=1\r\n", 1200ms, 2},
+                      {"Keep-Alive: timeout=60\r\n", 5s, 1},
+                      {"Keep-Alive: timeout=99999999999999999999\r\n", 300ms, 1},
+                      {"Keep-Alive: timeout=-1, timeout=, =;\r\n", 300ms, 1}};
   std::atomic<std::size_t> next = 0;
   in_threads(static_cast<int>(std::size(rows)), [&] {
     const Row& row = rows[next++];
@@ -172,13 +168,9 @@ TEST(Idle, DeadPoolCostsOneAttempt) {
     bool tls;
   };
 
-  const Row rows[] = {
-      {"silent", &Exchange::stall, false},
-      {"silent, TLS", &Exchange::stall, true},
-      {"resets", &Exchange::reset, false},
-      {"resets, TLS", &Exchange::reset, true},
-      {"closes", &Exchange::close, false},
-      {"closes, TLS", &Exchange::close, true}};
+  const Row rows[] = {{"silent", &Exchange::stall, false}, {"silent, TLS", &Exchange::stall, true},
+                      {"resets", &Exchange::reset, false}, {"resets, TLS", &Exchange::reset, true},
+                      {"closes", &Exchange::close, false}, {"closes, TLS", &Exchange::close, true}};
   for (const auto& [name, act, tls] : rows) {
     std::atomic<int> waiting = 0, waits = 0;
     std::atomic<bool> dead = false;
@@ -191,13 +183,14 @@ TEST(Idle, DeadPoolCostsOneAttempt) {
     Server server(serve, {.tls = tls});
     const auto transport = faults::trusting(server);
     const auto ask = [&](double timeout_s) -> std::string {
-      const LLMClient client({.base_url = server.url(),
-                              .model = "m",
-                              .api_key = "k",
-                              .timeout_s = timeout_s,
-                              .max_retries = 1,
-                              .stream = false},
-                             {.transport = transport, .wait = [&](double, auto&, auto) { ++waits; }});
+      const LLMClient client(
+          {.base_url = server.url(),
+           .model = "m",
+           .api_key = "k",
+           .timeout_s = timeout_s,
+           .max_retries = 1,
+           .stream = false},
+          {.transport = transport, .wait = [&](double, auto&, auto) { ++waits; }});
       try {
         return client.chat({llm::user("x")}).content();
       } catch (const llm::LLMError& error) {

@@ -74,14 +74,20 @@ TEST(Lines, MayBeLongAndManyInLinearTime) {
 }
 
 template <class Read>
-void post(Playback& transport, const std::string& url, const http::Headers& headers, const http::JsonObject& body, Read read) {
-  http::send(url, {.policy = POLICY, .body = body, .headers = headers, .secrets = {}, .transport = &transport}, read);
+void post(Playback& transport, const std::string& url, const http::Headers& headers,
+          const http::JsonObject& body, Read read) {
+  http::send(
+      url,
+      {.policy = POLICY, .body = body, .headers = headers, .secrets = {}, .transport = &transport},
+      read);
 }
 
 TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
-  const auto refused = [](const std::string& url, const http::Headers& headers, const http::JsonObject& body) {
+  const auto refused = [](const std::string& url, const http::Headers& headers,
+                          const http::JsonObject& body) {
     Playback transport({Reply{}});
-    auto text = text_of<http::HttpFailure>([&] { post(transport, url, headers, body, [](http::Response&) {}); });
+    auto text = text_of<http::HttpFailure>(
+        [&] { post(transport, url, headers, body, [](http::Response&) {}); });
     EXPECT_TRUE(transport.requests.empty());
     EXPECT_FALSE(contains(text, "sk-1")) << text;
     return text;
@@ -95,10 +101,42 @@ TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
   refused("http://h", {}, http::JsonObject().add("content", "sk-1 \xff"));
 }
 
+TEST(Send, SaysWhatCanBeDoneAboutAStatus) {
+  const std::string failed = "request failed with HTTP ", busy = "the server answered HTTP ";
+  const std::pair<Reply, std::string> cases[] = {
+      {{400}, failed + "400 (the server rejected the request; see its message)"},
+      {{401}, failed + "401 (check the API key)"},
+      {{402}, failed + "402 (check the account's credit)"},
+      {{403}, failed + "403 (the credential does not permit this; check it and the account)"},
+      {{404}, failed + "404 (check the URL and the model name)"},
+      {{405}, failed + "405 (check the URL)"},
+      {{407}, failed + "407 (the proxy wants a user name and password; check the proxy variables)"},
+      {{413}, failed + "413 (the request is too large; send less)"},
+      {{418, {" say\n KEY-1"}}, failed + "418: say ***"},
+      {{422}, failed + "422 (the server rejected the request; see its message)"},
+      {{429, {"KEY-1"}},
+       busy + "429 (the server limits the rate or the account; send requests less often, or "
+              "later): ***"},
+      {{500}, failed + "500 (the server failed; try again later)"},
+      {{501}, failed + "501 (the server does not offer this)"},
+      {{503}, busy + "503 (the server failed; try again later)"},
+      {{199}, failed + "199"},
+      {{300}, failed + "300 (a redirect, which is not followed; use the final URL)"},
+      {{.status = 301, .location = "http://x/y?KEY#KEY"},
+       failed + "301 (a redirect to http://x/y, which is not followed; use the final URL)"},
+      {{.status = 308, .location = "http://KEY@x/y"},
+       failed + "308 (a redirect, which is not followed; use the final URL)"}};
+  for (const auto& [reply, told] : cases) {
+    const auto act = [&, &played = reply] {
+      play(played, [](http::Response&) {}, POLICY, {"KEY-1"});
+    };
+    EXPECT_EQ(text_of<http::Error>(act), told);
+  }
+}
+
 // A transport that throws what it likes.
 struct Throwing final : http::Transport {
-  explicit Throwing(std::function<void()> act_in)
-      : act(std::move(act_in)) {}
+  explicit Throwing(std::function<void()> act_in) : act(std::move(act_in)) {}
 
   std::unique_ptr<http::Exchange> open(http::Request, http::Watch&) override {
     act();
@@ -144,7 +182,8 @@ TEST(Send, KeepsWhatATransportThrowsButForSecrets) {
 
 TEST(Send, GivesBackOnlyConnectionsThatAreInGoodOrder) {
   Playback transport({Reply{.pieces = {"a\n", "b"}}});
-  post(transport, "http://h", {{"content-type", "text/x"}}, {}, [](http::Response& reply) { reply.next_line(); });
+  post(transport, "http://h", {{"content-type", "text/x"}}, {},
+       [](http::Response& reply) { reply.next_line(); });
   EXPECT_EQ(transport.finished, 1);
   EXPECT_THROW(post(transport, "http://h", {}, {}, [](http::Response&) { throw 7; }), int);
   EXPECT_EQ(transport.finished, 1);
