@@ -4,7 +4,6 @@
 #include <fstream>
 #include <future>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -116,33 +115,29 @@ TEST_F(Copilot, AnswersWithATokenThatItKeeps) {
   EXPECT_EQ(sent.at("authorization"), "Bearer tid=1;exp=9:x");
   EXPECT_EQ(sent.at("copilot-integration-id"), "vscode-chat");
   EXPECT_TRUE(sent.contains("openai-intent"));
-  for (const char* const name :
-       {"editor-version", "editor-plugin-version", "user-agent", "x-github-api-version"}) {
-    EXPECT_EQ(sent.at(name), asked.at(name));
+  for (const auto& [name, value] : asked) {  // an editor's, but for the credential and the host
+    if (name.starts_with("editor") || name.ends_with("version")) {
+      EXPECT_EQ(sent[name], value);
+    }
   }
+  EXPECT_EQ(sent["user-agent"], asked["user-agent"]);
   EXPECT_EQ(transport->meant_for(),
             (std::set<std::string>{"https://api.github.com", copilot::COPILOT_BASE}));
 }
 
 TEST_F(Copilot, RenewsATokenNearItsEnd) {
-  struct Case {
-    const char* name;
-    double good_s;
-    const char* refresh_in;
-    int exchanges;  // for two requests
+  const std::tuple<const char*, double, int> cases[] = {
+      // the hint, seconds to the expiry, exchanges for two requests
+      {"1500", 1800, 1}, {"0.01", 1800, 2}, {"99", 58, 2},     {"99", 70, 1},
+      {"null", 1800, 1}, {"0", 1800, 1},    {"1e18", 1e17, 1},
   };
-
-  const Case cases[] = {{"good", 1800, "1500", 1},           {"to be refreshed", 1800, "0.01", 2},
-                        {"in its last minute", 58, "99", 2}, {"not yet in it", 70, "99", 1},
-                        {"no hint", 1800, "null", 1},        {"a hint that is none", 1800, "0", 1},
-                        {"good for ages", 1e17, "1e18", 1}};
-  for (const Case& c : cases) {
-    give(c.refresh_in, c.good_s);
+  for (const auto& [refresh_in, good_s, expected] : cases) {
+    give(refresh_in, good_s);
     CopilotAuth fresh({.transport = transport});
     ask(fresh);
     std::this_thread::sleep_for(20ms);
     ask(fresh);
-    EXPECT_EQ(exchanges, c.exchanges) << c.name;
+    EXPECT_EQ(exchanges, expected) << refresh_in << " " << good_s;
   }
 }
 
@@ -271,16 +266,11 @@ TEST_F(Copilot, FindsCredentialsInTheirOrder) {
   EXPECT_EQ(found(), Found());
   fs::create_directory_symlink(folder, folder / ".config");
   EXPECT_EQ(found(), files_of_apps[6].second);
-  // A pipe in place of a file: nobody waits for a writer, nor takes what one has written.
+  // A pipe in place of a file: nobody waits for a writer.
   const fs::path pipe = files / "apps.json";
   fs::remove(pipe);
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   EXPECT_EQ(found(), Found{"hosts"});
-  const int writer = open(pipe.c_str(), O_RDWR);
-  const std::string text = "{" + entry("pipe") + "}";
-  EXPECT_GT(write(writer, text.data(), text.size()), 0);
-  EXPECT_EQ(found(), Found{"hosts"});
-  close(writer);
 }
 
 TEST_F(Copilot, GivesEachCredentialItsTurn) {
