@@ -33,12 +33,14 @@ std::string ask(CopilotAuth& auth, const CallBounds& bounds = {}) {
   }
 }
 
+double unix_now_s() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
 // A reply to the exchange, its token good for so many seconds.
 std::string token(const std::string& text, const char* refresh_in = "1500", double good_s = 1800) {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return R"({"token":")" + text + R"(","expires_at":)" +
-         std::to_string(std::chrono::duration<double>(now).count() + good_s) + R"(,"refresh_in":)" +
-         refresh_in + "}";
+  return R"({"token":")" + text + R"(","expires_at":)" + std::to_string(unix_now_s() + good_s) +
+         R"(,"refresh_in":)" + refresh_in + "}";
 }
 
 // What a sign-in leaves in an editor's file.
@@ -142,16 +144,15 @@ TEST_F(Copilot, RenewsATokenNearItsEnd) {
 }
 
 TEST_F(Copilot, SurvivesAWallClockThatJumps) {
-  double now_s =
-      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-  CopilotAuth jumping({.transport = transport, .unix_time_s = [&] { return now_s; }});
+  double skew_s = 0;
+  CopilotAuth fresh({.transport = transport, .unix_time_s = [&] { return unix_now_s() + skew_s; }});
   give("99", 60.1);
-  EXPECT_EQ(ask(jumping), "T-1");
-  now_s -= 1e6;  // the token does not become good for longer
+  EXPECT_EQ(ask(fresh), "T-1");
+  skew_s = -1e6;  // back: the token does not become good for longer
   std::this_thread::sleep_for(150ms);
-  EXPECT_EQ(ask(jumping), "T-2");
-  now_s += 2e6;  // a token that has run out by this clock is never sent
-  EXPECT_TRUE(contains(ask(jumping), "correct the clock"));
+  EXPECT_EQ(ask(fresh), "T-2");
+  skew_s = 1e6;  // on: a token that has run out by this clock is never sent
+  EXPECT_TRUE(contains(ask(fresh), "correct the clock"));
 }
 
 TEST_F(Copilot, RenewsInTheMiddleOfARetryLoopAndAfterARefusal) {
