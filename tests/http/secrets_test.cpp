@@ -122,12 +122,14 @@ TEST(SecretsOf, KnowsWhereCredentialsStand) {
                                                   {"Proxy-Authorization", "Basic dXNlcg=="},
                                                   {"X-Api-Key", "key-1"},
                                                   {"api-key", "key-2"},
+                                                  {"Ocp-Apim-Subscription-Key", "key-3"},
+                                                  {"x-client-secret", "key-4"},
                                                   {"Cookie", "a=crumb-1; b=crumb=2;"},
                                                   {"X-Auth-Token", "tok-2"},
                                                   {"Accept", "text/html"}});
   EXPECT_EQ(std::set(secrets.begin(), secrets.end()),
-            (std::set<std::string>{"tok-1", "dXNlcg==", "key-1", "key-2", "crumb-1", "crumb=2",
-                                   "tok-2"}));
+            (std::set<std::string>{"tok-1", "dXNlcg==", "key-1", "key-2", "key-3", "key-4",
+                                   "crumb-1", "crumb=2", "tok-2"}));
   EXPECT_EQ(http::secrets_of({{"authorization", "raw-token"}}), http::Secrets{"raw-token"});
   EXPECT_EQ(http::secrets_of({{"authorization", "token abc"}}), http::Secrets{"abc"});
 }

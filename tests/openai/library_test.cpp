@@ -108,6 +108,7 @@ TEST(Loader, UsesOnlyALibraryThatOthersCannotReplace) {
       {"mv $L .. && ln -s ../$L .", used},
       {"mv $L .. && ln -s ../$L . && chmod o+w $L", ""},
       {"mv $L .. && ln -s ../$L . && chmod o+w,+t ..", ""},
+      {"mkdir ../x && mv $L ../x && ln -s ../x/$L . && chmod o+w .", ""},
       {"ln -sf nothing $L", ""},
       {"rm $L && mkdir $L", ""},
       {"LD_LIBRARY_PATH=.", ""},
