@@ -124,13 +124,12 @@ TEST(Loader, UsesOnlyALibraryThatOthersCannotReplace) {
   const fs::path folder = fs::temp_directory_path() / ("loader." + std::to_string(getpid()));
   const std::string program = fs::read_symlink("/proc/self/exe");
   for (const auto& [act, told] : cases) {
-    const std::string run =
-        "export L=libtovren_openai.so LC_ALL=C ENTRY_POINT= EXPECTED_TEXT='" + std::string(told) +
-        "' LD_LIBRARY_PATH='" + (folder / "own").string() +
-        "' && mkdir -p \"$LD_LIBRARY_PATH\" && "
-        "cd \"$LD_LIBRARY_PATH\" && cp '" SCRIPTED_LIBRARY "' $L && { " +
-        act + (act.empty() ? "" : " &&") + " '" + program +
-        "' --gtest_brief --gtest_also_run_disabled_tests --gtest_filter='Child.*'; }";
+    std::string run = "export L=libtovren_openai.so LC_ALL=C ENTRY_POINT= EXPECTED_TEXT='";
+    run.append(told).append("' LD_LIBRARY_PATH='").append(folder / "own");
+    run += R"(' && mkdir -p "$LD_LIBRARY_PATH" && cd "$LD_LIBRARY_PATH" && )"
+           "cp '" SCRIPTED_LIBRARY "' $L && ";
+    run.append(act).append(act.empty() ? "" : " && ").append("'").append(program);
+    run += "' --gtest_brief --gtest_also_run_disabled_tests --gtest_filter='Child.*'";
     EXPECT_EQ(std::system(run.c_str()), 0) << act;
     fs::remove_all(folder);
   }
