@@ -38,11 +38,13 @@ inline const http::RetryPolicy POLICY{.retry_statuses = {429, 503}};
 
 /// Plays `reply` to one POST and returns what `read` makes of it.
 template <class Read>
-auto play(Reply reply, Read read, const http::RetryPolicy& policy = POLICY, const http::Secrets& secrets = {}) {
+auto play(Reply reply, Read read, const http::RetryPolicy& policy = POLICY,
+          const http::Secrets& secrets = {}) {
   Playback transport({std::move(reply)});
-  return http::send("http://host.example/chat/completions",
-                    {.policy = policy, .body = {}, .headers = {}, .secrets = secrets, .transport = &transport},
-                    read);
+  return http::send(
+      "http://host.example/chat/completions",
+      {.policy = policy, .body = {}, .headers = {}, .secrets = secrets, .transport = &transport},
+      read);
 }
 
 /// The text of the `Error` that `act` throws; anything else fails the test.

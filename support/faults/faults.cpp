@@ -28,13 +28,13 @@ namespace fs = std::filesystem;
 namespace llm = tovren_mapstead::engines::llm;
 using namespace std::chrono_literals;
 
-std::string text_of(const std::exception& error) {
+std::string causes_of(const std::exception& error) {
   try {
     std::rethrow_if_nested(error);
-  } catch (const std::exception& inner) {
-    return error.what() + ("\n" + text_of(inner));
+  } catch (const std::exception& cause) {
+    return std::string(cause.what()).append("\n").append(causes_of(cause));
   }
-  return error.what();
+  return "";
 }
 
 class Listener final : public spdlog::sinks::base_sink<std::mutex> {
@@ -53,18 +53,18 @@ class Listener final : public spdlog::sinks::base_sink<std::mutex> {
 
 Outcome outcome_of(const std::function<std::string()>& call) {
   const auto start = http::Clock::now();
-  const auto ended = [&](const char* end, const std::string& text) {
+  const auto ended = [&](const char* end, const std::string& text, const std::string& causes = "") {
     const std::chrono::duration<double> took = http::Clock::now() - start;
-    return Outcome{.end = end, .text = text, .seconds = took.count()};
+    return Outcome{.end = end, .text = text, .causes = causes, .seconds = took.count()};
   };
   try {
     return ended("answer", call());
   } catch (const llm::LLMStopped& error) {
-    return ended("LLMStopped", text_of(error));
+    return ended("LLMStopped", error.what(), causes_of(error));
   } catch (const llm::LLMTimeout& error) {
-    return ended("LLMTimeout", text_of(error));
+    return ended("LLMTimeout", error.what(), causes_of(error));
   } catch (const llm::LLMError& error) {
-    return ended("LLMError", text_of(error));
+    return ended("LLMError", error.what(), causes_of(error));
   } catch (const std::invalid_argument& error) {
     return ended("invalid_argument", error.what());
   }

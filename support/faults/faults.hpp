@@ -24,12 +24,13 @@ namespace http = tovren_mapstead::engines::http;
 struct Outcome {
   std::string end;
   std::string text{};
+  std::string causes{};  ///< The texts of the nested errors.
   int requests = 0;
   int attempts = 1;
   double seconds = 0;  ///< From the start to the end of the call, or from its bound if it had one.
 };
 
-/// Runs a call. The text of an error includes those nested in it.
+/// Runs a call.
 [[nodiscard]] Outcome outcome_of(const std::function<std::string()>& call);
 
 /// The request that faults are met by.

@@ -1,7 +1,9 @@
 // An OpenAI client library that misbehaves as the name of the model says. Counts its clients.
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "tovren_mapstead/openai.hpp"
@@ -15,7 +17,11 @@ std::atomic<int> closed = 0;
 
 struct Foreign : std::exception {  // a type that the program does not know
 
-  [[nodiscard]] const char* what() const noexcept override { return "foreign sk-KEY-1"; }
+  explicit Foreign(const char* text_in) : text(text_in) {}
+
+  [[nodiscard]] const char* what() const noexcept override { return text; }
+
+  const char* text;
 };
 
 class Stream final : public ChunkStream {
@@ -24,11 +30,13 @@ class Stream final : public ChunkStream {
 
   std::optional<Chunk> next() override {
     const int step = _step++;
-    Chunk chunk;
     if (step == 1 && _model == "breaks") throw APIConnectionError("broken sk-KEY-1");
     if (step == 1 && _model == "breaks oddly") throw 7;
-    if (step < 2) chunk.choices = {{Message{step == 0 ? "Hel" : "lo"}, {}}};
-    if (step == 3 && _model == "no delta") chunk = {"x", {{{{}, "stop"}}}, Usage{7, "8"}, ""};
+    Chunk chunk;
+    if (step < 2) chunk.choices = {{Message{step == 0 ? "Hel" : "lo"}, {}}, {Message{"2"}, "x"}};
+    if (step == 2 && _model == "empties") chunk = {"", {{{Message{""}, ""}}}, {}, ""};
+    if (step == 2 && _model == "counts") chunk = {"x", {{{{}, "stop"}}}, Usage{7, "8"}, ""};
+    if (step == 3 && _model == "counts") chunk = {{}, {}, Usage{{}, "none"}, ""};
     return step < 4 ? std::optional(chunk) : std::nullopt;
   }
 
@@ -53,11 +61,13 @@ class Client final : public OpenAI {
                         (asked.stream_options ? " options" : "") +
                         (asked.response_format ? " json" : ""));
     }
-    if (model == "foreign") throw Foreign();
+    if (model == "foreign") throw Foreign("foreign sk-KEY-1");
+    if (model == "no words") throw Foreign(nullptr);
     if (model == "unknown") throw 7;
-    if (model == "501") throw APIStatusError("501 sk-KEY-1", 501);
+    if (const int status = std::atoi(model.c_str()); status > 0) {
+      throw APIStatusError("status sk-KEY-1", status);
+    }
     if (model == "timeout") throw APITimeoutError("late");
-    if (model == "rejects all") throw APIStatusError("no response_format, no streams", 400);
     if (model == "null stream") return std::unique_ptr<ChunkStream>();
     if (asked.stream.value_or(false) != (model == "wrong kind"))
       return std::make_unique<Stream>(model);
@@ -65,6 +75,7 @@ class Client final : public OpenAI {
     if (model != "no choices") whole.choices.emplace();
     if (model == "no message") whole.choices->push_back({});
     if (model == "nulls") whole.choices->push_back({Message{}, {}});
+    if (model == "empties") whole = {"", {{{Message{""}, ""}}}, Usage{}, ""};
     if (model == "numbers") whole = {5, {{{Message{2.5}, true}}}, Usage{7.9, "x"}, ""};
     return whole;
   }
@@ -73,20 +84,26 @@ class Client final : public OpenAI {
   ClientArguments _made_with;
 };
 
+std::unique_ptr<OpenAI> open(const ClientArguments& with) {
+  if (with.base_url == "http://no.client") return nullptr;
+  return std::make_unique<Client>(with);
+}
+
 }  // namespace
 
-#ifdef FAKE_VERSION
+// Misbehaves as the variable ENTRY_POINT says.
 extern "C" const Library* tovren_openai_library() {
-  static constexpr Library LIBRARY{FAKE_VERSION,
-                                   [](const ClientArguments& with) -> std::unique_ptr<OpenAI> {
-                                     if (with.base_url == "http://no.client") return nullptr;
-                                     return std::make_unique<Client>(with);
-                                   }};
-  return &LIBRARY;
+  static constexpr Library GOOD{INTERFACE_VERSION, open};
+  static constexpr Library NEWER{INTERFACE_VERSION + 1, open};
+  static constexpr Library CLOSED{INTERFACE_VERSION, nullptr};
+  const char* const variable = std::getenv("ENTRY_POINT");  // NOLINT(concurrency-mt-unsafe)
+  const std::string_view act = variable == nullptr ? "" : variable;
+  if (act == "throws") throw 7;
+  if (act == "null") return nullptr;
+  return act == "newer" ? &NEWER : act == "closed" ? &CLOSED : &GOOD;
 }
-#endif
 
-extern "C" void fake_counts(int* all, int* gone) {
+extern "C" void client_counts(int* all, int* gone) {
   *all = opened;
   *gone = closed;
 }

@@ -158,7 +158,7 @@ class Soak {
     seen.requests = std::exchange(_requests[number], 0);
     _requests.erase(number);
     const bool late = seen.seconds > std::chrono::duration<double>(bound + SLACK).count();
-    const bool shown = faults::shows_secret(seen.text);
+    const bool shown = faults::shows_secret(seen.text + seen.causes);
     const bool wrong = !right(script, seen, due);
     ++counts["calls"];
     ++counts[seen.end];

@@ -16,6 +16,8 @@ TEST(JsonReader, ReadsWhateverIsJson) {
       {R"({"a":"x"})", "x"},
       {R"({"\u0061":"escaped name"})", "escaped name"},
       {"{\"a\":\"\\ud83d\uFFFF\uE03D\"}", "\uFFFD\uFFFF\uE03D"},
+      {R"({"a":"\ud83d\uFFFF\ud83e"})", "\uFFFD\uFFFF\uFFFD"},
+      {R"({"a":"1","a":"\u0032"})", "2"},
       {R"({"z":"\ud83d","a":[1,"\ude00"]})", "[1,\"\uFFFD\"]"},
       {R"({"a":1e999})", "1e999"},
       {R"({"a":-123456789012345678901234567890})", "-123456789012345678901234567890"},
@@ -38,11 +40,14 @@ TEST(JsonReader, ReadsWhateverIsJson) {
 TEST(JsonReader, TellsWhatIsEmpty) {
   JsonReader reader;
   // Read in a text that had to be mended, too small a number is still 0.
-  for (const std::string& small : {std::string("1e-400"), std::string("-0.01e-99999999999999999999"), "0." + std::string(400, '0') + "1"}) {
+  for (const std::string& small :
+       {std::string("1e-400"), std::string("-0.01e-99999999999999999999"),
+        "0." + std::string(400, '0') + "1"}) {
     EXPECT_TRUE(reader.parse("[" + small + R"(,"\ud83d"])").front().empty()) << small;
   }
   EXPECT_FALSE(reader.parse(R"({"x":1e999,1e999:"v"})").present());
-  EXPECT_FALSE(reader.parse("[1e999," + std::string(2'000'000, '0') + "]").present());  // minutes, if looked at twice
+  EXPECT_FALSE(reader.parse("[1e999," + std::string(2'000'000, '0') + "]")
+                   .present());  // minutes, if looked at twice
   EXPECT_TRUE(reader.parse("[[7]]").front().front()["x"].empty());
 }
 
@@ -52,10 +57,20 @@ TEST(ReadJson, TellsACutBodyFromAWrongOne) {
   };
   EXPECT_EQ(play({.pieces = {"\xEF\xBB\xBF{\"a\"", ":\"b\"} \n"}}, read), "b");
   for (const char* const cut : {"", "{\"a", "{\"a\":tr", "{\"a\":[1,", "{\"a\":\"\\ud83d\",\"b"}) {
-    EXPECT_THROW(play({.pieces = {cut}}, read), http::Retryable) << cut;
+    EXPECT_EQ(text_of<http::Retryable>([&] { play({.pieces = {cut}}, read); }),
+              "reply breaks off in the middle of its JSON")
+        << cut;
   }
-  for (const std::string wrong : {"<html>KEY-1</html>", "{\"a\":1} KEY-1", "{KEY-1", "[1,}KEY-1", R"({"KEY-1":1e999:1})"}) {
-    EXPECT_THROW(play({.pieces = {wrong}}, read), http::HttpFailure) << wrong;
+  const auto deep = text_of<http::HttpFailure>(
+      [&] { play({.pieces = {std::string(1100, '[') + std::string(1100, ']')}}, read); });
+  EXPECT_TRUE(deep.starts_with("request failed: the JSON of the reply is nested too deeply: [["))
+      << deep;
+  for (const std::string wrong :
+       {"<html>KEY-1</html>", "{\"a\":1} KEY-1", "{KEY-1", "[1,}KEY-1", R"({"KEY-1":1e999:1})"}) {
+    const auto text = text_of<http::HttpFailure>([&] { play({.pieces = {wrong}}, read); });
+    EXPECT_TRUE(text.starts_with("request failed: the reply is not JSON; check that") &&
+                contains(text, "***"))
+        << text;
   }
 }
 
@@ -63,11 +78,14 @@ TEST(JsonObject, IsReadBackAsItWasWritten) {
   std::string every_byte;
   for (int c = 1; c < 0x80; ++c) every_byte += static_cast<char>(c);
   std::string text = std::string(1, '\0') + "\u2028\U0001F600";
-  for (std::size_t i = 0; i < 20; ++i) text += every_byte + std::string(i, '-');  // in every position
+  for (std::size_t i = 0; i < 20; ++i)
+    text += every_byte + std::string(i, '-');  // in every position
   http::JsonObject object;
   object.add("z", text).begin_array("a").add("", 1).add("", -2).add("", 5e-324).add("", true);
   object.begin_object().add("", text).end().begin_array().end().end();
-  object.add("n", std::numeric_limits<std::uint64_t>::max()).begin_object("left open").add("b", 0.2);
+  object.add("n", std::numeric_limits<std::uint64_t>::max())
+      .begin_object("left open")
+      .add("b", 0.2);
   const Json expected{{"z", text},
                       {"a", {1, -2, 5e-324, true, {{"", text}}, Json::array()}},
                       {"n", std::numeric_limits<std::uint64_t>::max()},

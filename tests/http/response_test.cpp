@@ -74,14 +74,20 @@ TEST(Lines, MayBeLongAndManyInLinearTime) {
 }
 
 template <class Read>
-void post(Playback& transport, const std::string& url, const http::Headers& headers, const http::JsonObject& body, Read read) {
-  http::send(url, {.policy = POLICY, .body = body, .headers = headers, .secrets = {}, .transport = &transport}, read);
+void post(Playback& transport, const std::string& url, const http::Headers& headers,
+          const http::JsonObject& body, Read read) {
+  http::send(
+      url,
+      {.policy = POLICY, .body = body, .headers = headers, .secrets = {}, .transport = &transport},
+      read);
 }
 
 TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
-  const auto refused = [](const std::string& url, const http::Headers& headers, const http::JsonObject& body) {
+  const auto refused = [](const std::string& url, const http::Headers& headers,
+                          const http::JsonObject& body) {
     Playback transport({Reply{}});
-    auto text = text_of<http::HttpFailure>([&] { post(transport, url, headers, body, [](http::Response&) {}); });
+    auto text = text_of<http::HttpFailure>(
+        [&] { post(transport, url, headers, body, [](http::Response&) {}); });
     EXPECT_TRUE(transport.requests.empty());
     EXPECT_FALSE(contains(text, "sk-1")) << text;
     return text;
@@ -95,56 +101,90 @@ TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
   refused("http://h", {}, http::JsonObject().add("content", "sk-1 \xff"));
 }
 
-// A transport that throws what it likes.
+TEST(Send, SaysWhatCanBeDoneAboutAStatus) {
+  const std::string failed = "request failed with HTTP ", busy = "the server answered HTTP ";
+  const std::pair<Reply, std::string> cases[] = {
+      {{400}, failed + "400 (the server rejected the request; see its message)"},
+      {{401}, failed + "401 (check the API key)"},
+      {{402}, failed + "402 (check the account's credit)"},
+      {{403}, failed + "403 (the credential does not permit this; check it and the account)"},
+      {{404}, failed + "404 (check the URL and the model name)"},
+      {{405}, failed + "405 (check the URL)"},
+      {{407}, failed + "407 (the proxy wants a user name and password; check the proxy variables)"},
+      {{413}, failed + "413 (the request is too large; send less)"},
+      {{418, {" say\n KEY-1"}}, failed + "418: say ***"},
+      {{422}, failed + "422 (the server rejected the request; see its message)"},
+      {{429, {"KEY-1"}},
+       busy + "429 (the server limits the rate or the account; send requests less often, or "
+              "later): ***"},
+      {{500}, failed + "500 (the server failed; try again later)"},
+      {{501}, failed + "501 (the server does not offer this)"},
+      {{503}, busy + "503 (the server failed; try again later)"},
+      {{199}, failed + "199"},
+      {{300}, failed + "300 (a redirect, which is not followed; use the final URL)"},
+      {{.status = 301, .location = "http://x/y?KEY#KEY"},
+       failed + "301 (a redirect to http://x/y, which is not followed; use the final URL)"},
+      {{.status = 308, .location = "http://KEY@x/y"},
+       failed + "308 (a redirect, which is not followed; use the final URL)"}};
+  for (const auto& [reply, told] : cases) {
+    const auto act = [&, &played = reply] {
+      play(played, [](http::Response&) {}, POLICY, {"KEY-1"});
+    };
+    EXPECT_EQ(text_of<http::Error>(act), told);
+  }
+}
+
+template <class Thrown>
 struct Throwing final : http::Transport {
-  explicit Throwing(std::function<void()> act_in)
-      : act(std::move(act_in)) {}
+  explicit Throwing(Thrown thrown_in) : thrown(std::move(thrown_in)) {}
 
   std::unique_ptr<http::Exchange> open(http::Request, http::Watch&) override {
-    act();
-    return nullptr;
+    throw Thrown(thrown);
   }
 
-  std::function<void()> act;
+  Thrown thrown;
 };
 
+// What a caller gets of an error that a transport throws.
+template <class Error, class Thrown>
+void expect(const Thrown& thrown, int status, const std::string& text,
+            const std::string& detail = "") {
+  Throwing<Thrown> transport(thrown);
+  try {
+    http::get("http://h", {.policy = POLICY, .secrets = {"sk-1"}, .transport = &transport},
+              [](http::Response&) {});
+    ADD_FAILURE() << text;
+  } catch (const http::Error& error) {
+    EXPECT_EQ(typeid(error), typeid(Error)) << text;
+    EXPECT_EQ(error.status().value_or(0), status) << text;
+    EXPECT_EQ(error.what(), text);
+    const auto* const failure = dynamic_cast<const http::HttpFailure*>(&error);
+    EXPECT_EQ(failure == nullptr ? "" : failure->detail(), detail);
+  }
+}
+
 TEST(Send, KeepsWhatATransportThrowsButForSecrets) {
-  const http::Headers headers;
-  const http::Secrets secrets{"sk-1"};
-  const auto told = [&](auto thrown) {
-    Throwing transport([&] { throw thrown; });
-    try {
-      const http::SendOptions options{
-          .policy = POLICY, .headers = headers, .secrets = secrets, .transport = &transport};
-      http::get("http://h", options, [](http::Response&) {});
-    } catch (const http::Error& error) {
-      const auto* const failure = dynamic_cast<const http::HttpFailure*>(&error);
-      std::string type = typeid(error).name();
-      type.erase(0, type.find_last_of("0123456789") + 1);
-      return type.substr(0, type.size() - 1) + std::to_string(error.status().value_or(0)) + " " +
-             error.what() + (failure == nullptr ? "" : " | " + std::string(failure->detail()));
-    }
-    return std::string("none");
-  };
-  EXPECT_EQ(told(http::TimedOut("a sk-1", 1)), "TimedOut1 a ***");
-  EXPECT_EQ(told(http::Retryable("a sk-1", 2)), "Retryable2 a ***");
-  EXPECT_EQ(told(http::Exhausted("a sk-1", 3)), "Exhausted3 a ***");
-  EXPECT_EQ(told(http::Stopped("a sk-1", 4)), "Stopped4 a ***");
-  EXPECT_EQ(told(http::DeadlineExceeded("a sk-1", 5)), "DeadlineExceeded5 a ***");
-  EXPECT_EQ(told(http::Error("a sk-1", 6)), "Error6 a ***");
-  EXPECT_EQ(told(http::HttpFailure("a sk-1", 7, "b sk-1")), "HttpFailure7 a ***: b *** | b ***");
-  EXPECT_EQ(told(http::HttpFailure(std::string("a\0b", 3), 8, std::string("c\0d", 3))),
-            "HttpFailure8 a\uFFFDb: c\uFFFDd | c\uFFFDd");
+  expect<http::TimedOut>(http::TimedOut("a sk-1", 1), 1, "a ***");
+  expect<http::Retryable>(http::Retryable("a sk-1", 2), 2, "a ***");
+  expect<http::Exhausted>(http::Exhausted("a sk-1", 3), 3, "a ***");
+  expect<http::Stopped>(http::Stopped("a sk-1", 4), 4, "a ***");
+  expect<http::DeadlineExceeded>(http::DeadlineExceeded("a sk-1", 5), 5, "a ***");
+  expect<http::Error>(http::Error("a sk-1", 6), 6, "a ***");
+  using http::HttpFailure;
+  using http::TransportError;
+  expect<HttpFailure>(HttpFailure("a sk-1", 7, "b sk-1"), 7, "a ***: b ***", "b ***");
+  const std::string nul("a\0b", 3), shown = "a\uFFFDb";
+  expect<HttpFailure>(HttpFailure(nul, 8, nul), 8, shown + ": " + shown, shown);
+  expect<http::Retryable>(TransportError(nul, true), 0, shown);
   // The status of a proxy sorts the failure, and is not taken for the server's.
-  EXPECT_EQ(told(http::TransportError("a sk-1", true, 407)),
-            "HttpFailure0 request failed: a *** | ");
-  EXPECT_EQ(told(http::TransportError("a sk-1", false, 503)), "Retryable0 a ***");
-  EXPECT_EQ(told(http::TransportError(std::string("a\0b", 3), true)), "Retryable0 a\uFFFDb");
+  expect<HttpFailure>(TransportError("a sk-1", true, 407), 0, "request failed: a ***");
+  expect<http::Retryable>(TransportError("a sk-1", false, 503), 0, "a ***");
 }
 
 TEST(Send, GivesBackOnlyConnectionsThatAreInGoodOrder) {
   Playback transport({Reply{.pieces = {"a\n", "b"}}});
-  post(transport, "http://h", {{"content-type", "text/x"}}, {}, [](http::Response& reply) { reply.next_line(); });
+  post(transport, "http://h", {{"content-type", "text/x"}}, {},
+       [](http::Response& reply) { reply.next_line(); });
   EXPECT_EQ(transport.finished, 1);
   EXPECT_THROW(post(transport, "http://h", {}, {}, [](http::Response&) { throw 7; }), int);
   EXPECT_EQ(transport.finished, 1);

@@ -1,5 +1,7 @@
 #include <bit>
 
+#include <openssl/evp.h>
+
 #include "support.hpp"
 #include "text/quote.hpp"
 
@@ -22,10 +24,35 @@ TEST(Redact, MasksEverySpelling) {
       {"escaped pair", R"(\ud83d\ude00)", {"\U0001F600"}, "***"},
       {"in a URL, escaped twice, in JSON", "k%2F1 k%252f1 k%5C%2F1", {"k/1"}, "*** *** ***"},
       {"holding an escape itself", R"(a\/%41 a\/%2541 %61/%2541)", {"a/%41"}, "*** *** ***"},
+      {"in a URL, escaped four times, and five",
+       "k%2525252F1 k%252525252F1",
+       {"k/1"},
+       "*** k%252525252F1"},
       {"cut out again and again", "*******########", {"*", "#", "e", "sk"}, ""},
       {"no escape", R"(\x \u12 k1 %2g \)", {"k1"}, R"(\x \u12 *** %2g \)"},
   };
-  for (const auto& [what, text, secrets, result] : cases) EXPECT_EQ(redact(text, secrets), result) << what;
+  for (const auto& [what, text, secrets, result] : cases)
+    EXPECT_EQ(redact(text, secrets), result) << what;
+}
+
+TEST(Redact, MasksBase64OfEachAlignmentAndAlphabet) {
+  const std::string secret = ">>>?>>>?>>>?>>>?>>>?";
+  for (std::size_t before = 0; before < 3; ++before) {
+    const std::string plain = std::string(before, 'x') + secret + "end";
+    std::string coded(100, '\0');
+    coded.resize(static_cast<std::size_t>(
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(coded.data()),
+                        reinterpret_cast<const unsigned char*>(plain.data()), int(plain.size()))));
+    for (const char* const specials : {"+/", "-_"}) {
+      std::ranges::replace(coded, '+', specials[0]);
+      std::ranges::replace(coded, '/', specials[1]);
+      ASSERT_NE(coded.find(specials[0]), std::string::npos);
+      ASSERT_NE(coded.find(specials[1]), std::string::npos);
+      const std::string masked = redact(coded, {secret});
+      EXPECT_TRUE(contains(masked, "***") && masked.size() < 14) << coded << " " << masked;
+      EXPECT_EQ(redact(coded, {">>>?>>>"}), coded) << "too short a secret";
+    }
+  }
 }
 
 // A long text is searched in windows of 128 KiB: the border is at no special place.
@@ -77,7 +104,8 @@ TEST(Quote, IsOneCleanLineOfSoManyCharacters) {
   EXPECT_EQ(http::quote("\xff\xe2\x82", {}, 99), "\uFFFD\uFFFD\uFFFD");
   EXPECT_EQ(http::quote("äöüß", {}, 3), "äöü");
   EXPECT_EQ(http::quote("KEY\nONE", {"KEY ONE"}, 99), "***");
-  for (const char* const cut : {"abcd/", "abcd\\/", "abcd%2F%2", "abcd%252f%25", "abcd/\\u00"}) EXPECT_EQ(http::quote(cut, {"abcd/-"}, 99), "***") << cut;
+  for (const char* const cut : {"abcd/", "abcd\\/", "abcd%2F%2", "abcd%252f%25", "abcd/\\u00"})
+    EXPECT_EQ(http::quote(cut, {"abcd/-"}, 99), "***") << cut;
   // Of a long text only the start is looked at. What it cuts shows no more than four characters.
   for (const char* const spelt : {"abcd/-", "abcd\\/-", "abcd%2F%2d", "abcd%252F-"}) {
     for (std::size_t at = http::QUOTED_BYTES - 12; at < http::QUOTED_BYTES; ++at) {
@@ -90,23 +118,39 @@ TEST(Quote, IsOneCleanLineOfSoManyCharacters) {
 }
 
 TEST(SecretsOf, KnowsWhereCredentialsStand) {
-  const http::Secrets secrets = http::secrets_of(
-      {{"AUTHORIZATION", "bEaReR  tok-1 "}, {"Proxy-Authorization", "Basic dXNlcg=="}, {"X-Api-Key", "key-1"}, {"api-key", "key-2"}, {"Cookie", "a=crumb-1; b=crumb=2;"}, {"X-Auth-Token", "tok-2"}, {"Accept", "text/html"}});
+  const http::Secrets secrets = http::secrets_of({{"AUTHORIZATION", "bEaReR  tok-1 "},
+                                                  {"Proxy-Authorization", "Basic dXNlcg=="},
+                                                  {"X-Api-Key", "key-1"},
+                                                  {"api-key", "key-2"},
+                                                  {"Ocp-Apim-Subscription-Key", "key-3"},
+                                                  {"x-client-secret", "key-4"},
+                                                  {"Cookie", "a=crumb-1; b=crumb=2;"},
+                                                  {"X-Auth-Token", "tok-2"},
+                                                  {"Accept", "text/html"}});
   EXPECT_EQ(std::set(secrets.begin(), secrets.end()),
-            (std::set<std::string>{"tok-1", "dXNlcg==", "key-1", "key-2", "crumb-1", "crumb=2", "tok-2"}));
+            (std::set<std::string>{"tok-1", "dXNlcg==", "key-1", "key-2", "key-3", "key-4",
+                                   "crumb-1", "crumb=2", "tok-2"}));
   EXPECT_EQ(http::secrets_of({{"authorization", "raw-token"}}), http::Secrets{"raw-token"});
   EXPECT_EQ(http::secrets_of({{"authorization", "token abc"}}), http::Secrets{"abc"});
 }
 
 TEST(ErrorTexts, HoldNoSecretThatTheEngineItselfSays) {
-  const std::pair<int, http::JsonObject> cases[] = {{401, {}}, {503, {}}, {200, http::JsonObject().add("the key", "\xff")}};
+  const std::pair<int, http::JsonObject> cases[] = {
+      {401, {}}, {503, {}}, {200, http::JsonObject().add("the key", "\xff")}};
   for (const auto& [status, body] : cases) {
     Playback transport({Reply{.status = status}});
     const http::Secrets secrets{"key", "server"};
     const auto text = text_of<http::Error>([&, &body = body] {
-      http::send("http://h", {.policy = POLICY, .body = body, .headers = {}, .secrets = secrets, .transport = &transport}, [](http::Response&) {});
+      http::send("http://h",
+                 {.policy = POLICY,
+                  .body = body,
+                  .headers = {},
+                  .secrets = secrets,
+                  .transport = &transport},
+                 [](http::Response&) {});
     });
-    EXPECT_TRUE(contains(text, "***") && !contains(text, "key") && !contains(text, "server")) << text;
+    EXPECT_TRUE(contains(text, "***") && !contains(text, "key") && !contains(text, "server"))
+        << text;
   }
   EXPECT_EQ(http::quote("abcdefgh\\ud83d", {"abcdefgh\U0001F600x"}, 99), "***");
 }

@@ -1,4 +1,10 @@
 // The engine's own transport over real sockets: what it reuses and what it refuses.
+#include <filesystem>
+#include <fstream>
+
+#include <unistd.h>
+
+#include "engines/http/curl/route.hpp"
 #include "faults/faults.hpp"
 #include "support.hpp"
 
@@ -18,7 +24,12 @@ template <class Read>
 auto post(const Call& call, Read read) {
   const http::RetryPolicy policy{};
   return http::send(call.url,
-                    {.policy = policy, .timeout_s = call.timeout_s, .body = call.body, .headers = call.headers, .secrets = {}, .transport = call.transport.get()},
+                    {.policy = policy,
+                     .timeout_s = call.timeout_s,
+                     .body = call.body,
+                     .headers = call.headers,
+                     .secrets = {},
+                     .transport = call.transport.get()},
                     read);
 }
 
@@ -37,12 +48,42 @@ TEST(Transport, RefusesUrlsThatItCannotUse) {
   }
 }
 
+TEST(Origin, ShowsNeitherUserNorPathNorQuery) {
+  const std::pair<const char*, const char*> cases[] = {{"HTTP://H.example/x", "http://H.example"},
+                                                       {"http://h:8080?KEY", "http://h:8080"},
+                                                       {"http://h#KEY", "http://h"},
+                                                       {"http://h\\KEY", "http://h"},
+                                                       {"http://me:KEY@h:1/", "http://h:1"},
+                                                       {"http://me:K@EY@h", "http://h"},
+                                                       {"http://me:KEY/1@h/", "http://me"},
+                                                       {"http://[::1]:80/", "http://[::1]:80"},
+                                                       {"http://[::1]:KEY/", "http://[::1]"},
+                                                       {"h/x", "h"}};
+  for (const auto& [url, origin] : cases) EXPECT_EQ(http::origin_of(url), origin) << url;
+}
+
+TEST(Transport, TrustsTheAuthoritiesInAFile) {
+  Server server([](Exchange& exchange) { exchange.reply(200, "hi"); }, {.tls = true});
+  const auto file = std::filesystem::temp_directory_path() / ("ca." + std::to_string(getpid()));
+  std::ofstream(file) << server.certificate();
+  setenv("SSL_CERT_FILE", file.c_str(), 1);
+  EXPECT_EQ(post({.url = server.url(), .transport = http::make_transport()}), "hi");
+  std::filesystem::remove(file);
+  const auto text = text_of<http::HttpFailure>(
+      [&] { post({.url = server.url(), .transport = http::make_transport()}); });
+  EXPECT_TRUE(contains(text, "cannot read the trusted certificates in " + file.string())) << text;
+  unsetenv("SSL_CERT_FILE");
+}
+
 TEST(Transport, KeepsAConnectionForBodiesHoweverLarge) {
   std::string text;
   for (int i = 0; text.size() < 5'000'000; ++i) text += std::to_string(i);
   for (const bool tls : {false, true}) {
-    Server server([](Exchange& exchange) { exchange.reply(200, exchange.request().body); }, {.tls = tls});
-    const Call call{.url = server.url(), .transport = faults::trusting(server), .body = http::JsonObject().add("text", text)};
+    Server server([](Exchange& exchange) { exchange.reply(200, exchange.request().body); },
+                  {.tls = tls});
+    const Call call{.url = server.url(),
+                    .transport = faults::trusting(server),
+                    .body = http::JsonObject().add("text", text)};
     for (int i = 0; i < 3; ++i) EXPECT_EQ(post(call), http::JsonObject(call.body).text());
     EXPECT_EQ(server.connections(), 1);
   }
@@ -50,11 +91,13 @@ TEST(Transport, KeepsAConnectionForBodiesHoweverLarge) {
 
 TEST(Transport, UsesOneConnectionForOneStreamAfterTheOther) {
   const std::tuple<const char*, std::function<void(Exchange&)>, int> cases[] = {
-      // what, what comes after the marker, connections for twenty streams, on a busy machine at most
+      // what, what comes after the marker, connections for twenty streams, on a busy machine at
+      // most
       {"ended at once", [](Exchange& e) { e.end_stream(); }, 3},
       {"ended late", [](Exchange& e) { e.pause(20ms), e.end_stream(); }, 6},
       {"some garbage", [](Exchange& e) { e.chunk("data: x\n\n"), e.end_stream(); }, 3},
-      {"too much garbage", [](Exchange& e) { e.chunk(std::string(1 << 20, 'x')), e.end_stream(); }, 20},
+      {"too much garbage", [](Exchange& e) { e.chunk(std::string(1 << 20, 'x')), e.end_stream(); },
+       20},
       {"never ended", [](Exchange& e) { e.stall(); }, 20}};
   for (const auto& [what, after_marker, connections] : cases) {
     SCOPED_TRACE(what);
@@ -95,27 +138,31 @@ TEST(Transport, GoesThroughAProxyWhosePasswordItKeepsToItself) {
     exchange.reply(tunnel ? 403 : 200, exchange.request().target);
   });
   setenv("https_proxy", proxy.url().c_str(), 1);
-  EXPECT_THROW(post({.url = "https://no.such.host.invalid/x", .headers = {{"Authorization", "Bearer KEY"}}}), http::Error);
+  EXPECT_THROW(
+      post({.url = "https://no.such.host.invalid/x", .headers = {{"Authorization", "Bearer KEY"}}}),
+      http::Error);
   EXPECT_EQ(tunnels, 1);
   EXPECT_EQ(keys, 0);  // the proxy would read them in clear
   unsetenv("https_proxy");
   setenv("http_proxy", proxy.url().c_str(), 1);
   EXPECT_EQ(post({.url = "http://no.such.host.invalid/x"}), "http://no.such.host.invalid/x");
-  setenv("http_proxy", "http://me:SECRET/2@127.0.0.1:9", 1);
-  EXPECT_FALSE(contains(text_of<http::Error>([] { post({.url = "http://127.0.0.1:1/"}); }), "SECRET"));
   unsetenv("http_proxy");
 }
 
 // libcurl would repeat it in silence on a kept connection that breaks.
 TEST(Transport, SendsARequestOnce) {
-  Server server([](Exchange& exchange) { exchange.request().body == "{}" ? exchange.reply(200, "") : exchange.close(); });
+  Server server([](Exchange& exchange) {
+    exchange.request().body == "{}" ? exchange.reply(200, "") : exchange.close();
+  });
   const auto transport = http::make_transport();
   const auto closing = http::JsonObject().add("close", true);
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(post({.url = server.url(), .transport = transport}), "");
-    EXPECT_THROW(post({.url = server.url(), .transport = transport, .body = closing}), http::Retryable);
+    EXPECT_THROW(post({.url = server.url(), .transport = transport, .body = closing}),
+                 http::Retryable);
   }
   EXPECT_EQ(server.requests(), 10);
+  EXPECT_EQ(server.connections(), 5) << "a connection that broke was not one that was kept";
 }
 
 TEST(Transport, HoldsAFastSenderBack) {
@@ -127,7 +174,8 @@ TEST(Transport, HoldsAFastSenderBack) {
   });
   const http::StopTest none;
   http::Watch watch(5, none, {});
-  const auto exchange = http::default_transport().open({.method = http::Method::get, .url = server.url()}, watch);
+  const auto exchange =
+      http::default_transport().open({.method = http::Method::get, .url = server.url()}, watch);
   std::string body;
   std::size_t before = 0;
   do {

@@ -13,19 +13,35 @@ using namespace support;
 TEST(Reasoning, IsRemovedOutsideCode) {
   const std::pair<const char*, const char*> cases[] = {
       {"  plain answer \n", "plain answer"},
-      {"\u3000\u00A0\u2028x\u2003y\u0085\x1f", "x\u2003y"},
+      {"<think>a</think>b</THINK> c </Think > d", "c </Think > d"},
+      {"a</think>\n```\n</think>\n```", "```\n</think>\n```"},
       {"<THINK>x</Think> Answer", "Answer"},
       {"Intro <think>unfinished <think>reasoning", "Intro"},
       {"<think>a</think>Answer <think>b", "Answer <think>b"},
       {"Use `</think>` to close.", "Use `</think>` to close."},
       {"~~~\n</think>\n~~~\nAnswer", "~~~\n</think>\n~~~\nAnswer"}};
-  for (const auto& [content, answer] : cases) EXPECT_EQ(llm::_strip_reasoning(content), answer) << content;
+  for (const auto& [content, answer] : cases)
+    EXPECT_EQ(llm::_strip_reasoning(content), answer) << content;
+}
+
+TEST(Answer, LosesWhiteSpaceAtBothEnds) {
+  for (const std::string space :
+       {" ",      "\t",     "\n",     "\v",     "\f",     "\r",     "\x1c",   "\x1d",
+        "\x1e",   "\x1f",   "\u0085", "\u00A0", "\u1680", "\u2000", "\u2001", "\u2002",
+        "\u2003", "\u2004", "\u2005", "\u2006", "\u2007", "\u2008", "\u2009", "\u200A",
+        "\u2028", "\u2029", "\u202F", "\u205F", "\u3000"}) {
+    const std::string answer = "x" + space + "y";
+    EXPECT_EQ(llm::_strip_reasoning(space + space + answer + space + space), answer) << answer;
+  }
+  for (const std::string mark : {"\x08", "\x0e", "\x1b", "\x7f", "\u180E", "\u200B", "\xA0"}) {
+    EXPECT_EQ(llm::_strip_reasoning(mark + " x " + mark), mark + " x " + mark);
+  }
 }
 
 TEST(Reasoning, TakesTimeInProportionToTheText) {
   // Each of these makes a careless search quadratic: it would take minutes.
-  for (const char* const unit : {"</think>", "<think>", "```</think>", "`</think>`", "~~~ ` ", "`\n</think>", "<",
-                                 "` ``` ~~~ </think>", "   "}) {
+  for (const char* const unit : {"</think>", "<think>", "```</think>", "`</think>`", "~~~ ` ",
+                                 "`\n</think>", "<", "` ``` ~~~ </think>", "   "}) {
     std::string content = "~~~";
     while (content.size() < 2'000'000) content += unit;
     const auto start = http::Clock::now();
@@ -35,56 +51,84 @@ TEST(Reasoning, TakesTimeInProportionToTheText) {
 }
 
 TEST(AsInt, ConvertsWhatIsANumber) {
-  const std::pair<const char*, std::int64_t> cases[] = {
-      {"9.99", 9}, {"-7.9", -7}, {"true", 1}, {"false", 0}, {"\"42\"", 42}, {"\" -3\\n\"", -3}, {"\"+5\"", 5}, {"9223372036854775807", INT64_MAX}, {"-9223372036854775808", INT64_MIN}, {"-9223372036854775808.0", INT64_MIN},
-      // 77 is what is fallen back to
-      {"\"4.2\"", 77},
-      {"\"+-5\"", 77},
-      {"null", 77},
-      {"9223372036854775808", 77},
-      {"1e19", 77},
-      {"\"9223372036854775808\"", 77}};
+  const std::pair<const char*, std::int64_t> cases[] = {{"9.99", 9},
+                                                        {"-7.9", -7},
+                                                        {"true", 1},
+                                                        {"false", 0},
+                                                        {"\"42\"", 42},
+                                                        {"\" -3\\n\"", -3},
+                                                        {"\"+5\"", 5},
+                                                        {"9223372036854775807", INT64_MAX},
+                                                        {"-9223372036854775808", INT64_MIN},
+                                                        {"-9223372036854775808.0", INT64_MIN},
+                                                        // 77 is what is fallen back to
+                                                        {"\"4.2\"", 77},
+                                                        {"\"+-5\"", 77},
+                                                        {"null", 77},
+                                                        {"9223372036854775808", 77},
+                                                        {"1e19", 77},
+                                                        {"9223372036854775808.0", 77},
+                                                        {"-9223372036854775809", 77},
+                                                        {"\"\"", 77},
+                                                        {"\"9223372036854775808\"", 77}};
   http::JsonReader reader;
-  for (const auto& [text, number] : cases) EXPECT_EQ(llm::_as_int(reader.parse(text), 77), number) << text;
+  for (const auto& [text, number] : cases)
+    EXPECT_EQ(llm::_as_int(reader.parse(text), 77), number) << text;
 }
 
 TEST(Completion, IsReadFromAWholeBody) {
   const std::pair<const char*, LLMResult> cases[] = {
       {R"({"choices":[{}]})", {{"", "m"}}},
       {R"({"choices":[{"message":false,"finish_reason":""}],"usage":[]})", {{"", "m", 0, 0, ""}}},
-      {R"({"model":"","choices":[{"message":{"content":"hi"}},{"message":{"content":"2"}}]})", {{"hi", "m"}}},
+      {R"({"model":"","choices":[{"message":{"content":"hi"}},{"message":{"content":"2"}}]})",
+       {{"hi", "m"}}},
+      {R"({"choices":[{"message":{"content":null},"finish_reason":null}]})", {{"", "m"}}},
       {R"({"model":5,"choices":[{"message":{"content":"\ud83d \ud83d\ude00"},"finish_reason":7}]})",
        {{"\uFFFD \U0001F600", "5", 0, 0, "7"}}},
       {R"({"model":"x","choices":[{"message":{"content":" <think>p</think>\n\nA "},"finish_reason":"length"}],
            "usage":{"prompt_tokens":"12","completion_tokens":1e999}})",
        {{"A", "x", 12, 0, "length"}}}};
   http::JsonReader reader;
-  for (const auto& [text, result] : cases) EXPECT_EQ(llm::_parse_completion(reader.parse(text), "m"), result) << text;
+  for (const auto& [text, result] : cases)
+    EXPECT_EQ(llm::_parse_completion(reader.parse(text), "m"), result) << text;
 }
 
 TEST(Completion, FailsInWords) {
   const std::string check = "; check the URL and the model: ";
-  const std::pair<const char*, std::string> cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"[]", "LLM response is not a JSON object"},
+      {R"({"choices":[],"x":")" + std::string(3000, 'x') + "\"}",
+       "LLM response missing 'choices': {\"choices\":[],\"x\":\"" + std::string(3000, 'x') + "\"}"},
       {R"({"choices":[]})", R"(LLM response missing 'choices': {"choices":[]})"},
-      {R"({"error":{"message":"bad KEY-1"}})", R"(LLM response missing 'choices': {"message":"bad ***"})"},
-      {R"({"error":"","detail":"x"})", R"(LLM response missing 'choices': {"error":"","detail":"x"})"},
+      {R"({"error":{"message":"bad KEY-1"}})",
+       R"(LLM response missing 'choices': {"message":"bad ***"})"},
+      {R"({"error":"","detail":"x"})",
+       R"(LLM response missing 'choices': {"error":"","detail":"x"})"},
       {R"({"error":"a\u0000b"})", "LLM response missing 'choices': a\uFFFDb"},
-      {R"({"choices":"x"})", "LLM response is malformed: 'choices' is not an array" + check + R"({"choices":"x"})"},
-      {R"({"choices":[null],"error":"bad KEY-1"})", "LLM response is malformed: the first of 'choices' is not an object" + check + "bad ***"},
-      {R"({"choices":[{"message":"x"}]})", "LLM response is malformed: 'message' is not an object" + check + R"({"choices":[{"message":"x"}]})"},
-      {R"({"choices":[{"message":{"content":[1]}}]})", "LLM response is malformed: 'content' is not a string" + check + R"({"choices":[{"message":{"content":[1]}}]})"}};
+      {R"({"choices":"x"})",
+       "LLM response is malformed: 'choices' is not an array" + check + R"({"choices":"x"})"},
+      {R"({"choices":[null],"error":"bad KEY-1"})",
+       "LLM response is malformed: the first of 'choices' is not an object" + check + "bad ***"},
+      {R"({"choices":[{"message":"x"}]})", "LLM response is malformed: 'message' is not an object" +
+                                               check + R"({"choices":[{"message":"x"}]})"},
+      {R"({"choices":[{"message":{"content":[1]}}]})",
+       "LLM response is malformed: 'content' is not a string" + check +
+           R"({"choices":[{"message":{"content":[1]}}]})"}};
   http::JsonReader reader;
   for (const auto& [text, told] : cases) {
     const auto payload = reader.parse(text);
-    EXPECT_EQ(text_of<llm::LLMError>([&] { std::ignore = llm::_parse_completion(payload, "m", {"KEY-1"}); }), told);
+    EXPECT_EQ(text_of<llm::LLMError>(
+                  [&] { std::ignore = llm::_parse_completion(payload, "m", {"KEY-1"}); }),
+              told);
   }
 }
 
 TEST(Stream, IsBoundedInLength) {
-  const std::string event = R"(data: {"choices":[{"delta":{"content":")" + std::string(8 << 20, 'x') + "\"}}]}\n\n";
+  const std::string event =
+      R"(data: {"choices":[{"delta":{"content":")" + std::string(8 << 20, 'x') + "\"}}]}\n\n";
   const auto decode = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); };
-  const auto text = text_of<llm::LLMError>([&] { play({.pieces = std::vector(9, event)}, decode); });
+  const auto text =
+      text_of<llm::LLMError>([&] { play({.pieces = std::vector(9, event)}, decode); });
   EXPECT_TRUE(contains(text, "longer than 64 MiB")) << text;
 }
 

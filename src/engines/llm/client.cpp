@@ -144,10 +144,7 @@ bool _openai_available() {
 }
 
 LLMClient build_llm_client_from_config(const Config& config) {
-  return build_llm_client_from_config(config.generation);
-}
-
-LLMClient build_llm_client_from_config(const GenerationConfig& gen) {
+  const GenerationConfig& gen = config.generation;
   LLMConfig::Fields fields{.provider = gen.provider,
                            .base_url = gen.base_url,
                            .model = gen.model,

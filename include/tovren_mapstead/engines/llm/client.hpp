@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <concepts>
 #include <memory>
 #include <optional>
 #include <string>
@@ -120,8 +121,13 @@ class TOVREN_EXPORT LLMClient {
 [[nodiscard]] TOVREN_EXPORT LLMClient build_llm_client_from_config(const Config& config);
 
 /// Does the same with the section alone:
-/// `build_llm_client_from_config({.base_url = url, .model = "m"})`.
-[[nodiscard]] TOVREN_EXPORT LLMClient
-build_llm_client_from_config(const GenerationConfig& generation);
+/// `build_llm_client_from_config({.base_url = url, .model = "m"})`. A template, so that `{}` means
+/// the function above.
+template <class Section = GenerationConfig>
+requires std::same_as<Section, GenerationConfig>
+
+[[nodiscard]] LLMClient build_llm_client_from_config(const Section& generation) {
+  return build_llm_client_from_config(Config{.generation = generation});
+}
 
 }  // namespace tovren_mapstead::engines::llm

@@ -1,4 +1,4 @@
-// Keeps idle connections for the next request to the same origin.
+// Keeps idle connections for reuse by the next request to the same origin.
 #pragma once
 
 #include <list>

@@ -1,0 +1,301 @@
+// The same calls over plain HTTP and through the client library, from one table, with the
+// differences that there are. The search path of the process decides which path is taken.
+#include <cstdlib>
+#include <sstream>
+#include <variant>
+
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include "openai/loader.hpp"
+#include "support.hpp"
+
+namespace {
+
+using namespace support;
+namespace openai = tovren_mapstead::openai;
+
+const bool LIBRARY = std::string_view(std::getenv("EXPECTED_PATH")) == "Library";
+const std::string KEY = "sk-KEY-12345";
+constexpr const char* EVENT_STREAM = "text/event-stream";
+
+struct Script {
+  int status;  // 0: the connection breaks
+  std::string body;
+  const char* type = "application/json";
+};
+
+Script stream(const std::string& body) {
+  return {200, body, EVENT_STREAM};
+}
+
+std::string event(const std::string& json) {
+  return "data: " + json + "\n\n";
+}
+
+std::string delta(const std::string& content, const std::string& rest = "") {
+  return event(R"({"model":"x","choices":[{"delta":{"content":")" + content + "\"}" + rest + "}]}");
+}
+
+Script whole(const std::string& content) {
+  return {200, R"({"model":"x","choices":[{"message":{"content":)" + content +
+                   R"(},"finish_reason":"stop"}],)"
+                   R"("usage":{"prompt_tokens":1,"completion_tokens":"2"}})"};
+}
+
+const std::string FINISH = R"(,"finish_reason":"stop")";
+const std::string USAGE =
+    event(R"({"choices":[],"usage":{"prompt_tokens":1,"completion_tokens":2.0}})");
+const std::string EVENTS = delta("<think>a</think> h") + delta("i", FINISH) + USAGE;
+const Script STREAMED = stream(EVENTS + "data: [DONE]\n\n");
+const Script WHOLE = whole("\"hi\"");
+const LLMResult HI{{"hi", "x", 1, 2, "stop"}};
+
+// A server that replies as it is told and keeps the requests.
+class Paths : public testing::Test {
+ protected:
+  // `replies`: one after the other, the last one again and again.
+  LLMResult ask(std::vector<Script> replies, bool stream, bool json) {
+    {
+      const std::lock_guard lock(_mutex);
+      _replies = std::move(replies);
+      requests.clear();
+    }
+    const LLMClient client(
+        {.base_url = _server.url() + "//", .model = "m", .api_key = KEY, .stream = stream},
+        {.wait = [](double, auto&, auto) {}});
+    return client.chat({llm::system("Be brief"), llm::user("Hello")},
+                       {.temperature = 0.0, .max_tokens = 9, .response_json = json});
+  }
+
+  std::vector<loopback::Request> requests;
+
+ private:
+  std::mutex _mutex;
+  std::vector<Script> _replies;
+  Server _server{[this](Exchange& exchange) {
+    const std::lock_guard lock(_mutex);
+    const Script& script = _replies[std::min(requests.size(), _replies.size() - 1)];
+    requests.push_back(exchange.request());
+    script.status == 0 ? exchange.reset() : exchange.reply(script.status, script.body, script.type);
+  }};
+};
+
+TEST_F(Paths, SendTheSameRequest) {
+  const std::string common =
+      R"({"model":"m","messages":[{"role":"system","content":"Be brief"},)"
+      R"({"role":"user","content":"Hello"}],"temperature":0.0,"max_tokens":9)";
+  const auto check = [&](const std::string& body, bool events) {
+    const loopback::Request& request = requests.at(0);
+    EXPECT_EQ(request.method + request.target, "POST/chat/completions");
+    EXPECT_EQ(request.body, common + body);
+    EXPECT_EQ(request.headers.at("authorization"), "Bearer " + KEY);
+    EXPECT_EQ(request.headers.at("content-type"), "application/json");
+    EXPECT_EQ(request.headers.at("accept") == EVENT_STREAM, events);
+  };
+  ask({WHOLE}, false, false);
+  check("}", false);
+  ask({STREAMED}, true, true);
+  check(R"(,"stream":true,"stream_options":{"include_usage":true},)"
+        R"("response_format":{"type":"json_object"}})",
+        true);
+}
+
+TEST_F(Paths, LeadToTheSameAnswers) {
+  ASSERT_EQ(llm::_openai_available(), LIBRARY);
+
+  struct Case {
+    const char* name;
+    std::string asked;  // a letter a request: b both features, s streaming, j JSON mode, - neither
+    std::vector<Script> replies;
+    std::variant<LLMResult, std::string> outcome = HI;  // or how the error's text begins
+    std::string from_library{};                         // where its text differs
+  };
+
+  const std::string failed = "LLM request failed";
+  const std::string tries = "LLM call failed after 3 attempts; last failure: ";
+  const Script no_json{400, "no Response_Format, no Streams"}, no_stream{400, "Stream?"};
+  const Script refusal{200, R"({"error":")" + KEY + "\"}"};
+  const std::string missing = "LLM response missing 'choices': ***";
+  const Case cases[] = {
+      {"streamed", "s", {STREAMED}},
+      {"whole where a stream was asked for", "s", {WHOLE}},
+      // The library's whole replies are passed on as they are.
+      {"whole, with reasoning",
+       "-",
+       {whole(R"("<think>a</think> hi ")")},
+       LLMResult{{LIBRARY ? "<think>a</think> hi " : "hi", "x", 1, 2, "stop"}}},
+      {"half a character a delta",
+       "s",
+       {stream(delta(R"(\ud83d)") + delta(R"(\ude00\ud83d)"))},
+       LLMResult{{"\U0001F600\uFFFD", "x"}}},
+      {"half a character", "-", {whole(R"("\ud83dx")")}, LLMResult{{"\uFFFDx", "x", 1, 2, "stop"}}},
+      {"no content, as with calls of tools",
+       "-",
+       {whole("null")},
+       LLMResult{{"", "x", 1, 2, "stop"}}},
+      {"empty members",
+       "-",
+       {{200, R"({"model":"","choices":[{"message":{"content":""},"finish_reason":""}]})"}},
+       LLMResult{{"", "m", 0, 0, ""}}},
+      {"empty members and two choices",
+       "s",
+       {stream(event(R"({"model":"","choices":[{"delta":{"content":"hi"},"finish_reason":""},)"
+                     R"({"delta":{"content":"2"}}]})"))},
+       LLMResult{{"hi", "m"}}},
+      {"counts that become null",
+       "s",
+       {stream(EVENTS + event(R"({"usage":{"prompt_tokens":null,"completion_tokens":null}})"))}},
+      {"no JSON mode", "bs", {no_json, STREAMED}},
+      {"no stream", "s-", {no_stream, WHOLE}},
+      {"neither", "bs-", {no_json, no_json, WHOLE}},
+      {"the other way round", "bj-", {no_stream, no_json, WHOLE}},
+      {"no fourth request", "bs-", {no_json}, failed},
+      {"not used", "-", {no_json}, failed},
+      {"rejected with another status", "b", {{422, no_json.body}}, failed},
+      {"busy twice", "sss", {{503, ""}, {429, ""}, STREAMED}},
+      {"broken off", "sss", {{0, ""}, stream(": nothing\n"), STREAMED}},
+      {"cut in a character", "ss", {stream(delta("x").substr(0, 51) + "\xC3"), STREAMED}},
+      {"half a body", "--", {{200, "{\"choices\":["}, WHOLE}},
+      {"bad key", "s", {{401, KEY}}, failed + " with HTTP 401 (check the API key): ***"},
+      // Any 5xx of the library's is transient.
+      {"not offered",
+       LIBRARY ? "sss" : "s",
+       {{501, KEY}},
+       failed + " with HTTP 501",
+       tries + "request failed with HTTP 501"},
+      {"no choices",
+       "-",
+       {refusal},
+       missing,
+       R"(LLM SDK response missing 'choices': {"error":"***"})"},
+      {"no choices where a stream was asked for",
+       "s",
+       {refusal},
+       missing,
+       R"(LLM SDK call failed: the reply has no choices: {"error":"***"})"},
+      {"no JSON", "-", {{200, "<" + KEY}}, failed + ": the reply is not"},
+      {"no object",
+       "-",
+       {{200, "[]"}},
+       "LLM response is not a JSON object",
+       "LLM SDK call failed: the reply is not a JSON object"},
+      {"no text", "s", {stream(": \xff")}, "LLM stream is not valid UTF-8"},
+      {"an error after the answer",
+       "s",
+       {stream(EVENTS + event(R"({"error":1,"model":"y","usage":{"prompt_tokens":9},)"
+                              R"("choices":[{"delta":{"content":"!"},"finish_reason":"!"}]})"))}},
+      {"an error that finishes",
+       "sss",
+       {stream(delta("h") + event(R"({"error":{"message":")" + KEY +
+                                  R"("},"choices":[{"finish_reason":"stop"}]})"))},
+       tries + "stream error: ***"},
+      {"an error with a NUL",
+       "sss",
+       {stream(event(R"({"error":"a\u0000b"})"))},
+       tries + "stream error: a\uFFFDb"},
+      {"an error without words",
+       "sss",
+       {stream(event(R"({"error":{"message":"","code":429}})"))},
+       tries + R"(stream error: {"message":"","code":429})"},
+      {"empty stream", "sss", {stream(": nothing\n")}, tries + "empty stream"}};
+  std::ostringstream log;
+  const auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(log);
+  const auto logger = std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm", sink);
+  logger->set_pattern("%l %v");
+  spdlog::register_logger(logger);
+  const auto streams = [](char letter) { return letter == 's' || letter == 'b'; };
+  const auto uses_json = [](char letter) { return letter == 'j' || letter == 'b'; };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    log.str("");
+    const auto act = [&] { return ask(c.replies, streams(c.asked[0]), uses_json(c.asked[0])); };
+    if (const auto* const answer = std::get_if<LLMResult>(&c.outcome)) {
+      EXPECT_EQ(act(), *answer);
+    } else {
+      std::string told = std::get<std::string>(c.outcome);
+      if (LIBRARY && !c.from_library.empty()) {
+        told = c.from_library;
+      } else if (LIBRARY && !told.starts_with(tries)) {
+        told.insert(4, "SDK call failed: ");
+      }
+      const auto text = text_of<llm::LLMError>(act);
+      EXPECT_TRUE(text.starts_with(told)) << text << " in place of " << told;
+      EXPECT_FALSE(contains(text, "sk-KE")) << text;
+    }
+    std::string asked, warnings;
+    for (const loopback::Request& request : requests) {
+      const bool streamed = contains(request.body, R"("stream":true)");
+      const bool json = contains(request.body, "response_format");
+      if (!asked.empty() && uses_json(asked.back()) && !json) {
+        warnings += "warning provider rejected response_format; retrying without JSON mode\n";
+      }
+      if (!asked.empty() && streams(asked.back()) && !streamed) {
+        warnings += "warning provider rejected streaming; retrying without it\n";
+      }
+      asked += "-jsb"[2 * streamed + json];
+      EXPECT_EQ(request.headers.at("accept") == EVENT_STREAM, streamed);
+    }
+    EXPECT_EQ(asked, c.asked);
+    EXPECT_EQ(log.str(), warnings);
+  }
+  spdlog::drop(logger->name());
+}
+
+// The client takes its key out of whatever a library says; this one must not say it.
+TEST(Binding, ShowsNoKey) {
+  if (!LIBRARY) GTEST_SKIP() << "no library";
+
+  struct Case {
+    bool stream;
+    std::string body;
+    const char* type = "application/json";
+  };
+
+  const std::string error = R"({"error":")" + KEY + R"(\u0000!"})";
+  const Case cases[] = {{true, "data: " + error, EVENT_STREAM}, {true, error}, {false, error}};
+  for (const Case& c : cases) {
+    Server server([&](Exchange& exchange) { exchange.reply(200, c.body, c.type); });
+    const auto client = openai::load_library().open({.base_url = server.url(), .api_key = KEY});
+    std::string told;
+    try {
+      const openai::CreateArguments asked{.model = "m", .messages = {}, .stream = c.stream};
+      const auto reply = client->create_chat_completion(asked);
+      if (c.stream) std::get<1>(reply)->next();
+      told = std::get<0>(reply).text;
+    } catch (const openai::OpenAIError& failure) {
+      told = failure.what();
+    }
+    EXPECT_TRUE(contains(told, "***") && contains(told, "!")) << told;
+    EXPECT_FALSE(contains(told, "sk-KE")) << told;
+  }
+}
+
+TEST_F(Paths, EndInTime) {
+  Server silent([](Exchange& exchange) { exchange.stall(); });
+  const LLMClient patient({.base_url = silent.url(), .model = "m", .api_key = KEY});
+  const auto deadline = http::Clock::now() + 200ms;
+  EXPECT_THROW(std::ignore = patient.chat({}, {.deadline = deadline}), llm::LLMTimeout);
+  EXPECT_LT(seconds_since(deadline), 1);
+
+  // A server that is never silent is bounded all the same, whether it says anything or not, and
+  // whether it ends its lines.
+  for (const char* const filler : {": still there\n", "data: {\"choices\":[]}\n\n", "x"}) {
+    Server chatty([&](Exchange& exchange) {
+      for (exchange.start_stream(); exchange.chunk(filler); exchange.pause(1ms)) {
+      }
+    });
+    const LLMClient client({.base_url = chatty.url(),
+                            .model = "m",
+                            .api_key = KEY,
+                            .timeout_s = 0.2,
+                            .max_retries = 0});
+    const auto start = http::Clock::now();
+    const auto text = text_of<llm::LLMError>([&] { std::ignore = client.chat({}); });
+    EXPECT_TRUE(contains(text, "after 1 attempt (no retries)")) << text;
+    EXPECT_GT(seconds_since(start), 0.19) << filler;
+    EXPECT_LT(seconds_since(start), 3) << filler;
+  }
+}
+
+}  // namespace
