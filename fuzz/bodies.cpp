@@ -10,8 +10,8 @@ using namespace fuzz;
 const std::string SECRET = "sk-\"1/";
 
 std::string outcome(int status, const std::vector<std::string>& pieces, const char* provider) {
-  const playback::Reply reply{.status = status, .pieces = pieces};
-  const auto transport = std::make_shared<playback::Playback>(std::deque{reply});
+  const http::PlaybackReply reply{.status = status, .pieces = pieces};
+  const auto transport = std::make_shared<http::PlaybackTransport>(std::vector{reply});
   const llm::LLMClient client({.provider = provider,
                                .base_url = "http://h",
                                .model = "m",

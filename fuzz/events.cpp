@@ -21,7 +21,7 @@ std::string outcome(const llm::LLMResult& result) {
 }
 
 std::string outcome(std::vector<std::string> pieces) {
-  playback::Playback transport({{.pieces = std::move(pieces)}});
+  http::PlaybackTransport transport({{.pieces = std::move(pieces)}});
   const http::RetryPolicy policy{};
   const auto read = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); };
   try {

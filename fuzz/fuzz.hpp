@@ -9,11 +9,11 @@
 #include <nlohmann/json.hpp>
 
 #include "tovren_mapstead/engines/http/json.hpp"
+#include "tovren_mapstead/engines/http/playback.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 #include "tovren_mapstead/engines/http/utf8.hpp"
 #include "tovren_mapstead/engines/llm.hpp"
 
-#include "playback/playback.hpp"
 #include "text/characters.hpp"
 
 // NOLINTNEXTLINE(readability-identifier-naming): libFuzzer's name

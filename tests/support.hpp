@@ -14,11 +14,12 @@
 #include <nlohmann/json.hpp>
 
 #include "tovren_mapstead/engines/copilot.hpp"
+#include "tovren_mapstead/engines/http/playback.hpp"
 #include "tovren_mapstead/engines/http/send.hpp"
 #include "tovren_mapstead/engines/llm.hpp"
 
+#include "loopback/detour.hpp"
 #include "loopback/server.hpp"
-#include "playback/playback.hpp"
 
 namespace support {
 
@@ -30,8 +31,8 @@ using llm::LLMClient;
 using llm::LLMResult;
 using loopback::Exchange;
 using loopback::Server;
-using playback::Playback;
-using playback::Reply;
+using Playback = http::PlaybackTransport;
+using Reply = http::PlaybackReply;
 using namespace std::chrono_literals;
 
 inline const http::RetryPolicy POLICY{.retry_statuses = {429, 503}};

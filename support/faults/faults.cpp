@@ -19,7 +19,7 @@
 
 #include "tovren_mapstead/engines/llm.hpp"
 
-#include "playback/playback.hpp"
+#include "loopback/detour.hpp"
 
 namespace faults {
 namespace {
@@ -121,7 +121,7 @@ Outcome make(const Call& call) {
   loopback::Server server(call.serve, call.options);
   const bool copilot = call.asked == Asked::token;
   auto transport = call.trusted ? trusting(server) : http::make_transport();
-  if (copilot) transport = std::make_shared<playback::Detour>(server.url(), transport);
+  if (copilot) transport = loopback::detour(server.url(), transport);
   std::string url = call.url.empty() ? server.url() : call.url;
   if (!call.scheme.empty()) url = call.scheme + url.substr(url.find(':'));
   int attempts = 1;

@@ -89,7 +89,7 @@ void provoke_others(std::vector<Outcome>& failures) {
     if (status != 200) server.exchanges(status, "no");
     llm::LLMConfig::Fields copilot = fields("https://h");
     copilot.provider = "copilot";
-    failures.push_back(ask(copilot, {}, {}, std::make_shared<playback::Detour>(server.url())));
+    failures.push_back(ask(copilot, {}, {}, loopback::detour(server.url())));
   }
   const loopback::Server proxy([](auto& exchange) { exchange.reply(503, ""); });
   for (const std::string& url : {proxy.url(), loopback::refused_url()}) {

@@ -10,10 +10,12 @@ void check(bool holds, const std::string& about, int line) {
 
 void carried(const llm::LLMConfig& config, const std::string& origin, const std::string& path,
              int line) {
-  const auto detour = std::make_shared<playback::Detour>(server.url());
+  std::string meant_for;
+  const auto note = [&](const std::string& host) { meant_for = host; };
+  const auto detour = loopback::detour(server.url(), http::make_transport(), note);
   const llm::LLMClient somebodys(config, {.transport = detour});
   std::ignore = somebodys.chat({llm::user("Hello")});
-  check(detour->meant_for().contains(origin), origin, line);
+  check(meant_for == origin, meant_for, line);
   check(server.asked().back().target == path, server.asked().back().target, line);
 }
 

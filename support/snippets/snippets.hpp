@@ -19,7 +19,7 @@
 #include "tovren_mapstead/engines/llm.hpp"
 
 #include "endpoint/endpoint.hpp"
-#include "playback/playback.hpp"
+#include "loopback/detour.hpp"
 
 // A snippet shows what can be had; it need not use all of it, and may name things anew.
 #pragma GCC diagnostic ignored "-Wshadow"

@@ -23,7 +23,7 @@
 #include "endpoint/completion.hpp"
 #include "endpoint/endpoint.hpp"
 #include "faults/faults.hpp"
-#include "playback/playback.hpp"
+#include "loopback/detour.hpp"
 
 namespace {
 
@@ -106,7 +106,7 @@ class Soak {
  public:
   explicit Soak(std::uint64_t seed) : _seed(seed) {
     const auto transport = faults::trusting(_tls.server());
-    const auto detour = std::make_shared<playback::Detour>(_plain.url());
+    const auto detour = loopback::detour(_plain.url());
     // Short, but refused where the whole wait would be.
     const http::Wait wait = [](double period_s, const auto& should_stop, auto deadline) {
       http::wait_unless_stopped(deadline ? period_s : period_s / 500, should_stop, deadline);

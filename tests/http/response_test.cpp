@@ -88,7 +88,7 @@ TEST(Send, RefusesRequestsThatAreNotSafeBeforeSendingThem) {
     Playback transport({Reply{}});
     auto text = text_of<http::HttpFailure>(
         [&] { post(transport, url, headers, body, [](http::Response&) {}); });
-    EXPECT_TRUE(transport.requests.empty());
+    EXPECT_TRUE(transport.requests().empty());
     EXPECT_FALSE(contains(text, "sk-1")) << text;
     return text;
   };
@@ -185,11 +185,11 @@ TEST(Send, GivesBackOnlyConnectionsThatAreInGoodOrder) {
   Playback transport({Reply{.pieces = {"a\n", "b"}}});
   post(transport, "http://h", {{"content-type", "text/x"}}, {},
        [](http::Response& reply) { reply.next_line(); });
-  EXPECT_EQ(transport.finished, 1);
+  EXPECT_EQ(transport.finished(), 1);
   EXPECT_THROW(post(transport, "http://h", {}, {}, [](http::Response&) { throw 7; }), int);
-  EXPECT_EQ(transport.finished, 1);
-  EXPECT_EQ(transport.requests[0].headers.count("Content-Type"), 0U);
-  EXPECT_EQ(transport.requests[0].headers.count("User-Agent"), 1U);
+  EXPECT_EQ(transport.finished(), 1);
+  EXPECT_EQ(transport.requests()[0].headers.count("Content-Type"), 0U);
+  EXPECT_EQ(transport.requests()[0].headers.count("User-Agent"), 1U);
 }
 
 }  // namespace

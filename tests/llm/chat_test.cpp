@@ -18,7 +18,7 @@ const LLMResult HI({.content = "hi", .model = "m"});
 
 // A client over played replies, its waits noted instead of waited.
 struct Scene {
-  explicit Scene(std::deque<Reply> replies, bool stream = true)
+  explicit Scene(std::vector<Reply> replies, bool stream = true)
       : transport(std::make_shared<Playback>(std::move(replies))),
         client({.base_url = "http://h.example/api//",
                 .model = "m",
@@ -52,7 +52,7 @@ TEST(Chat, WorksBeforeMain) {
 }
 
 TEST(Chat, TakesFromTheConfigurationWhatTheCallLeavesOpen) {
-  const auto transport = std::make_shared<Playback>(std::deque<Reply>{STREAMED});
+  const auto transport = std::make_shared<Playback>(std::vector<Reply>{STREAMED});
   const LLMClient client({.base_url = "http://h/api",
                           .model = "m",
                           .api_key = "k",
@@ -60,12 +60,12 @@ TEST(Chat, TakesFromTheConfigurationWhatTheCallLeavesOpen) {
                           .max_tokens = 99},
                          {.transport = transport});
   std::ignore = client.chat({});
-  EXPECT_EQ(transport->requests.at(0).url, "http://h/api/chat/completions");
-  EXPECT_EQ(transport->requests.at(0).body,
+  EXPECT_EQ(transport->requests().at(0).url, "http://h/api/chat/completions");
+  EXPECT_EQ(transport->requests().at(0).body,
             R"({"model":"m","messages":[],"temperature":0.7,"max_tokens":99,"stream":true,)"
             R"("stream_options":{"include_usage":true}})");
   std::ignore = client.chat({}, {.temperature = 0.0, .max_tokens = 0});
-  EXPECT_TRUE(contains(transport->requests.at(1).body, R"("temperature":0.0,"max_tokens":0,)"));
+  EXPECT_TRUE(contains(transport->requests().at(1).body, R"("temperature":0.0,"max_tokens":0,)"));
 }
 
 TEST(Chat, RefusesWhatCannotBeSent) {
@@ -75,7 +75,7 @@ TEST(Chat, RefusesWhatCannotBeSent) {
   EXPECT_EQ(text,
             "LLM request cannot be written as JSON: text that is not valid UTF-8 at "
             "/messages/0/content");
-  EXPECT_TRUE(scene.transport->requests.empty());
+  EXPECT_TRUE(scene.transport->requests().empty());
 
   const LLMClient unconfigured({.base_url = "http://h", .model = "m"});
   const auto never = []() -> bool { throw 7; };
@@ -96,11 +96,12 @@ TEST(Chat, EndsInTheClientsOwnErrors) {
   }
   const auto breaks = [asked = 0]() mutable { return ++asked > 1 ? throw 7 : false; };
   EXPECT_THROW(chat({.should_stop = breaks}), int);
-  EXPECT_TRUE(scene.transport->requests.empty());
+  EXPECT_TRUE(scene.transport->requests().empty());
   const LLMClient waiting(scene.client.config(), {.transport = scene.transport});
   const auto start = http::Clock::now();
   EXPECT_THROW(std::ignore = waiting.chat(HELLO, {.deadline = start + 900ms}), llm::LLMTimeout);
-  EXPECT_EQ(scene.transport->requests.size(), 1U);  // the next would come too late, so it fails now
+  EXPECT_EQ(scene.transport->requests().size(),
+            1U);  // the next would come too late, so it fails now
   EXPECT_LT(seconds_since(start), 0.8);
   EXPECT_THROW(chat({}), llm::LLMError);
   EXPECT_EQ(scene.waits, (std::vector<double>{1, 2}));
@@ -160,7 +161,8 @@ TEST(Failures, TellAProgramTheirStatusAndWhetherLaterMayBeBetter) {
   };
   for (const Case& c : cases) check(c, {});
   check({"late", llm::fake::status(503), std::nullopt, true}, {.deadline = 0s});
-  check({"stopped", llm::fake::status(503), std::nullopt, false}, {.should_stop = [] { return true; }});
+  check({"stopped", llm::fake::status(503), std::nullopt, false},
+        {.should_stop = [] { return true; }});
   const auto quota = llm::fake::status(429, "insufficient_quota");
   const auto text = text_of<llm::LLMError>([&] {
     std::ignore = llm::fake::client(std::make_shared<http::PlaybackTransport>(std::vector{quota}))
@@ -176,7 +178,8 @@ TEST(Chat, TakesPeriodsAndStopTokens) {
       std::make_shared<http::PlaybackTransport>(std::vector{llm::fake::answer("hi")}));
   EXPECT_THROW(std::ignore = client.chat(HELLO, {.should_stop = source.get_token()}),
                llm::LLMStopped);
-  EXPECT_EQ(client.chat(HELLO, {.should_stop = std::stop_token(), .deadline = 30s}).content(), "hi");
+  EXPECT_EQ(client.chat(HELLO, {.should_stop = std::stop_token(), .deadline = 30s}).content(),
+            "hi");
   EXPECT_EQ(client.chat(HELLO, {.deadline = std::chrono::hours::max()}).content(), "hi");
   EXPECT_THROW(std::ignore = client.chat(HELLO, {.deadline = -1s}), llm::LLMTimeout);
 }

@@ -136,12 +136,12 @@ TEST(Client, NamesWhatIsMissingAndRefusesBadTimeLimits) {
 TEST(Client, MakesOneAttemptMoreThanRetries) {
   for (const auto& [retries, tries] : {std::pair{0, 1}, {INT_MIN, 1}, {INT_MAX, 4}}) {
     const auto transport = std::make_shared<Playback>(
-        std::deque<Reply>{{.status = 503}, {.status = 503}, {.status = 503}, {.status = 418}});
+        std::vector<Reply>{{.status = 503}, {.status = 503}, {.status = 503}, {.status = 418}});
     const LLMClient client(
         {.base_url = "http://h", .model = "m", .api_key = "k", .max_retries = retries},
         {.transport = transport, .wait = [](double, auto&, auto) {}});
     EXPECT_THROW(std::ignore = client.chat({}), llm::LLMError);
-    EXPECT_EQ(transport->requests.size(), static_cast<std::size_t>(tries)) << retries;
+    EXPECT_EQ(transport->requests().size(), static_cast<std::size_t>(tries)) << retries;
   }
 }
 

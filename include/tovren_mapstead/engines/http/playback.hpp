@@ -18,8 +18,8 @@ struct PlaybackReply {
   int status = 200;                               ///< Of the reply.
   std::vector<std::string> pieces{};              ///< The body; each read returns one piece.
   std::string content_type = "application/json";  ///< "text/event-stream" for a stream.
-  std::string location{};                         ///< Of a redirect.
   std::optional<TransportError> failure{};  ///< Thrown after the pieces; without any, at once.
+  std::string location{};                   ///< Of a redirect.
 };
 
 /// Answers each request with the next reply, without waiting, and keeps the requests. Repeats the
