@@ -21,8 +21,8 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <system_error>
-#include <vector>
 
 #include <spawn.h>
 #include <sys/wait.h>
@@ -79,14 +79,13 @@ void serve(loopback::Exchange& exchange) {
   }
 }
 
-int run(std::vector<std::string> command, const std::string& url) {
-  std::ranges::replace(command, "{url}", url);
-  std::vector<char*> arguments;
-  arguments.reserve(command.size() + 1);
-  for (std::string& argument : command) arguments.push_back(argument.data());
-  arguments.push_back(nullptr);
+// `command` ends with a null pointer.
+int run(char** command, std::string url) {
+  for (char** argument = command; *argument != nullptr; ++argument) {
+    if (*argument == std::string_view("{url}")) *argument = url.data();
+  }
   pid_t child = 0;
-  const int error = posix_spawnp(&child, arguments[0], nullptr, nullptr, arguments.data(), environ);
+  const int error = posix_spawnp(&child, command[0], nullptr, nullptr, command, environ);
   if (error != 0) {
     std::cerr << command[0] << ": " << std::generic_category().message(error) << "\n";
     return 127;
@@ -111,7 +110,7 @@ int main(int argc, char** argv) {
     std::atomic<int> left = limit_of_requests();
     const endpoint::Endpoint served(
         [&](auto& exchange) { left-- > 0 ? serve(exchange) : exchange.stall(); });
-    return run({argv + 1, argv + argc}, served.url() + "/v1");
+    return run(argv + 1, served.url() + "/v1");
   } catch (const std::exception& error) {
     std::cerr << "with_endpoint: " << error.what() << "\n";
     return 127;
