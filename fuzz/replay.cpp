@@ -1,6 +1,6 @@
-// replay FOLDER VARIANTS [faults]: feeds a fuzzer the files of a folder, its seeds, and so many
-// variants of each, the same ones in every run; with `faults` also what the catalogue of faults
-// sends, with a hundredth of the variants.
+// replay FOLDER VARIANTS: feeds a fuzzer the files of a folder, its seeds, and so many variants of
+// each, the same ones in every run; also what the catalogue of faults sends, with a hundredth of
+// the variants.
 #include <filesystem>
 #include <fstream>
 
@@ -22,7 +22,7 @@ void feed(const std::string& seed, int variants) {
 
 }  // namespace
 
-int main(int count, char** arguments) {
+int main(int /*count*/, char** arguments) {
   const int variants = std::stoi(arguments[2]);
   for (const auto& entry : std::filesystem::directory_iterator(arguments[1])) {
     std::ifstream file(entry.path(), std::ios::binary);
@@ -30,6 +30,6 @@ int main(int count, char** arguments) {
   }
   for (const faults::Fault& fault : faults::catalogue()) {
     // The first byte picks among ways to use the rest.
-    if (count > 3 && fault.bytes.size() < 10'000) feed("1" + fault.bytes, variants / 100);
+    if (fault.bytes.size() < 10'000) feed("1" + fault.bytes, variants / 100);
   }
 }

@@ -48,18 +48,14 @@ void reply(loopback::Exchange& exchange, const Json& asked, const Answer& answer
     const Json whole{{"model", model}, {"choices", Json::array({choice})}, {"usage", usage}};
     return exchange.reply(200, whole.dump());
   }
-  std::string rest;
   exchange.start_stream();
   for (const std::string& event : events_of(model, usage, answer)) {
     exchange.pause(pause);
-    if (chunk_bytes > 0) {
-      rest += event;
-    } else if (!exchange.chunk(event)) {
-      return;
+    for (std::string_view rest = event; !rest.empty();) {
+      const std::string_view some = rest.substr(0, chunk_bytes);
+      if (!exchange.chunk(some)) return;
+      rest.remove_prefix(some.size());
     }
-  }
-  for (std::size_t at = 0; at < rest.size(); at += chunk_bytes) {
-    if (!exchange.chunk(std::string_view(rest).substr(at, chunk_bytes))) return;
   }
   exchange.end_stream();
 }

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -26,9 +27,9 @@ struct Answer {
 };
 
 /// Replies to `asked`, the body of a request, with `answer`: whole, or, if a stream is asked for,
-/// as events with a `pause` before each. A chunk holds one event, or `chunk_bytes` of the stream.
+/// as events with a `pause` before each. A chunk holds `chunk_bytes` of an event at most.
 /// Throws nlohmann's exceptions, before anything is sent, when `asked` is no such body.
 void reply(loopback::Exchange& exchange, const Json& asked, const Answer& answer,
-           std::chrono::milliseconds pause = {}, std::size_t chunk_bytes = 0);
+           std::chrono::milliseconds pause = {}, std::size_t chunk_bytes = SIZE_MAX);
 
 }  // namespace endpoint

@@ -16,10 +16,11 @@ Handler answering(std::string text, std::string finish_reason) {
   };
 }
 
-Endpoint::Endpoint(Handler chat, const loopback::Options& options, Handler token)
+Endpoint::Endpoint(Handler chat, const loopback::Options& options)
     : _chat(std::move(chat)),
-      _token(std::move(token)),
-      _server([this](auto& exchange) { next(exchange.request())(exchange); }, options) {}
+      _server([this](auto& exchange) { next(exchange.request())(exchange); }, options) {
+  forget();
+}
 
 void Endpoint::does(Handler handler) {
   const std::lock_guard lock(_mutex);
@@ -28,7 +29,7 @@ void Endpoint::does(Handler handler) {
 
 void Endpoint::exchanges(int status, const std::string& body) {
   const std::lock_guard lock(_mutex);
-  _exchange = sending(status, body);
+  _token = sending(status, body);
 }
 
 std::deque<loopback::Request> Endpoint::asked() const {
@@ -38,19 +39,15 @@ std::deque<loopback::Request> Endpoint::asked() const {
 
 void Endpoint::forget() {
   const std::lock_guard lock(_mutex);
-  _exchange = _token;
+  _token = sending(200, R"({"token":"made-up-token","expires_at":9e9,"refresh_in":1500})");
   _handlers.clear();
   _asked.clear();
-}
-
-void Endpoint::give_token(loopback::Exchange& exchange) {
-  exchange.reply(200, R"({"token":"made-up-token","expires_at":9e9,"refresh_in":1500})");
 }
 
 Handler Endpoint::next(const loopback::Request& request) {
   constexpr std::size_t MOST = 16;
   const std::lock_guard lock(_mutex);
-  if (request.target == "/copilot_internal/v2/token") return _exchange;
+  if (request.target == "/copilot_internal/v2/token") return _token;
   _asked.push_back(request);
   if (_asked.size() > MOST) _asked.pop_front();
   if (_handlers.empty()) return _chat;

@@ -24,8 +24,7 @@ using Handler = loopback::Server::Handler;
 /// none was added, that of the constructor. Thread-safe.
 class Endpoint {
  public:
-  explicit Endpoint(Handler chat = answering("Hello."), const loopback::Options& options = {},
-                    Handler token = give_token);
+  explicit Endpoint(Handler chat = answering("Hello."), const loopback::Options& options = {});
 
   void does(Handler handler);
 
@@ -53,12 +52,11 @@ class Endpoint {
   [[nodiscard]] const std::string& certificate() const { return _server.certificate(); }
 
  private:
-  static void give_token(loopback::Exchange& exchange);
   Handler next(const loopback::Request& request);
 
   mutable std::mutex _mutex;
-  const Handler _chat, _token;
-  Handler _exchange = _token;
+  const Handler _chat;
+  Handler _token;
   std::deque<Handler> _handlers;
   std::deque<loopback::Request> _asked;
   loopback::Server _server;

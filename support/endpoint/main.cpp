@@ -20,10 +20,9 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
-#include <vector>
 
 #include <spawn.h>
 #include <sys/wait.h>
@@ -40,19 +39,7 @@ constexpr const char* KEY = "with-endpoint-test-key";
 
 int limit_of_requests() {
   const char* const text = std::getenv("ENDPOINT_LIMIT");  // NOLINT(concurrency-mt-unsafe)
-  if (text == nullptr) return INT_MAX;
-  char* end = nullptr;
-  const long limit = std::strtol(text, &end, 10);
-  if (end != text && *end == '\0' && limit >= INT_MIN && limit <= INT_MAX) {
-    return static_cast<int>(limit);
-  }
-  throw std::invalid_argument("ENDPOINT_LIMIT is no number: " + std::string(text));
-}
-
-// `message` may quote bytes of a request that are no UTF-8.
-std::string error_body(const std::string& message) {
-  const Json body{{"error", {{"message", message}}}};
-  return body.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return text == nullptr ? INT_MAX : std::stoi(text);
 }
 
 // What the model says to a request, as far as its limit of tokens allows.
@@ -79,27 +66,26 @@ void serve(loopback::Exchange& exchange) {
   const loopback::Request& request = exchange.request();
   const auto key = request.headers.find("authorization");
   if (key == request.headers.end() || key->second != std::string("Bearer ") + KEY) {
-    return exchange.reply(401, error_body("the API key is not that of this endpoint"));
+    return exchange.reply(401, "the API key is not that of this endpoint", "text/plain");
   }
   if (request.method != "POST" || !request.target.ends_with("/chat/completions")) {
-    return exchange.reply(404, error_body("there is nothing but POST .../chat/completions"));
+    return exchange.reply(404, "there is nothing but POST .../chat/completions", "text/plain");
   }
   try {
     const Json asked = Json::parse(request.body);
     endpoint::reply(exchange, asked, answer_to(asked));
   } catch (const Json::exception& error) {
-    exchange.reply(400, error_body(error.what()));
+    exchange.reply(400, error.what(), "text/plain");
   }
 }
 
-int run(std::vector<std::string> command, const std::string& url) {
-  std::ranges::replace(command, "{url}", url);
-  std::vector<char*> arguments;
-  arguments.reserve(command.size() + 1);
-  for (std::string& argument : command) arguments.push_back(argument.data());
-  arguments.push_back(nullptr);
+// `command` ends with a null pointer.
+int run(char** command, std::string url) {
+  for (char** argument = command; *argument != nullptr; ++argument) {
+    if (*argument == std::string_view("{url}")) *argument = url.data();
+  }
   pid_t child = 0;
-  const int error = posix_spawnp(&child, arguments[0], nullptr, nullptr, arguments.data(), environ);
+  const int error = posix_spawnp(&child, command[0], nullptr, nullptr, command, environ);
   if (error != 0) {
     std::cerr << command[0] << ": " << std::generic_category().message(error) << "\n";
     return 127;
@@ -124,7 +110,7 @@ int main(int argc, char** argv) {
     std::atomic<int> left = limit_of_requests();
     const endpoint::Endpoint served(
         [&](auto& exchange) { left-- > 0 ? serve(exchange) : exchange.stall(); });
-    return run({argv + 1, argv + argc}, served.url() + "/v1");
+    return run(argv + 1, served.url() + "/v1");
   } catch (const std::exception& error) {
     std::cerr << "with_endpoint: " << error.what() << "\n";
     return 127;

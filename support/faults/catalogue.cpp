@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
+#include <utility>
 
 namespace faults {
 namespace {
@@ -85,7 +87,7 @@ void add_moments(std::vector<Fault>& faults) {
     const auto add = [&](const char* what, Act act, const Expect& if_streamed,
                          const Expect& if_whole) {
       faults.push_back(
-          {what + moment.name, moment.before, act, moment.filler, if_streamed, if_whole});
+          {what + moment.name, moment.before, if_streamed, if_whole, act, moment.filler});
     };
     add("silence ", Act::stall, streamed.stall, whole.stall);
     add("reset ", Act::reset, streamed.reset, whole.reset);
@@ -110,14 +112,7 @@ void add_replies(std::vector<Fault>& faults) {
   std::string hints;
   for (int i = 0; i < 20; ++i) hints += hint;
 
-  struct Reply {
-    const char* name;
-    std::string bytes;
-    Expect streamed;
-    Expect whole = streamed;
-  };
-
-  const Reply replies[] = {
+  const Fault replies[] = {
       {"leave to send", "HTTP/1.1 100 Continue\r\n\r\n" + JSON + LENGTH + ANSWER, HI},
       {"hints first", hints + JSON + LENGTH + ANSWER, HI},
       {"hints before a redirect", hints + status("302 Found", "Content-Length: 0\r\n\r\n"),
@@ -126,19 +121,13 @@ void add_replies(std::vector<Fault>& faults) {
        status("101 Switching Protocols", "Upgrade: x\r\n\r\n") + JSON + LENGTH + ANSWER,
        failure("HTTP 101")},
       {"no content", status("204 No Content", "\r\n"), cut},
-      {"content to be reset", status("205 Reset", "Content-Length: 0\r\n\r\n"), cut},
       {"not modified", status("304 Not Modified", "\r\n"), failure("HTTP 304")},
-      {"a status of two digits", status("20 OK", LENGTH + ANSWER), not_http},
       {"a status out of range", status("999 No", LENGTH + ANSWER), failure("HTTP 999")},
       {"another version", "HTTP/9.9 200 OK\r\n" + LENGTH + ANSWER, not_http},
       {"no head", ANSWER, not_http},
-      {"another server's greeting", "SSH-2.0-x\r\n", not_http},
-      {"no header name", JSON + "garbage\r\n: x\r\n" + LENGTH + ANSWER, not_http},
       {"NUL in the head", JSON + std::string("A: \0b\r\n", 7) + LENGTH + ANSWER, not_http},
       {"compressed unasked",
        JSON + "Content-Encoding: gzip\r\n\r\n\x1f\x8b\x08" + std::string(17, '\0'), not_json},
-      {"compressed stream", STREAM + chunk("\x1f\x8b\x08\xff\n") + LAST_CHUNK, not_text, not_json},
-      {"a length too short", JSON + "Content-Length: 9\r\n\r\n" + ANSWER, cut},
       {"a length too long", JSON + "Content-Length: 1000\r\n\r\n" + ANSWER, cut},
       {"a length below zero", JSON + "Content-Length: -1\r\n\r\n" + ANSWER, not_http},
       {"a length beyond counting", JSON + "Content-Length: 99999999999999999999\r\n\r\n" + ANSWER,
@@ -146,9 +135,6 @@ void add_replies(std::vector<Fault>& faults) {
       {"length and chunks", JSON + "Content-Length: 3\r\n" + CHUNKED + chunk(ANSWER) + LAST_CHUNK,
        HI},
       {"a chunk beyond counting", JSON + CHUNKED + "ffffffffffffffffff\r\n" + ANSWER, broken},
-      {"a chunk of 2^64 - 1", JSON + CHUNKED + "ffffffffffffffff\r\n" + ANSWER, broken},
-      {"a chunk below zero", JSON + CHUNKED + "-1\r\n" + ANSWER, broken},
-      {"no chunk", JSON + CHUNKED + ANSWER, broken},
       {"no line after a chunk", JSON + CHUNKED + "2a\r\n" + ANSWER + LAST_CHUNK, broken},
       {"bytes that are no text", STREAM + chunk("\xff\xfe\n\n") + LAST_CHUNK, not_text, not_json},
       {"an empty stream", STREAM + LAST_CHUNK, again("empty stream"), cut},
@@ -171,48 +157,43 @@ void add_replies(std::vector<Fault>& faults) {
       {"streaming is refused",
        status("400 No", "\r\nstream_options are unknown"),
        {Effect::without_stream, "HTTP 400"}}};
-  for (const Reply& reply : replies) {
-    faults.push_back({.name = reply.name,
-                      .bytes = reply.bytes,
-                      .streamed = reply.streamed,
-                      .whole = reply.whole});
-  }
+  faults.insert(faults.end(), std::begin(replies), std::end(replies));
 }
 
 void add_statuses(std::vector<Fault>& faults) {
-  constexpr std::array AGAIN{408, 409, 429, 500, 502, 503, 504};
   std::string binary;
   for (int i = 0; i < 100'000; ++i) binary += static_cast<char>(i * i);
-  const std::pair<std::string, std::string> bodies[] = {
-      {"empty", ""},
-      {"echoing", ECHO},
-      {"huge", std::string(1 << 20U, 'x') + ECHO},
-      {"binary", binary},
-      {"a page", "<!DOCTYPE html><html><body><h1>Bad</h1>" + ECHO + "</body></html>"},
-      {"JSON", R"({"error":"\"sk-Fa\\\/ult+Key=12345 )" + KEY + R"(\""})"}};
   const auto add = [&](int status, const std::string& name, const std::string& headers,
                        const std::string& body, const Expect& expect) {
     const std::string number = std::to_string(status);
     faults.push_back({.name = number + " " + name,
                       .bytes = "HTTP/1.1 " + number + " No\r\n" + headers +
                                "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body,
-                      .act = Act::keep,
-                      .streamed = expect});
+                      .streamed = expect,
+                      .act = Act::keep});
   };
-  for (const int status :
-       {400, 401, 402, 403, 404, 407, 413, 418, 422, 501, 408, 409, 429, 500, 502, 503, 504}) {
-    const std::string text = "HTTP " + std::to_string(status);
-    const bool transient = std::ranges::find(AGAIN, status) != AGAIN.end();
-    for (const auto& [name, body] : bodies) {
-      add(status, name, "", body, transient ? again(text) : failure(text));
-    }
+  for (const int status : {400, 402, 403, 404, 407, 413, 418, 422, 501}) {
+    add(status, "echoing", "", ECHO, failure("HTTP " + std::to_string(status)));
+  }
+  for (const int status : {408, 409, 429, 500, 502, 504}) {
+    add(status, "echoing", "", ECHO, again("HTTP " + std::to_string(status)));
+  }
+  for (const auto& [name, body] :
+       {std::pair<const char*, std::string>("empty", ""),
+        {"echoing", ECHO},
+        {"huge", std::string(1 << 20U, 'x') + ECHO},
+        {"binary", binary},
+        {"a page", "<!DOCTYPE html><html><body><h1>Bad</h1>" + ECHO + "</body></html>"},
+        {"JSON", R"({"error":"\"sk-Fa\\\/ult+Key=12345 )" + KEY + R"(\""})"}}) {
+    add(401, name, "", body, failure("HTTP 401"));
+    add(503, name, "", body, again("HTTP 503"));
   }
   for (const int status : {300, 301, 302, 303, 307, 308}) {
     add(status, "to another URL", "Location: http://u:" + PASSWORD + "@127.0.0.1:9/\r\n", ECHO,
         failure("(a redirect, which is not followed"));
-    add(status, "to another path", "Location: /x/" + ECHO + "?key=" + PASSWORD + "\r\n", ECHO,
-        failure(", which is not followed"));
   }
+  add(302, "to another path", "Location: /x/" + ECHO + "?key=" + PASSWORD + "\r\n", ECHO,
+      failure(", which is not followed"));
 }
 
 }  // namespace

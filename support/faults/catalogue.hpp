@@ -33,10 +33,7 @@ inline const std::string JSON =
 inline const std::string ENDLESS = "Content-Length: 99999999999999\r\n\r\n";
 inline const std::string ENDLESS_CHUNK = "fffffffffff\r\n";
 
-/// A complete chunk.
-[[nodiscard]] inline std::string chunk(const std::string& bytes) {
-  return loopback::chunk(bytes);
-}
+using loopback::chunk;
 
 /// What a server does after the bytes of a fault.
 enum class Act : std::uint8_t {
@@ -74,10 +71,10 @@ struct Expect {
 struct Fault {
   std::string name;
   std::string bytes;
+  Expect streamed;          ///< If a stream was asked for.
+  Expect whole = streamed;  ///< If it was not.
   Act act = Act::close;
   std::string filler{};
-  Expect streamed{};        ///< If a stream was asked for.
-  Expect whole = streamed;  ///< If it was not.
 };
 
 /// Every fault of a reply, in an order that stays.

@@ -49,6 +49,14 @@ class Listener final : public spdlog::sinks::base_sink<std::mutex> {
   void flush_() override {}
 };
 
+// A file in memory, so that nothing is left where a process ends with it in use.
+struct File {
+  explicit File(const std::string& text) { std::ofstream(path) << text; }
+
+  int descriptor = memfd_create("authorities", MFD_CLOEXEC);
+  std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+};
+
 }  // namespace
 
 Outcome outcome_of(const std::function<std::string()>& call) {
@@ -187,20 +195,14 @@ int inheritable_connections() {
 
 std::shared_ptr<http::Transport> trusting(const loopback::Server& server) {
   if (server.certificate().empty()) return http::make_transport();
-  // In memory, so that nothing is left where a process ends with its transports in use.
-  const int memory = memfd_create("authority", MFD_CLOEXEC);
-  const std::string file = "/proc/self/fd/" + std::to_string(memory);
-  std::ofstream(file) << server.certificate();
-  auto transport = http::make_transport({.ca_file = file});
-  return {transport.get(), [transport, memory](auto*) { ::close(memory); }};
+  const File file(server.certificate());
+  auto transport = http::make_transport({.ca_file = file.path});
+  return {transport.get(), [transport, file](auto*) { ::close(file.descriptor); }};
 }
 
 void set_authorities(const std::string& pem) {
-  static const auto file =
-      fs::temp_directory_path() / ("tovren-authorities-" + std::to_string(getpid()));
-  std::ofstream(file) << pem;
-  setenv("SSL_CERT_FILE", file.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before the calls
-  std::atexit([] { fs::remove(file); });
+  setenv("SSL_CERT_FILE", File(pem).path.c_str(),
+         1);  // NOLINT(concurrency-mt-unsafe): no calls yet
 }
 
 }  // namespace faults

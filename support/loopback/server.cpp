@@ -23,13 +23,18 @@
 namespace loopback {
 namespace {
 
-// A socket that is bound to an address of this machine. `port` 0 takes a free one and is set to it.
-int bound_socket(std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
-  const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in address_of(std::uint32_t host, std::uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(host);
   address.sin_port = htons(port);
+  return address;
+}
+
+// A socket that is bound to an address of this machine. `port` 0 takes a free one and is set to it.
+int bound_socket(std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
+  const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = address_of(host, port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   if (bound < 0 || bind(bound, generic, size) != 0 || getsockname(bound, generic, &size) != 0) {
@@ -310,11 +315,9 @@ BlackHole::BlackHole(bool connects, std::uint32_t host, std::uint16_t port) : _p
   // With its queue full, the kernel drops what else wants to connect.
   for (int i = 0; i < 8 && !connects; ++i) {
     _sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(host);
-    address.sin_port = htons(_port);
-    std::ignore = connect(_sockets.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    const sockaddr_in address = address_of(host, _port);
+    std::ignore =
+        connect(_sockets.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   }
 }
 

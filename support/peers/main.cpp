@@ -36,14 +36,11 @@ constexpr int GANG = 8;
 // see that, and only a retry helps.
 constexpr int REQUESTS_PER_RACE = 50;
 
-struct Seen {
-  std::map<std::string, int> requests;  // by path
+// What was made, and what the server saw of it.
+struct Counts {
+  std::map<std::string, int> attempts, requests;  // by path
+  std::map<std::string, int> errors;              // by text
   std::set<std::string> ports;
-};
-
-struct Made {
-  std::map<std::string, int> attempts;  // by path
-  std::map<std::string, int> errors;    // by text
   int failed = 0;
 };
 
@@ -62,7 +59,7 @@ class Run {
         _retries(retries),
         _transport(http::make_transport({.ca_file = ca_file})) {}
 
-  Made make(std::chrono::seconds period, std::uint64_t seed) {
+  Counts make(std::chrono::seconds period, std::uint64_t seed) {
     const auto end = http::Clock::now() + period;
     std::vector<std::jthread> callers;
     callers.reserve(CALLERS);
@@ -112,37 +109,35 @@ class Run {
   int _retries;
   std::shared_ptr<http::Transport> _transport;
   std::mutex _mutex;
-  Made _made;
+  Counts _made;
 };
 
-Seen read(const std::string& log, const Made& made) {
-  Seen seen;
+void read(const std::string& log, Counts& counts) {
   std::ifstream file(log);
   for (std::string line; std::getline(file, line);) {
     std::istringstream words(line);
     std::string port;
     std::string path;
     words >> port >> path;
-    if (!made.attempts.contains(path)) continue;  // another run's, or a complaint
-    seen.ports.insert(port);
-    ++seen.requests[path];
+    if (!counts.attempts.contains(path)) continue;  // another run's, or a complaint
+    counts.ports.insert(port);
+    ++counts.requests[path];
   }
-  return seen;
 }
 
 // Prints a row of the table and the errors; true if all is well.
-bool judge(const std::string& name, int retries, const Made& made, Seen seen) {
+bool judge(const std::string& name, int retries, Counts made) {
   int attempts = 0;
   int requests = 0;
   int unasked = 0;
   for (const auto& [path, count] : made.attempts) {
     attempts += count;
-    requests += seen.requests[path];
-    unasked += std::max(0, seen.requests[path] - count);
+    requests += made.requests[path];
+    unasked += std::max(0, made.requests[path] - count);
   }
   const auto calls = static_cast<int>(made.attempts.size());
   std::printf("%-18s%8d%8d%8d%10d%10d%12zu%9d\n", name.c_str(), retries, calls, made.failed,
-              attempts, requests, seen.ports.size(), unasked);
+              attempts, requests, made.ports.size(), unasked);
   int races = 0;
   for (const auto& [text, count] : made.errors) {
     std::printf("  %4d x %s\n", count, text.c_str());
@@ -166,7 +161,8 @@ int main(int argc, char** argv) {
   const int seconds = std::stoi(arguments[4]);
   alarm(static_cast<unsigned>(seconds) + 200);  // a call that never returns ends the run
   Run run(arguments[0], arguments[1], arguments[2], retries);
-  const Made made = run.make(std::chrono::seconds(seconds), std::stoul(arguments[5]));
+  Counts made = run.make(std::chrono::seconds(seconds), std::stoul(arguments[5]));
   std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the server writes its log
-  return judge(arguments[0], retries, made, read(arguments[6], made)) ? 0 : 1;
+  read(arguments[6], made);
+  return judge(arguments[0], retries, made) ? 0 : 1;
 }

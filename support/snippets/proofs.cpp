@@ -1,6 +1,5 @@
 // What the documentation says in tables and not in code, tried out.
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <string_view>
 
@@ -10,103 +9,92 @@
 namespace snippets {
 namespace {
 
-using faults::Fault;
 using faults::Outcome;
 
-llm::LLMConfig::Fields fields(const std::string& url, double timeout_s = 10, int max_retries = 0) {
-  return {.base_url = url,
-          .model = "m",
-          .api_key = "sk-made-up-key",
-          .timeout_s = timeout_s,
-          .max_retries = max_retries};
-}
+// Makes calls, and keeps what each failure comes to.
+class Failures {
+ public:
+  std::vector<Outcome> all;
 
-Outcome ask(const llm::LLMConfig& config, const llm::ChatOptions& options = {},
-            const llm::Messages& about = {}, std::shared_ptr<http::Transport> transport = {}) {
-  if (!transport) transport = http::make_transport();
-  const llm::ClientOptions parts{.transport = transport, .wait = [](double, auto&, auto) {}};
-  return faults::outcome_of(
-      [&] { return llm::LLMClient(config, parts).chat(about, options).content(); });
-}
+  // The faults of the catalogue that end by themselves or by a timeout.
+  void provoke_catalogue() {
+    for (const faults::Fault& fault : faults::catalogue()) {
+      const bool times_out = fault.streamed.end == faults::End::timeout;
+      const bool ends = times_out || fault.streamed.end == faults::End::soon;
+      if (fault.act == faults::Act::flood || !ends) continue;
+      serve([&](auto& exchange) { play(exchange, fault); });
+      ask({.base_url = server.url(), .timeout_s = times_out ? 0.1 : 10, .max_retries = 0});
+    }
+  }
 
-// Of the faults of the catalogue that end by themselves or by a timeout.
-void provoke_catalogue(std::vector<Outcome>& failures) {
-  for (const Fault& fault : faults::catalogue()) {
-    const faults::End end = fault.streamed.end;
-    const bool times_out = end == faults::End::timeout;
-    if (fault.act == faults::Act::flood || (end != faults::End::soon && !times_out)) continue;
+  // Settings, and what is asked.
+  void provoke_settings() {
+    const loopback::Server tls([](auto& exchange) { exchange.close(); }, {.tls = true});
+    for (const std::string& url :
+         {std::string(), std::string("ftp://h"), std::string("http://a b"), tls.url(),
+          "https" + server.url().substr(4), loopback::refused_url(),
+          "http://" + std::string(70, 'x') + ".invalid"}) {  // too long to be looked up
+      ask({.base_url = url});
+    }
+    ask({.base_url = server.url(), .api_key = "sk-made-up\n"});
+    ask({.base_url = server.url()}, {}, {llm::user("\xff")});
+    ask({.base_url = server.url()}, {.temperature = std::nan("")});
+  }
+
+  // A second attempt, and bounds.
+  void provoke_bounds() {
+    const llm::LLMConfig::Fields fields{.base_url = server.url(), .max_retries = 1};
+    serve(endpoint::sending(503, "busy"));  // leaves a connection behind for the second attempt
+    server.does([](auto& exchange) { exchange.reset(); });
+    ask(fields);
+    keep([] {  // a second before the next attempt is too long
+      return client.chat({}, {.deadline = http::Clock::now() + 300ms}).content();
+    });
+    serve([](auto& exchange) { exchange.stall(); });
+    ask(fields, {.deadline = http::Clock::now()});
+    ask(fields, {.deadline = http::Clock::now() + 100ms});
+    ask(fields, {.should_stop = [] { return true; }});
+    ask(fields, {.should_stop = [asked = 0]() mutable { return ++asked > 5; }});
+  }
+
+  // Copilot, and a proxy that refuses or is not there.
+  void provoke_others() {
+    for (const int status : {401, 403, 418, 503, 200}) {
+      serve(endpoint::sending(401, "no"));
+      if (status != 200) server.exchanges(status, "no");
+      ask({.provider = "copilot", .base_url = "https://h"}, {}, {}, loopback::detour(server.url()));
+    }
+    const loopback::Server proxy([](auto& exchange) { exchange.reply(503, ""); });
+    for (const std::string& url : {proxy.url(), loopback::refused_url()}) {
+      setenv("https_proxy", url.c_str(), 1);
+      ask({.base_url = "https://h"});
+      unsetenv("https_proxy");
+    }
+  }
+
+ private:
+  static void serve(const endpoint::Handler& handler) {
     server.forget();
-    server.does([&](auto& exchange) { play(exchange, fault); });
-    const Outcome seen = ask(fields(server.url(), times_out ? 0.1 : 10));
-    const Outcome due = faults::predict({&fault}, {.attempts = 1});
-    check(seen.end == due.end && seen.text.find(due.text) != std::string::npos,
-          fault.name + ": " + seen.text);
-    if (seen.end != "answer") failures.push_back(seen);
+    server.does(handler);
   }
-}
 
-// Of settings and of what is asked.
-void provoke_settings(std::vector<Outcome>& failures) {
-  const loopback::Server tls([](auto& exchange) { exchange.close(); }, {.tls = true});
-  for (const std::string& url :
-       {std::string(), std::string("ftp://h"), std::string("http://a b"), tls.url(),
-        "https" + server.url().substr(4), loopback::refused_url(),
-        "http://" + std::string(70, 'x') + ".invalid"}) {  // too long to be looked up
-    failures.push_back(ask(fields(url)));
+  void keep(const std::function<std::string()>& call) {
+    const Outcome seen = faults::outcome_of(call);
+    if (seen.end != "answer") all.push_back(seen);
   }
-  llm::LLMConfig::Fields line_break = fields(server.url());
-  *line_break.api_key += "\n";
-  failures.push_back(ask(line_break));
-  failures.push_back(ask(fields(server.url()), {}, {llm::user("\xff")}));
-  failures.push_back(ask(fields(server.url()), {.temperature = std::nan("")}));
-}
 
-// Of a second attempt, and of bounds.
-void provoke_bounds(std::vector<Outcome>& failures) {
-  server.forget();
-  server.replies(503, "busy");
-  failures.push_back(ask(fields(server.url(), 10, 2)));
-  failures.push_back(faults::outcome_of(  // a second before the next attempt is too long
-      [] { return client.chat({}, {.deadline = http::Clock::now() + 300ms}).content(); }));
-  server.forget();
-  server.replies(503, "busy");  // leaves a connection behind, which the second attempt takes
-  server.does([](auto& exchange) { exchange.reset(); });
-  failures.push_back(ask(fields(server.url(), 10, 1)));
-  server.forget();
-  server.does([](auto& exchange) { exchange.stall(); });
-  const llm::LLMConfig config = fields(server.url());
-  failures.push_back(ask(config, {.deadline = http::Clock::now()}));
-  failures.push_back(ask(config, {.deadline = http::Clock::now() + 100ms}));
-  failures.push_back(ask(config, {.should_stop = [] { return true; }}));
-  failures.push_back(ask(config, {.should_stop = [asked = 0]() mutable { return ++asked > 5; }}));
-}
-
-// Of Copilot, and of a proxy that refuses or is not there.
-void provoke_others(std::vector<Outcome>& failures) {
-  for (const int status : {401, 403, 418, 503, 200}) {
-    server.forget();
-    server.replies(401, "no");
-    if (status != 200) server.exchanges(status, "no");
-    llm::LLMConfig::Fields copilot = fields("https://h");
-    copilot.provider = "copilot";
-    failures.push_back(ask(copilot, {}, {}, loopback::detour(server.url())));
+  void ask(llm::LLMConfig::Fields fields, const llm::ChatOptions& options = {},
+           const llm::Messages& about = {},
+           const std::shared_ptr<http::Transport>& transport = http::make_transport()) {
+    fields.model = "m";
+    if (!fields.api_key) fields.api_key = "sk-made-up-key";
+    keep([&] {
+      return llm::LLMClient(fields, {.transport = transport, .wait = [](double, auto&, auto) {}})
+          .chat(about, options)
+          .content();
+    });
   }
-  const loopback::Server proxy([](auto& exchange) { exchange.reply(503, ""); });
-  for (const std::string& url : {proxy.url(), loopback::refused_url()}) {
-    setenv("https_proxy", url.c_str(), 1);
-    failures.push_back(ask(fields("https://h")));
-    unsetenv("https_proxy");
-  }
-}
-
-std::vector<Outcome> provoke() {
-  std::vector<Outcome> failures;
-  provoke_catalogue(failures);
-  provoke_settings(failures);
-  provoke_bounds(failures);
-  provoke_others(failures);
-  return failures;
-}
+};
 
 // A row of a table that begins with an error's text, "…" for what varies.
 struct Row {
@@ -123,8 +111,8 @@ struct Row {
   }
 };
 
-// Those rows of docs/errors.md that have so many cells.
-std::vector<Row> rows(std::size_t cells) {
+// The rows of docs/errors.md: those of errors have three cells, those of last failures two.
+std::vector<Row> rows() {
   std::vector<Row> found;
   std::ifstream page(ERRORS_PAGE);
   int number = 0;
@@ -136,69 +124,35 @@ std::vector<Row> rows(std::size_t cells) {
       begin = end + 3;
     }
     std::erase(row.cells[0], '`');
-    if (row.cells.size() == cells) found.push_back(row);
+    found.push_back(row);
   }
   return found;
-}
-
-// Each failure is shown by a row, each row shows a failure that no row before it does.
-void match(std::vector<Row> rows, const std::vector<Outcome>& failures) {
-  for (const Outcome& failure : failures) {
-    const auto row =
-        std::ranges::find_if(rows, [&](const Row& each) { return each.shows(failure.text); });
-    check(row != rows.end(), "no row shows: " + failure.text.substr(0, 300));
-    check(row->cells.size() < 3 || row->cells[1] == failure.end, failure.end, row->line);
-    row->seen = true;
-  }
-  for (const Row& row : rows) check(row.seen, "nothing shows the row", row.line);
 }
 
 }  // namespace
 
 void every_row_is_provoked() {
-  match(rows(3), provoke());
-}
-
-void every_failure_is_provoked() {
-  std::vector<Outcome> last;
-  const std::string words = "last failure: ";
-  for (const Outcome& failure : provoke()) {
-    const std::size_t at = failure.text.find(words);
-    if (at != std::string::npos) last.push_back({"", failure.text.substr(at + words.size())});
-  }
-  match(rows(2), last);
-}
-
-void budgets_are_kept() {
-  struct Budget {
-    std::chrono::milliseconds deadline;
-    const char* end;
-    const char* text;
-    double ends_s;
-    std::string problem{};
+  Failures failures;
+  failures.provoke_catalogue();
+  failures.provoke_settings();
+  failures.provoke_bounds();
+  failures.provoke_others();
+  std::vector<Row> rows = snippets::rows();
+  const auto show = [&](const std::string& text, const std::string& end) {
+    const auto row = std::ranges::find_if(rows, [&](const Row& each) {
+      return each.cells.size() == (end.empty() ? 2 : 3) && each.shows(text);
+    });
+    check(row != rows.end(), "no row shows: " + text.substr(0, 300));
+    check(end.empty() || row->cells[1] == end, end, row->line);
+    row->seen = true;
   };
-
-  std::array budgets{
-      Budget{.deadline = 1h, .end = "LLMError", .text = "failed after 3 attempts", .ends_s = 4.5},
-      Budget{.deadline = 4400ms, .end = "LLMTimeout", .text = "the deadline passed", .ends_s = 4.4},
-      Budget{.deadline = 3500ms, .end = "LLMTimeout", .text = "no attempt could", .ends_s = 2.0}};
-  server.does([](auto& exchange) { exchange.stall(); });
-  {
-    std::vector<std::jthread> calls;
-    for (Budget& budget : budgets) {
-      calls.emplace_back([&budget] {
-        const llm::LLMClient silent(fields(server.url(), 0.5, 2));
-        const auto deadline = http::Clock::now() + budget.deadline;
-        const Outcome seen =
-            faults::outcome_of([&] { return silent.chat({}, {.deadline = deadline}).content(); });
-        const double late_s = seen.seconds - budget.ends_s;
-        const bool good = seen.end == budget.end && late_s > -0.1 && late_s < 0.9 &&
-                          seen.text.find(budget.text) != std::string::npos;
-        if (!good) budget.problem = seen.text + ", " + std::to_string(late_s) + " s late";
-      });
-    }
+  const std::string words = "last failure: ";
+  for (const Outcome& failure : failures.all) {
+    show(failure.text, failure.end);
+    const std::size_t at = failure.text.find(words);
+    if (at != std::string::npos) show(failure.text.substr(at + words.size()), "");
   }
-  for (const Budget& budget : budgets) check(budget.problem.empty(), budget.problem);
+  for (const Row& row : rows) check(row.seen, "nothing shows the row", row.line);
 }
 
 }  // namespace snippets

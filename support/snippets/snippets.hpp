@@ -50,10 +50,6 @@ void carried(const llm::LLMConfig& config, const std::string& origin, const std:
 /// Each row of the tables of docs/errors.md, which are for errors and for last failures, shows a
 /// failure that is provoked here, and each failure that is provoked is shown by a row.
 void every_row_is_provoked();
-void every_failure_is_provoked();
-
-/// The worked budget of docs/deadlines.md, with a tenth of its `timeout_s`, holds.
-void budgets_are_kept();
 
 /// Runs the fragments of a page in order and says which of them fail.
 int run(const std::vector<std::pair<const char*, void (*)()>>& fragments);
