@@ -66,7 +66,7 @@ TEST(Edit, ReachesEveryRequestAndKeepsWhatItAddsOutOfErrors) {
   };
   setenv("COPILOT_GITHUB_TOKEN", "gho_1", 1);
   const auto inner = std::make_shared<PlaybackTransport>(
-      Replies{{.pieces = {R"({"token":"T","expires_at":9e9})"}},
+      Replies{{.pieces = {R"({"token":"tok-1","expires_at":9e9})"}},
               llm::fake::status(401, "query-key s3cret\\/value title"),
               {.failure = http::TransportError("s3cret/value query-key title", false)}});
   const LLMClient client(
