@@ -39,19 +39,13 @@ TEST(Edit, ChangesOneMemberAndKeepsTheRest) {
   const std::string body = R"({"a":"x\",\"b\":1}","b":[1,{"c":2}],"c":3})";
   const Case cases[] = {
       {"replaces", body, set("b", "4"), R"({"a":"x\",\"b\":1}","b":4,"c":3})"},
-      {"replaces the last", body, set("c", "{}"), R"({"a":"x\",\"b\":1}","b":[1,{"c":2}],"c":{}})"},
       {"adds", R"({"a":1})", set("b", "\"x\""), R"({"a":1,"b":"x"})"},
-      {"adds the first", " { } ", set("b", "1"), R"( { "b":1} )"},
       {"renames", body, rename("c", "d"), R"({"a":"x\",\"b\":1}","b":[1,{"c":2}],"d":3})"},
       {"removes the first", body, remove("a"), R"({"b":[1,{"c":2}],"c":3})"},
-      {"removes between", body, remove("b"), R"({"a":"x\",\"b\":1}","c":3})"},
       {"removes the last", body, remove("c"), R"({"a":"x\",\"b\":1}","b":[1,{"c":2}]})"},
       {"removes the only one", R"({ "a" : 1 })", remove("a"), "{ }"},
       {"finds no inner member", R"({"a":{"b":1}})", remove("b"), R"({"a":{"b":1}})", false},
-      {"no such member", R"({"a":1})", rename("b", "c"), R"({"a":1})", false},
-      {"no body", "", set("a", "1"), "", false},
       {"no object", R"(["a"])", set("a", "1"), R"(["a"])", false},
-      {"cut in a name", R"({"a)", remove("a"), R"({"a)", false},
       {"cut in a value", R"({"b":"\)", remove("a"), R"({"b":"\)", false}};
   for (const Case& c : cases) {
     std::string edited = c.body;
@@ -64,41 +58,34 @@ TEST(Edit, ChangesOneMemberAndKeepsTheRest) {
 }
 
 TEST(Edit, ReachesEveryRequestAndKeepsWhatItAddsOutOfErrors) {
-  const std::string secret = "s3cret/value";
+  std::string title = "title";
   const auto edit = [&](http::Request& request) {
-    request.headers["X-Title"] = "title";
-    request.headers["X-Corp-Token"] = secret;
+    request.headers["X-Title"] = title;
+    request.headers["X-Corp-Token"] = "s3cret/value";
     request.url += "?key=query-key";
-    http::rename_member(request.body, "max_tokens", "max_completion_tokens");
   };
   setenv("COPILOT_GITHUB_TOKEN", "gho_1", 1);
   const auto inner = std::make_shared<PlaybackTransport>(
-      Replies{{.pieces = {R"({"token":"T","expires_at":9e9})"}},
+      Replies{{.pieces = {R"({"token":"tok-1","expires_at":9e9})"}},
               llm::fake::status(401, "query-key s3cret\\/value title"),
-              {.failure = http::TransportError(secret + " query-key title", false)}});
-  const auto transport = http::edit_requests(edit, inner, {"query-key"});
+              {.failure = http::TransportError("s3cret/value query-key title", false)}});
   const LLMClient client(
       {.provider = "copilot", .base_url = copilot::COPILOT_BASE, .model = "m", .max_retries = 0},
-      {.transport = transport});
+      {.transport = http::edit_requests(edit, inner, {"query-key"})});
+  const auto ask = [&] { std::ignore = client.chat({}); };
   for (int i = 0; i < 2; ++i) {
-    const auto text = text_of<llm::LLMError>([&] { std::ignore = client.chat({}); });
+    const auto text = text_of<llm::LLMError>(ask);
     EXPECT_TRUE(contains(text, "***") && contains(text, "title")) << text;
     EXPECT_FALSE(contains(text, "s3cret") || contains(text, "query-key")) << text;
   }
+  title = "a\r\nB: c";
+  const auto text = text_of<llm::LLMError>(ask);
+  EXPECT_TRUE(contains(text, "the value of the header X-Title holds a line break")) << text;
+  EXPECT_EQ(inner->requests().size(), 3U);
   for (const http::Request& request : inner->requests()) {
     EXPECT_EQ(request.headers.at("X-Title"), "title");
     EXPECT_TRUE(request.url.ends_with("?key=query-key"));
   }
-  EXPECT_TRUE(contains(inner->requests().at(1).body, R"("max_completion_tokens":1500)"));
-}
-
-TEST(Edit, CannotAddALineToTheHead) {
-  const auto inner = std::make_shared<PlaybackTransport>(ANSWER);
-  const auto client = llm::fake::client(http::edit_requests(
-      [](http::Request& request) { request.headers["X-Key"] = "a\r\nB: c"; }, inner));
-  const auto text = text_of<llm::LLMError>([&] { std::ignore = client.chat({}); });
-  EXPECT_TRUE(contains(text, "the value of the header X-Key holds a line break")) << text;
-  EXPECT_TRUE(inner->requests().empty());
 }
 
 TEST(Observe, ReportsTheStepsOfEachExchange) {
@@ -110,7 +97,6 @@ TEST(Observe, ReportsTheStepsOfEachExchange) {
 
   const http::TransportError broken("cable cut, fake-key says", true);
   const Case cases[] = {
-      {"whole", ANSWER, {"request", "head 200", "body", "end"}},
       {"stream that ends before the body does",
        {llm::fake::stream({"a", "b"})},
        {"request", "head 200", "body", "body", "body", "body", "end"}},
@@ -139,8 +125,8 @@ TEST(Observe, ReportsTheStepsOfEachExchange) {
       EXPECT_GT(event.request_bytes, 50U);
       EXPECT_GE(event.seconds, 0);
     };
-    const auto client = llm::fake::client(
-        http::observe(observer, std::make_shared<PlaybackTransport>(c.replies)));
+    const auto client =
+        llm::fake::client(http::observe(observer, std::make_shared<PlaybackTransport>(c.replies)));
     try {
       std::ignore = client.chat({});
     } catch (const llm::LLMError&) {
@@ -152,16 +138,16 @@ TEST(Observe, ReportsTheStepsOfEachExchange) {
 
 TEST(Observe, PassesOnWhatItsObserverThrowsAndNamesNoCredential) {
   const auto inner = std::make_shared<PlaybackTransport>(ANSWER);
-  for (const auto kind : {ExchangeEvent::Kind::request, ExchangeEvent::Kind::head,
-                          ExchangeEvent::Kind::body, ExchangeEvent::Kind::end}) {
-    const auto client = llm::fake::client(http::observe(
-        [&](const ExchangeEvent& event) { return event.kind == kind ? throw 7 : void(); }, inner));
-    if (kind == ExchangeEvent::Kind::end) {
-      EXPECT_EQ(client.chat({}).content(), "hi");
-    } else {
-      EXPECT_THROW(std::ignore = client.chat({}), int);
-    }
+  using enum ExchangeEvent::Kind;
+  auto thrown = request;
+  const auto throwing = llm::fake::client(http::observe(
+      [&](const ExchangeEvent& event) { return event.kind == thrown ? throw 7 : void(); }, inner));
+  for (const auto kind : {request, head, body}) {
+    thrown = kind;
+    EXPECT_THROW(std::ignore = throwing.chat({}), int);
   }
+  thrown = end;
+  EXPECT_EQ(throwing.chat({}).content(), "hi");
   std::string url;
   const auto client = LLMClient(
       {.base_url = "http://me:secret@h/v1?key=k", .model = "m", .api_key = "k"},
@@ -193,9 +179,8 @@ TEST(Playback, AnswersInOrderAndChecksTheBoundsOfTheCall) {
       Replies{llm::fake::status(429), llm::fake::stream({"On ", "Patience"})});
   const auto client = llm::fake::client(model);
   EXPECT_EQ(client.chat({llm::user("A title")}).content(), "On Patience");
-  EXPECT_EQ(client.chat({}).finish_reason(), "stop");
-  EXPECT_EQ(model->requests().size(), 3U);
-  EXPECT_TRUE(contains(model->requests()[0].body, "A title"));
+  EXPECT_EQ(client.chat({}).content(), "On Patience");  // the last is played again
+  EXPECT_TRUE(contains(model->requests().at(0).body, "A title"));
   EXPECT_THROW(std::ignore = client.chat({}, {.deadline = http::Clock::now()}), llm::LLMTimeout);
 }
 

@@ -15,20 +15,15 @@ struct Event {
   bool rests = false;  // the connection is as good as before
 };
 
-const std::string STALE = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n0\n";
-
 const Event EVENTS[] = {
     {.name = "nothing", .rests = true},
     {.name = "ticket", .act = &Exchange::ticket, .tls_only = true, .rests = true},
     {.name = "close", .act = &Exchange::close},
-    {.name = "reset", .act = &Exchange::reset},
     {.name = "close_notify alone", .act = &Exchange::close_notify, .tls_only = true},
     {.name = "FIN alone", .act = &Exchange::cut, .tls_only = true},
     {.name = "line end", .bytes = "\r\n"},
-    {.name = "half a reply", .bytes = STALE.substr(0, 20)},
-    {.name = "a whole reply", .bytes = STALE},
-    {.name = "408",
-     .bytes = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
+    {.name = "reply",
+     .bytes = "HTTP/1.1 408 Late\r\nContent-Length: 2\r\n\r\n0\n",
      .act = &Exchange::close}};
 
 // When a reply ends, seen from the line that the client waits for.
@@ -47,7 +42,6 @@ const std::string CHUNKED = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r
 const std::string LAST_CHUNK = "0\r\n\r\n";
 
 const Form FORMS[] = {{"length", LENGTH, "#\n", true},
-                      {"stream with a length", LENGTH + "#\n", "", false},
                       {"chunked", CHUNKED, LAST_CHUNK, true},
                       {"stream, settled", CHUNKED, LAST_CHUNK, false, End::later},
                       {"stream, parked", CHUNKED, LAST_CHUNK, false, End::at_next_call}};
@@ -101,12 +95,10 @@ void judge(const Event& event, const Form& form, std::chrono::milliseconds after
     std::this_thread::sleep_for(2ms);
   }
   begun = INT_MAX;
-  const auto counts = [](int requests, int connections) {
-    return std::to_string(requests) + " requests, " + std::to_string(connections) + " connections";
-  };
-  EXPECT_EQ(told + counts(server.requests(), server.connections()),
-            due + counts(calls, event.rests ? 1 : calls))
-      << event.name << ", " << form.name << ", after " << after.count() << " ms, TLS " << tls;
+  SCOPED_TRACE(event.name + std::string(" after ") + form.name + (tls ? " over TLS" : ""));
+  EXPECT_EQ(told, due) << after.count() << " ms";
+  EXPECT_EQ(server.requests(), calls) << after.count() << " ms";
+  EXPECT_EQ(server.connections(), event.rests ? 1 : calls) << after.count() << " ms";
 }
 
 TEST(Idle, ConnectionServesAgainOnlyIfNothingHasCome) {
@@ -133,9 +125,7 @@ TEST(Idle, ConnectionServesAgainNoLongerThanTheServerKeepsIt) {
       // a line of the reply, the time at rest, connections for two requests
       {"", 3s, 1},
       {"", 5s, 2},  // common servers close after five seconds
-      {"Keep-Alive: timeout=1\r\n", 300ms, 1},
       {"keep-alive: max=9, TIMEOUT=1\r\n", 800ms, 2},
-      {"Keep-Alive: timeout=2\r\n", 1500ms, 2},
       {"Keep-Alive: timeout=60\r\n", 5s, 1},
       {"Keep-Alive: timeout=99999999999999999999\r\n", 5s, 2},
       {"Keep-Alive: timeout=-1, timeout=, =;\r\n", 300ms, 1}};
@@ -156,35 +146,30 @@ TEST(Idle, ConnectionServesAgainNoLongerThanTheServerKeepsIt) {
 // A failover or a NAT box forgets all connections at once, and new ones work.
 TEST(Idle, DeadPoolCostsOneAttempt) {
   constexpr int POOLED = 8;
-  void (Exchange::*const acts[])() = {&Exchange::stall, &Exchange::reset, &Exchange::close};
-  for (int row = 0; row < 6; ++row) {
-    SCOPED_TRACE(row);
-    const auto act = acts[row / 2];
-    const bool tls = row % 2 == 1;
+  for (const auto& [act, tls] : {std::pair(&Exchange::stall, false),
+                                 {&Exchange::stall, true},
+                                 {&Exchange::reset, false},
+                                 {&Exchange::close, true}}) {
+    SCOPED_TRACE(tls);
     std::atomic<int> waiting = 0, waits = 0;
     std::atomic<bool> dead = false;
-    const auto serve = [&](Exchange& exchange) {
+    const auto serve = [&, end = act](Exchange& exchange) {
       thread_local const bool doomed = !dead;  // a connection has a thread of its own
-      if (dead && doomed) return (exchange.*act)();
+      if (dead && doomed) return (exchange.*end)();
       for (++waiting; waiting < POOLED;) exchange.pause(1ms);
       exchange.reply(200, R"({"choices": [{"message": {"content": "hi"}}]})");
     };
     Server server(serve, {.tls = tls});
     const auto transport = faults::trusting(server);
-    const auto ask = [&](double timeout_s) -> std::string {
+    const auto ask = [&](double timeout_s) {
       const LLMClient client(
           {.base_url = server.url(),
            .model = "m",
            .api_key = "k",
            .timeout_s = timeout_s,
-           .max_retries = 1,
-           .stream = false},
+           .max_retries = 1},
           {.transport = transport, .wait = [&](double, auto&, auto) { ++waits; }});
-      try {
-        return client.chat({llm::user("x")}).content();
-      } catch (const llm::LLMError& error) {
-        return error.what();
-      }
+      return faults::outcome_of([&] { return client.chat({}).content(); }).text;
     };
     in_threads(POOLED, [&] { EXPECT_EQ(ask(20), "hi"); });
     dead = true;

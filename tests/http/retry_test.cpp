@@ -23,11 +23,9 @@ TEST(Retry, WaitsLongerEachTimeAndGivesUp) {
 
   const char* const once = "LLM call failed after 1 attempt (no retries); last failure: busy ***";
   const Case cases[] = {
-      {3, 1.0, 0, {}},
       {4, 1.0, 3, {1, 2, 4}},
       {3, 0.5, 9, {0.5, 1}, "LLM call failed after 3 attempts; last failure: busy ***"},
       {1, 1.0, 9, {}, once},
-      {0, 1.0, 9, {}, once},
       {INT_MIN, 1.0, 9, {}, once},
       {INT_MAX, 1e308, 3, {1e308, FOREVER, FOREVER}}};
   for (const Case& c : cases) {
@@ -81,7 +79,6 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
       "call ran out of time: its deadline has passed; allow more time; last failure: busy";
   const char* const stopped = "call was stopped by its caller; last failure: busy";
   const Case cases[] = {
-      {.ends = early, .backoff_s = 4, .left = 3s},
       {.ends = early, .backoff_s = FOREVER, .left = 3s},
       {.ends = early, .backoff_s = 0, .left = 10ms, .takes = 20ms},
       {.ends = late, .backoff_s = 0, .left = 10ms, .own_wait = true, .takes = 20ms},
@@ -95,7 +92,6 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
        .attempts = 1,
        .takes = 20ms},
       {.ends = stopped, .backoff_s = 4, .left = 10ms, .takes = 20ms, .stops_after = 1},
-      {.ends = stopped, .backoff_s = 4, .left = 3s, .attempts = 1, .stops_after = 1},
       {.ends = "call was stopped by its caller", .backoff_s = 4, .left = -1s, .stops_after = 0},
       {.ends = "call ran out of time: its deadline has passed; allow more time",
        .backoff_s = 4,
@@ -113,20 +109,11 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
       ++made;
       throw http::Retryable("busy");
     };
-    const std::string type = contains(c.ends, "stopped")   ? "Stopped"
-                             : contains(c.ends, "ran out") ? "DeadlineExceeded"
-                                                           : "Exhausted";
-    std::string end;
-    try {
-      end = http::retry(policy, attempt);
-    } catch (const http::Stopped& error) {
-      end = std::string("Stopped: ") + error.what();
-    } catch (const http::DeadlineExceeded& error) {
-      end = std::string("DeadlineExceeded: ") + error.what();
-    } catch (const http::Exhausted& error) {
-      end = std::string("Exhausted: ") + error.what();
-    }
-    EXPECT_EQ(end, type + ": " + c.ends);
+    const auto act = [&] { return http::retry(policy, attempt); };
+    EXPECT_EQ(contains(c.ends, "stopped")   ? text_of<http::Stopped>(act)
+              : contains(c.ends, "ran out") ? text_of<http::DeadlineExceeded>(act)
+                                            : text_of<http::Exhausted>(act),
+              c.ends);
     EXPECT_LT(seconds_since(start), 2) << c.ends;  // it could sleep for 3 s and end alike
   }
 }
@@ -145,7 +132,6 @@ TEST(Wait, LastsAsLongAsItIsAskedTo) {
     EXPECT_LT(lasts(period_s, {}), 1);
   EXPECT_GE(lasts(0.3, {}), 0.3);
   EXPECT_GE(lasts(0.1, [] { return false; }), 0.1);
-  EXPECT_LT(lasts(0.3, {}), 2);
   EXPECT_LT(lasts(4, [asked = 0]() mutable { return ++asked > 3; }), 2);
   EXPECT_LT(lasts(FOREVER, {}, http::Clock::now() + 3s), 2);
 }

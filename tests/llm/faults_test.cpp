@@ -114,7 +114,6 @@ std::vector<Place> places(const std::string& hole) {
   const auto silent = [](Exchange& exchange) { exchange.stall(); };
   const auto deaf = [](Exchange& exchange) { exchange.pause(1h); };
   const auto resetting = [](Exchange& exchange) { exchange.reset(); };
-  const auto closing = [](Exchange& exchange) { exchange.close(); };
   const auto garbage = [](Exchange& exchange) {
     exchange.send("SSH-2.0-OpenSSH_9\r\n");
     exchange.stall();
@@ -126,136 +125,78 @@ std::vector<Place> places(const std::string& hole) {
     exchange.reply(413, ECHO);
     exchange.stall();
   };
-  const std::string secrets = "/" + KEY + "?" + PASSWORD;
-  const std::string refused = "http://u:" + PASSWORD + "@" + loopback::refused_url().substr(7);
-  const auto to = [](const std::string& url, const std::string& key = KEY) {
-    return Call{.name = url, .url = url, .key = key};
-  };
+  const std::string refused =
+      "http://u:" + PASSWORD + "@" + loopback::refused_url().substr(7) + "/" + KEY + "?" + PASSWORD;
+  const auto to = [](const std::string& url) { return Call{.name = url, .url = url}; };
   const auto tls = [](const char* name, const Server::Handler& greeting) {
     return Call{.name = name, .options = {.greeting = greeting}, .scheme = "https"};
   };
-  const auto upload = [](const char* name, const Server::Handler& greeting) {
-    return Call{.name = name, .options = {.greeting = greeting}, .size = MUCH};
-  };
-  const auto showing = [](loopback::Certificate kind, bool trusted, Asked asked) {
-    return Call{.name = "certificate",
-                .options = {.tls = true, .certificate = kind},
-                .asked = asked,
-                .trusted = trusted};
-  };
+  std::vector<Place> all{
+      {.call = to("http://no.such.host.invalid"), .text = "cannot resolve"},
+      {.call = to("http://x.slow.test"), .lasts = true},
+      {.call = to(refused), .text = "cannot connect"},
+      {.call = to("http://" + hole), .text = "no data for", .lasts = true},
+      {.call = tls("silent handshake", silent), .text = "no data for", .lasts = true},
+      {.call = tls("slow handshake", slow_record), .lasts = true},
+      {.call = tls("handshake reset", resetting), .text = "reset by peer"},
+      {.call = tls("no handshake", garbage), .text = "cannot agree on TLS", .attempts = 1}};
+  for (const bool over_tls : {false, true}) {
+    const auto upload = [=](const char* name, const Server::Handler& greeting) {
+      return Call{.name = name + std::string(over_tls ? ", TLS" : ""),
+                  .options = {.tls = over_tls, .greeting = greeting},
+                  .size = MUCH};
+    };
+    all.push_back({.call = upload("deaf to the body", deaf), .text = "no data for", .lasts = true});
+    all.push_back({.call = upload("reset during the body", resetting), .text = "failure"});
+    all.push_back(
+        {.call = upload("refused during the body", refusing), .text = "HTTP 413", .attempts = 1});
+  }
   using loopback::Certificate;
-  return {{.call = to("http://no.such.host.invalid"), .text = "cannot resolve"},
-          {.call = to("http://x.slow.test"), .lasts = true},
-          {.call = to(refused + secrets), .text = "cannot connect"},
-          {.call = to("http://" + hole), .text = "no data for", .lasts = true},
-          {.call = to("http://" + hole, "127.0.0.1"), .text = "no data for", .lasts = true},
-          {.call = to("https://" + hole), .text = "no data for", .lasts = true},
-          {.call = tls("silent handshake", silent), .text = "no data for", .lasts = true},
-          {.call = tls("slow handshake", slow_record), .lasts = true},
-          {.call = tls("handshake reset", resetting), .text = "reset by peer"},
-          {.call = tls("handshake closed", closing), .text = "cannot agree on TLS"},
-          {.call = tls("no handshake", garbage), .text = "cannot agree on TLS", .attempts = 1},
-          {.call = upload("deaf to the body", deaf), .text = "no data for", .lasts = true},
-          {.call = upload("reset during the body", resetting), .text = "failure"},
-          {.call = upload("closed during the body", closing), .text = "failure"},
-          {.call = upload("refused during the body", refusing), .text = "HTTP 413", .attempts = 1},
-          {.call = showing(Certificate::expired, true, Asked::whole),
-           .text = "cannot trust",
-           .attempts = 1},
-          {.call = showing(Certificate::of_another_host, true, Asked::token),
-           .text = "cannot trust",
-           .attempts = 1},
-          {.call = showing(Certificate::good, false, Asked::streamed),
-           .text = "cannot trust",
-           .attempts = 1}};
-}
-
-void add_place(std::vector<Cell>& cells, const Place& place) {
-  const auto add = [&](Call call) {
-    if (place.lasts) call.timeout_s = 0.5;
-    const Outcome failed{.end = "LLMError", .text = place.text, .attempts = place.attempts};
-    if (!place.text.empty()) cells.push_back({call, failed});
-    if (place.lasts) add_bounded(cells, call);
-  };
-  Call call = place.call;
-  add(call);
-  if (call.size < MUCH) return;
-  call.name += ", TLS";
-  call.options.tls = true;
-  add(call);
+  for (const auto& [shown, trusted] : {std::pair(Certificate::expired, true),
+                                       {Certificate::of_another_host, true},
+                                       {Certificate::good, false}}) {
+    all.push_back({.call = {.name = "certificate",
+                            .options = {.tls = true, .certificate = shown},
+                            .trusted = trusted},
+                   .text = "cannot trust",
+                   .attempts = 1});
+  }
+  return all;
 }
 
 // The server reads for longer than the timeout, but never stops to.
-void add_slow_upload(std::vector<Cell>& cells) {
+Cell slow_upload(bool tls) {
   const auto read = [](Exchange& exchange) {
     for (int i = 0; i < 100; ++i) {
       for (int bytes = 0; bytes < 8; ++bytes) exchange.read_some();
       exchange.pause(10ms);
     }
   };
-  const auto answer = [](Exchange& exchange) {
-    exchange.reply(200, R"({"choices":[{"message":{"content":"hi"}}]})");
-  };
-  for (const bool tls : {false, true}) {
-    cells.push_back({{.name = tls ? "slow upload, TLS" : "slow upload",
-                      .serve = answer,
-                      .options = {.tls = tls, .greeting = read},
-                      .timeout_s = 0.5,
-                      .size = 4 * MUCH},
-                     {.end = "answer", .text = "hi", .requests = 1}});
-  }
+  return {{.name = "slow upload",
+           .serve = [](Exchange& exchange) { exchange.reply(401, "enough"); },
+           .options = {.tls = tls, .greeting = read},
+           .timeout_s = 0.5,
+           .size = 4 * MUCH},
+          {.end = "LLMError", .text = "enough", .requests = 1}};
 }
 
 TEST(Faults, OnTheWayToARequest) {
   const loopback::BlackHole hole;
-  std::vector<Cell> cells;
-  for (const Place& place : places(hole.address())) add_place(cells, place);
-  add_slow_upload(cells);
+  std::vector<Cell> cells{slow_upload(false), slow_upload(true)};
+  for (Place& place : places(hole.address())) {
+    if (place.lasts) {
+      add_bounded(cells, place.call);
+      place.call.timeout_s = 0.5;
+    }
+    if (place.text.empty()) continue;
+    cells.push_back(
+        {place.call, {.end = "LLMError", .text = place.text, .attempts = place.attempts}});
+  }
   const Call waits{.name = "wait between attempts",
                    .serve = [](Exchange& exchange) { exchange.reply(503, ECHO); },
                    .wait = http::wait_unless_stopped};
   add_bounded(cells, waits);
   judge_all(std::move(cells));
-}
-
-TEST(Faults, SslCertFileNamesTheAuthoritiesWhenATransportIsMade) {
-  const Server server([](Exchange& exchange) { exchange.reply(200, "hi"); }, {.tls = true});
-  set_authorities(server.certificate());
-  const auto transport = http::make_transport();
-  unsetenv("SSL_CERT_FILE");
-  const http::RetryPolicy policy{};
-  EXPECT_EQ(
-      http::get(server.url(),
-                {.policy = policy, .headers = {}, .secrets = {}, .transport = transport.get()},
-                [](http::Response& reply) { return reply.read_rest(9); }),
-      "hi");
-}
-
-// Asks through the proxy that the environment names.
-std::string ask_through(const std::string& proxy, const http::StopTest& should_stop = {}) {
-  setenv("https_proxy", proxy.c_str(), 1);
-  const LLMClient client(
-      {.base_url = "https://h.invalid", .model = "m", .api_key = KEY, .max_retries = 1},
-      {.transport = http::make_transport(), .wait = [](double, auto&, auto) {}});
-  unsetenv("https_proxy");
-  return client.chat({}, {.should_stop = should_stop}).content();
-}
-
-TEST(Faults, OfAProxyThatCannotBeResolvedAreWorthAnotherAttempt) {
-  const Outcome outcome = outcome_of([] { return ask_through("http://no.such.host.invalid"); });
-  EXPECT_TRUE(contains(outcome.text, "after 2 attempts")) << outcome.text;
-  EXPECT_TRUE(contains(outcome.text, "cannot resolve")) << outcome.text;
-}
-
-TEST(Faults, OfACallersStopTestReachTheCallerWhileTheProxyConnects) {
-  struct Mine {};
-
-  std::atomic<bool> connecting = false;
-  const Server proxy([&](Exchange& exchange) {
-    connecting = true;
-    trickle(exchange, "x");
-  });
-  EXPECT_THROW(ask_through(proxy.url(), [&] { return connecting ? throw Mine() : false; }), Mine);
 }
 
 TEST(Faults, SilenceCostsNoProcessorTime) {
