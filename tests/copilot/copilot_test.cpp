@@ -203,29 +203,24 @@ TEST_F(Copilot, DropsNoTokenForAnOlderOne) {
 
 // Other statuses, and replies that are cut or endless, are among the faults of faults_test.cpp.
 TEST_F(Copilot, SaysWhatToDoWhenThereIsNoToken) {
-  struct Case {
-    int status;
-    std::string body;
-    const char* told;
-    bool transient = false;
-  };
-
   const std::string limit = R"({"message":"API Rate Limit exceeded for gho_1 and TOKEN-1"})";
-  const char* const none = "lacks a token or its expiry";
-  const Case cases[] = {
-      {403, "TOKEN-1", "HTTP 403): personal access tokens are not accepted"},
-      {200, "tid=TOKEN-1", "cannot be read"},
-      {200, R"({"token":"TOKEN-1"})", none},
-      {200, R"({"token":7,"expires_at":9e9})", none},
-      {200, R"({"token":"TOKEN-1\u007f","expires_at":9e9})", none},
-      {200, R"({"token":"TOKEN-1","expires_at":1})", "has already expired by this machine's clock"},
-      {403, limit, "HTTP 403 (GitHub limits the rate", true},
-      {401, limit, "HTTP 401): it was revoked or has expired"}};
-  for (const Case& c : cases) {
-    on_exchange = [&](Exchange& exchange) { exchange.reply(c.status, c.body); };
+  const std::string reply = "GitHub's reply to the Copilot token request ";
+  const std::tuple<int, std::string, std::string> cases[] = {
+      // status, body, how the error's text begins
+      {403, "TOKEN-1", "GitHub gives no Copilot token for the stored credential (HTTP 403): perso"},
+      {200, "tid=TOKEN-1", reply + "cannot be read"},
+      {200, R"({"token":"TOKEN-1"})", reply + "lacks"},
+      {200, R"({"token":7,"expires_at":9e9})", reply + "lacks"},
+      {200, R"({"token":"TOKEN-1\u007f","expires_at":9e9})", reply + "lacks"},
+      {200, R"({"token":"TOKEN-1","expires_at":1})", "GitHub's Copilot token has already expired"},
+      {403, limit, "transient: GitHub's Copilot token endpoint: HTTP 403 (GitHub limits the rate"},
+      {401, limit, "GitHub refuses the stored credential (HTTP 401): it was revoked"}};
+  for (const auto& [status, body, expected] : cases) {
+    on_exchange = [&, code = status, text = body](Exchange& exchange) {
+      exchange.reply(code, text);
+    };
     const std::string told = ask(auth);
-    EXPECT_TRUE(contains(told, c.told)) << told << " in place of " << c.told;
-    EXPECT_EQ(told.starts_with("transient: GitHub's Copilot token endpoint: "), c.transient);
+    EXPECT_TRUE(told.starts_with(expected)) << told << " in place of " << expected;
     EXPECT_FALSE(contains(told, "TOKEN-1") || contains(told, "gho_1")) << told;
   }
   try {
@@ -411,7 +406,6 @@ TEST_F(Copilot, ServesManyThreadsWhileItsTokenKeepsRunningOut) {
     }
   });
   EXPECT_LE(auth.secrets().size(), 16U);
-  EXPECT_GT(exchanges, 16);
 }
 
 }  // namespace

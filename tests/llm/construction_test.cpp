@@ -29,10 +29,6 @@ static_assert(!CanLackModel<LLMResult> && !std::is_default_constructible_v<LLMRe
 static_assert(!HasAssignableFields<LLMConfig> && !HasAssignableFields<LLMResult>);
 static_assert(std::regular<LLMConfig> && std::copyable<LLMResult> && std::copyable<LLMClient>);
 
-static_assert(std::is_base_of_v<std::runtime_error, llm::LLMError> &&
-              std::is_base_of_v<llm::LLMError, llm::LLMStopped> &&
-              std::is_base_of_v<llm::LLMError, llm::LLMTimeout>);
-
 TEST(Records, AreEqualAndHashAlikeWhenAllFieldsAre) {
   const LLMConfig configs[] = {{},
                                {{.provider = "x"}},
