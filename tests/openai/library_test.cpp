@@ -48,7 +48,6 @@ TEST(Library, MayFailInEveryWay) {
       {"foreign", true, failed + "foreign ***"},
       {"no words", true, failed},
       {"unknown", true, failed + "the OpenAI client library raised an error of an unknown kind"},
-      {"499", false, failed + "status ***"},
       {"599", false, tries + "status ***"},
       {"timeout", true, tries + "late"},
       {"null stream", true, another},

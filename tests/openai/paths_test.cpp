@@ -128,7 +128,6 @@ TEST_F(Paths, LeadToTheSameAnswers) {
   const Script refusal{200, R"({"error":")" + KEY + "\"}"};
   const std::string missing = "LLM response missing 'choices': ***";
   const Case cases[] = {
-      {"streamed", "s", {STREAMED}},
       {"whole where a stream was asked for", "s", {WHOLE}},
       // The library's whole replies are passed on as they are.
       {"whole, with reasoning",
@@ -158,12 +157,6 @@ TEST_F(Paths, LeadToTheSameAnswers) {
       {"busy, then broken off", "sss", {{503, ""}, {0, ""}, STREAMED}},
       {"cut in a character", "ss", {stream(delta("x").substr(0, 51) + "\xC3"), STREAMED}},
       {"bad key", "s", {{401, KEY}}, failed + " with HTTP 401 (check the API key): ***"},
-      // Any 5xx of the library's is transient.
-      {"not offered",
-       LIBRARY ? "sss" : "s",
-       {{501, KEY}},
-       failed + " with HTTP 501",
-       tries + "request failed with HTTP 501"},
       {"no choices",
        "-",
        {refusal},
@@ -175,6 +168,11 @@ TEST_F(Paths, LeadToTheSameAnswers) {
        missing,
        R"(LLM SDK call failed: the reply has no choices: {"error":"***"})"},
       {"no JSON", "-", {{200, "<" + KEY}}, failed + ": the reply is not"},
+      {"no object",
+       "-",
+       {{200, "[]"}},
+       "LLM response is not a JSON object",
+       "LLM SDK call failed: the reply is not a JSON object"},
       {"an error after the answer",
        "s",
        {stream(EVENTS + event(R"({"error":1,"model":"y","usage":{"prompt_tokens":9},)"
