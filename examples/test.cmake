@@ -28,8 +28,6 @@ endfunction()
 
 if(NAME STREQUAL quickstart)
   expect(0 "^m was asked: Why\\?\n$" "^$" ${WITH} ${PROGRAM} {url} m Why?)
-  expect(1 "^$" "^quickstart: LLM request failed with HTTP 401[^\n]*\n$"
-         ${WITH} ${ENV} TOVREN_LLM_API_KEY=another ${PROGRAM} {url} m)
   expect(1 "^$" "^quickstart: cannot write[^\n]*\n$"
          ${WITH} sh -c "\"$0\" $1 m >/dev/full" ${PROGRAM} {url})
 
@@ -50,14 +48,12 @@ elseif(NAME STREQUAL ask)
   file(WRITE "${WORK}/.env" "coffee\n")
   string(ASCII 27 escape)
   set(ask ${WITH} ${PROGRAM} --base-url {url} --model m)
-  expect(0 "^usage: " "^$" ${PROGRAM} -h)
   expect(0 "^caf${latin1}.txt\n$" "^$" ${PROGRAM} --files ${WORK} Coffee?)
   expect(0 "(all files).* caf�.txt" "sent 1 of 1 files, [0-9]+ tokens\n" ${ask} ${WORK} Coffee?)
   expect(0 "^m was asked: Question: Why[?]  === .standard input. .3 bytes. a b\n$"
          "sent standard input"
          sh -c "printf 'a b' | \"$@\"" sh ${ask} Why?)
   expect(2 "^$" "ask: standard input is not UTF-8" sh -c "printf '\\377' | \"$@\"" sh ${ask} Why?)
-  expect(1 "^$" "ask: cannot write the answer\n$" sh -c "\"$@\" >/dev/full" sh ${ask} --prompt Why?)
   expect_on_terminal("<think>no</think> yes" "${escape}.Kyes")
   expect_on_terminal("no</think>yes" "no</think>yes\r${escape}.Jyes")
   expect_on_terminal("a${escape}cb" "${escape}.Ka�cb")

@@ -35,6 +35,16 @@ std::string ask(CopilotAuth& auth, const CallBounds& bounds = {}) {
   }
 }
 
+// Reads no error's text: ThreadSanitizer does not know that threads may share it.
+bool gets_token(CopilotAuth& auth) {
+  try {
+    std::ignore = auth.chat_headers();
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 double unix_now_s() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -85,10 +95,7 @@ class Copilot : public testing::Test {
   const fs::path files = folder / "github-copilot";
   std::atomic<int> exchanges = 0;
   std::function<void(Exchange&)> on_exchange, on_chat = [](Exchange&exchange) {
-    exchange.reply(200,
-                   R"(data: {"choices":[{"delta":{"content":"hi"}}]})"
-                   "\n",
-                   "text/event-stream");
+    exchange.reply(200, R"({"choices":[{"message":{"content":"hi"}}]})");
   };
   Server server{[this](Exchange& exchange) {
     if (exchange.request().target != "/copilot_internal/v2/token") return on_chat(exchange);
@@ -110,12 +117,10 @@ class Copilot : public testing::Test {
 TEST_F(Copilot, AnswersWithATokenThatItKeeps) {
   std::map<std::string, std::string> asked, sent;
   on_exchange = [&](Exchange& exchange) {
-    EXPECT_EQ(exchange.request().method, "GET");
     asked = exchange.request().headers;
     exchange.reply(200, token("tid=1;exp=9:x"));
   };
   on_chat = [&, answer = on_chat](Exchange& exchange) {
-    EXPECT_EQ(exchange.request().target, "/chat/completions");
     sent = exchange.request().headers;
     answer(exchange);
   };
@@ -125,21 +130,19 @@ TEST_F(Copilot, AnswersWithATokenThatItKeeps) {
   EXPECT_EQ(sent.at("authorization"), "Bearer tid=1;exp=9:x");
   EXPECT_EQ(sent.at("copilot-integration-id"), "vscode-chat");
   EXPECT_TRUE(sent.contains("openai-intent"));
-  for (const auto& [name, value] : asked) {  // an editor's, but for the credential and the host
-    if (name.starts_with("editor") || name.ends_with("version")) {
-      EXPECT_EQ(sent[name], value);
-    }
+  for (const char* const name : {"editor-version", "editor-plugin-version", "user-agent"}) {
+    EXPECT_EQ(sent.at(name), asked.at(name));
   }
-  EXPECT_EQ(sent["user-agent"], asked["user-agent"]);
   EXPECT_EQ(origins, (std::set<std::string>{"https://api.github.com", copilot::COPILOT_BASE}));
 }
 
 TEST_F(Copilot, RenewsATokenNearItsEnd) {
   const std::tuple<const char*, double, int> cases[] = {
       // the hint, seconds to the expiry, exchanges for two requests
-      {"1500", 1800, 1}, {"0.01", 1800, 2}, {"99", 58, 2},     {"99", 70, 1},
-      {"null", 1800, 1}, {"0", 1800, 1},    {"1e18", 1e17, 1},
-  };
+      {"0", 1800, 1},
+      {"0.01", 1800, 2},
+      {"99", 58, 2},
+      {"99", 70, 1}};
   for (const auto& [refresh_in, good_s, expected] : cases) {
     give(refresh_in, good_s);
     CopilotAuth fresh({.transport = transport});
@@ -198,43 +201,26 @@ TEST_F(Copilot, DropsNoTokenForAnOlderOne) {
   EXPECT_EQ(ask(auth), "T-2");
 }
 
+// Other statuses, and replies that are cut or endless, are among the faults of faults_test.cpp.
 TEST_F(Copilot, SaysWhatToDoWhenThereIsNoToken) {
-  struct Case {
-    int status;
-    std::string body;
-    const char* told;
-    bool transient = false;
-  };
-
   const std::string limit = R"({"message":"API Rate Limit exceeded for gho_1 and TOKEN-1"})";
-  const char* const none = "lacks a token or its expiry";
-  const Case cases[] = {
-      {403, "TOKEN-1", "HTTP 403): personal access tokens are not accepted"},
-      {404, limit, "HTTP 404): personal access tokens are not accepted"},
-      {302, limit, "HTTP 302 (a redirect, which is not followed)"},
-      {418, limit, "GitHub's endpoint answered HTTP 418;"},
-      {200, "tid=TOKEN-1", "cannot be read"},
-      {200, R"({"token":"TOKEN-1"})", none},
-      {200, R"({"token":7,"expires_at":9e9})", none},
-      {200, R"({"token":"","expires_at":9e9})", none},
-      {200, R"({"token":"TOKEN-1\n","expires_at":9e9})", none},
-      {200, R"({"token":"TOKEN-1\u007f","expires_at":9e9})", none},
-      {200, R"({"token":"TOKEN-1","expires_at":1})", "has already expired by this machine's clock"},
-      {200, R"({"token":"TOKEN-1)", "reply breaks off", true},
-      {403, limit, "HTTP 403 (GitHub limits the rate", true},
-      {429, "TOKEN-1", "HTTP 429 (GitHub limits the rate", true},
-      {408, limit, "HTTP 408 (GitHub failed", true},
-      {409, limit, "HTTP 409 (GitHub failed", true},
-      {500, limit, "HTTP 500 (GitHub failed", true},
-      {502, limit, "HTTP 502 (GitHub failed", true},
-      {503, limit, "HTTP 503 (GitHub failed", true},
-      {504, limit, "HTTP 504 (GitHub failed", true},
-      {401, limit, "HTTP 401): it was revoked or has expired"}};
-  for (const Case& c : cases) {
-    on_exchange = [&](Exchange& exchange) { exchange.reply(c.status, c.body); };
+  const std::string reply = "GitHub's reply to the Copilot token request ";
+  const std::tuple<int, std::string, std::string> cases[] = {
+      // status, body, how the error's text begins
+      {403, "TOKEN-1", "GitHub gives no Copilot token for the stored credential (HTTP 403): perso"},
+      {200, "tid=TOKEN-1", reply + "cannot be read"},
+      {200, R"({"token":"TOKEN-1"})", reply + "lacks"},
+      {200, R"({"token":7,"expires_at":9e9})", reply + "lacks"},
+      {200, R"({"token":"TOKEN-1\u007f","expires_at":9e9})", reply + "lacks"},
+      {200, R"({"token":"TOKEN-1","expires_at":1})", "GitHub's Copilot token has already expired"},
+      {403, limit, "transient: GitHub's Copilot token endpoint: HTTP 403 (GitHub limits the rate"},
+      {401, limit, "GitHub refuses the stored credential (HTTP 401): it was revoked"}};
+  for (const auto& [status, body, expected] : cases) {
+    on_exchange = [&, code = status, text = body](Exchange& exchange) {
+      exchange.reply(code, text);
+    };
     const std::string told = ask(auth);
-    EXPECT_TRUE(contains(told, c.told)) << told << " in place of " << c.told;
-    EXPECT_EQ(told.starts_with("transient: GitHub's Copilot token endpoint: "), c.transient);
+    EXPECT_TRUE(told.starts_with(expected)) << told << " in place of " << expected;
     EXPECT_FALSE(contains(told, "TOKEN-1") || contains(told, "gho_1")) << told;
   }
   try {
@@ -247,22 +233,16 @@ TEST_F(Copilot, SaysWhatToDoWhenThereIsNoToken) {
 TEST_F(Copilot, FindsCredentialsInTheirOrder) {
   using Found = copilot::Credentials;
   const auto found = [] { return copilot::CredentialSources().find(); };
-  const copilot::CredentialSources before;
   setenv("GITHUB_TOKEN", "third", 1);
   setenv("GH_TOKEN", " second\n", 1);
   EXPECT_EQ(found(), (Found{"gho_1", "second", "third"}));
-  EXPECT_EQ(before.find(), Found{"gho_1"});
-  setenv("GITHUB_TOKEN", "second", 1);
-  EXPECT_EQ(found(), (Found{"gho_1", "second"}));
   for (const char* const name : {"GH_TOKEN", "GITHUB_TOKEN"}) unsetenv(name);
   std::string many;
   for (const char c : std::string("bcdefghijkl")) many += entry({c}, {':', c}) + ",";
   const std::pair<std::string, Found> files_of_apps[] = {
-      {",", {"hosts"}},
       {R"("github.com":{"oauth_token":7})", {"hosts"}},
       {R"("github.community:x":{"oauth_token":"wrong"})", {"hosts"}},
       {entry("hosts", ":2") + "," + entry("b", ":1") + "," + entry(" "), {"b", "hosts"}},
-      {entry("a") + std::string((1U << 20U) - 50, ' '), {"a", "hosts"}},
       {entry("a") + std::string(1U << 20U, ' '), {"hosts"}},
       {many + entry("a"), {"a", "b", "c", "d", "e", "f", "g", "h"}}};
   for (const auto& [apps, expected] : files_of_apps) {
@@ -273,7 +253,7 @@ TEST_F(Copilot, FindsCredentialsInTheirOrder) {
   setenv("HOME", folder.c_str(), 1);
   EXPECT_EQ(found(), Found());
   fs::create_directory_symlink(folder, folder / ".config");
-  EXPECT_EQ(found(), files_of_apps[6].second);
+  EXPECT_EQ(found(), files_of_apps[4].second);
   // A pipe in place of a file: nobody waits for a writer.
   const fs::path pipe = files / "apps.json";
   fs::remove(pipe);
@@ -282,75 +262,40 @@ TEST_F(Copilot, FindsCredentialsInTheirOrder) {
 }
 
 TEST_F(Copilot, GivesEachCredentialItsTurn) {
-  struct Case {
-    std::map<std::string, int> statuses;  // of credentials that get no token
-    std::string outcome;
-    int exchanges;
+  std::map<std::string, int> statuses{
+      {"gho_1", 401}, {"gho_2", 404}, {"gho_3", 200}, {"gho_4", 200}, {"gho_5", 503}};
+  on_exchange = [&](Exchange& exchange) {
+    const std::string credential = credential_of(exchange);
+    exchange.reply(statuses.at(credential), token(credential));
   };
-
-  const Case cases[] = {
-      {{}, "gho_1", 1},
-      {{{"gho_1", 401}}, "gho_2", 2},
-      {{{"gho_1", 403}, {"gho_2", 404}}, "gho_3", 3},
-      {{{"gho_1", 503}}, "transient: GitHub's Copilot token endpoint: HTTP 503", 1},
-      {{{"gho_1", 401}, {"gho_2", 503}}, "transient: GitHub's Copilot token endpoint: HTTP 503", 2},
-      {{{"gho_1", 401}, {"gho_2", 403}, {"gho_3", 403}}, "GitHub refuses the stored cred", 3}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.outcome);
-    sign_in(entry("gho_1"), entry("gho_2") + "," + entry("gho_3", ":x"));
-    exchanges = 0;
-    on_exchange = [&](Exchange& exchange) {
-      const auto status = c.statuses.find(credential_of(exchange));
-      exchange.reply(status == c.statuses.end() ? 200 : status->second,
-                     token(credential_of(exchange)));
-    };
-    CopilotAuth fresh({.transport = transport});
-    const std::string outcome = ask(fresh);
-    EXPECT_TRUE(outcome.starts_with(c.outcome)) << outcome;
-    EXPECT_EQ(contains(outcome, "refused all 3 credentials"), c.statuses.size() == 3) << outcome;
-    EXPECT_EQ(exchanges, c.exchanges);
-    if (!outcome.starts_with("gho_")) continue;
-    EXPECT_EQ(ask(fresh), outcome);
-    EXPECT_EQ(exchanges, c.exchanges) << "asked again for what was refused";
-    sign_in(entry("gho_0") + "," + entry("gho_1", ":x"));
-    EXPECT_EQ(ask(fresh), "gho_0") << "another account";
-  }
-  // One that no header can hold is passed over without a request.
-  exchanges = 0;
-  sign_in(entry(R"(gho\n_0)"), entry("gho_3"));
-  CopilotAuth fresh({.transport = transport});
-  EXPECT_TRUE(ask(fresh).starts_with("The stored GitHub credential holds a blank"));
-  EXPECT_EQ(exchanges, 1);
+  // No header can hold the third, so there is no request for it.
+  sign_in(entry("gho_2") + "," + entry(R"(gho\n_)", ":x"), entry("gho_3"));
+  EXPECT_EQ(ask(auth), "gho_3");
+  EXPECT_EQ(ask(auth), "gho_3");
+  EXPECT_EQ(exchanges, 3) << "asked again for what was refused";
+  sign_in(entry("gho_4"), entry("gho_3"));
+  EXPECT_EQ(ask(auth), "gho_4") << "another account";
+  sign_in(entry("gho_5"), entry("gho_3"));
+  EXPECT_TRUE(contains(ask(auth), "HTTP 503")) << "no refusal, so the next has no turn";
+  statuses["gho_3"] = statuses["gho_5"] = 403;
+  const std::string told = ask(auth);
+  EXPECT_TRUE(told.starts_with("GitHub refuses the stored cred")) << told;
+  EXPECT_TRUE(contains(told, "refused all 3 credentials")) << told;
 }
 
 TEST_F(Copilot, UsesAGoodTokenWhileItsRenewalFails) {
-  // 0: no reply at all
-  for (const int status : {401, 503, 0}) {
+  for (const int status : {401, 503}) {
     SCOPED_TRACE(status);
-    exchanges = 0;
-    on_exchange = [&](Exchange& exchange) {
-      if (exchanges == 1) return exchange.reply(200, token("T-1", "1e-9"));
-      status == 0 ? exchange.stall() : exchange.reply(status, "");
-    };
+    give("1e-9", 62, status);  // good for 2 s
     CopilotAuth fresh({.transport = transport});
-    const auto start = http::Clock::now();
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(ask(fresh, {.deadline = start + 4s}), "T-1");
-    EXPECT_LT(seconds_since(start), 3);  // not all the time that there is
+    EXPECT_EQ(ask(fresh) + ask(fresh) + ask(fresh), "T-1T-1T-1");
     EXPECT_EQ(exchanges, 2);
-    fresh.drop_token({{"Authorization", "Bearer T-1"}});
-    EXPECT_NE(ask(fresh, {.deadline = http::Clock::now() + 100ms}), "T-1");
+    std::this_thread::sleep_for(1050ms);
+    EXPECT_EQ(ask(fresh), "T-3") << "no other attempt before the token ends";
   }
 }
 
-TEST_F(Copilot, TriesARenewalAgainBeforeTheTokenEnds) {
-  give("1e-9", 62, 503);  // good for 2 s
-  EXPECT_EQ(ask(auth) + ask(auth) + ask(auth), "T-1T-1T-1");
-  EXPECT_EQ(exchanges, 2);
-  std::this_thread::sleep_for(1050ms);
-  EXPECT_EQ(ask(auth), "T-3");
-}
-
-TEST_F(Copilot, LetsOthersUseAGoodTokenDuringItsRenewal) {
+TEST_F(Copilot, UsesAGoodTokenWhileItsRenewalHangs) {
   std::promise<void> renewing;
   on_exchange = [&](Exchange& exchange) {
     if (exchanges == 1) return exchange.reply(200, token("T-1", "1e-9"));
@@ -358,13 +303,14 @@ TEST_F(Copilot, LetsOthersUseAGoodTokenDuringItsRenewal) {
     exchange.stall();
   };
   ask(auth);
-  std::atomic<bool> stopped = false;
+  const auto start = http::Clock::now();
   auto renewal =
-      std::async([&] { return ask(auth, {.should_stop = [&] { return stopped.load(); }}); });
+      std::async(std::launch::async, [&] { return ask(auth, {.deadline = start + 4s}); });
   renewing.get_future().get();
-  EXPECT_EQ(ask(auth, {.deadline = http::Clock::now() + 4s}), "T-1");
-  stopped = true;
-  EXPECT_EQ(renewal.get(), "stopped");
+  EXPECT_EQ(ask(auth), "T-1");
+  EXPECT_EQ(renewal.wait_for(0s), std::future_status::timeout) << "others waited for it";
+  EXPECT_EQ(renewal.get(), "T-1");
+  EXPECT_LT(seconds_since(start), 3) << "it took all the time that there was";
 }
 
 TEST_F(Copilot, DoesNotFallBackOnATokenThatWasRefusedMeanwhile) {
@@ -382,17 +328,16 @@ TEST_F(Copilot, ServesAChildOfABusyProcess) {
   on_exchange = [&](Exchange& exchange) {
     exchanges == 1 ? exchange.stall() : exchange.reply(200, token("T"));
   };
-  CopilotAuth busy({.transport = loopback::detour(server.url(), nullptr)});
   std::vector<std::jthread> threads(4);  // one makes the exchange, the others wait for it
   for (std::jthread& thread : threads) {
-    thread = std::jthread([&] { ask(busy, {.should_stop = [&] { return done.load(); }}); });
+    thread = std::jthread([&] { ask(auth, {.should_stop = [&] { return done.load(); }}); });
   }
   while (exchanges == 0) std::this_thread::sleep_for(1ms);
   for (int i = 0; i < 5; ++i) {
     const pid_t child = fork();
-    if (child == 0) _exit(ask(busy, {.deadline = http::Clock::now() + 5s}) == "T" ? 0 : 1);
+    if (child == 0) _exit(ask(auth, {.deadline = http::Clock::now() + 5s}) == "T" ? 0 : 1);
     int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
+    waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
   }
   done = true;
@@ -406,20 +351,9 @@ TEST_F(Copilot, MakesOneExchangeForThreadsThatNeedOneTogether) {
       exchange.reply(status, token("T"));
     };
     CopilotAuth fresh({.transport = transport});
-    std::atomic<int> as_expected = 0;
-    in_threads(8, [&] {
-      int outcome = 200;
-      try {
-        std::ignore = fresh.chat_headers();
-      } catch (
-          const copilot::CopilotError&) {  // ThreadSanitizer does not know that texts are shared
-        outcome = 401;
-      } catch (const http::Retryable&) {
-        outcome = 503;
-      }
-      as_expected += outcome == status ? 1 : 0;
-    });
-    EXPECT_EQ(as_expected, 8) << status;
+    std::atomic<int> tokens = 0;
+    in_threads(8, [&] { tokens += gets_token(fresh) ? 1 : 0; });
+    EXPECT_EQ(tokens, status == 200 ? 8 : 0) << status;
     EXPECT_EQ(exchanges, 1) << status;
   }
 }
@@ -428,45 +362,35 @@ TEST_F(Copilot, LetsEachCallEndAnExchangeForItselfAlone) {
   on_exchange = [&](Exchange& exchange) {
     exchanges == 1 ? exchange.stall() : exchange.reply(200, token("T"));
   };
+  // The first makes the exchange, the others wait for it; all but the last give up.
+  std::atomic<int> stopped = 0;
   const auto begin = [&](const CallBounds& bounds) {
     return std::async(std::launch::async, [&, bounds] { return ask(auth, bounds); });
   };
-  // The first makes the exchange, the others wait for it; all but the last give up.
-  std::atomic<int> stopped = 0;
   auto maker = begin({.should_stop = [&] { return stopped > 1; }});
   while (exchanges == 0) std::this_thread::sleep_for(1ms);
   auto late = begin({.deadline = http::Clock::now() + 50ms});
   auto waiter = begin({.should_stop = [&] { return stopped > 0; }});
   auto heir = begin({});
-  EXPECT_EQ(late.wait_for(5s), std::future_status::ready);
-  stopped = 1;
-  EXPECT_EQ(waiter.wait_for(5s), std::future_status::ready);
-  stopped = 2;
-  EXPECT_EQ(late.get() + maker.get() + waiter.get() + heir.get(), "latestoppedstoppedT");
+  for (auto* const call : {&late, &waiter, &maker}) {
+    EXPECT_EQ(call->wait_for(5s), std::future_status::ready) << stopped;
+    ++stopped;
+  }
+  EXPECT_EQ(late.get() + waiter.get() + maker.get() + heir.get(), "latestoppedstoppedT");
   EXPECT_EQ(exchanges, 2);
 }
 
 TEST_F(Copilot, SharesNoResultWithAnotherAccount) {
-  for (const int status : {200, 401, 503}) {
-    std::atomic<int> asked = 0;
-    std::atomic<bool> waits = false;
-    on_exchange = [&](Exchange& exchange) {
-      if (credential_of(exchange) == "gho_2") return exchange.reply(200, token("T-2"));
-      for (++asked; !waits;) exchange.pause(1ms);
-      exchange.reply(status, token("T-1"));
-    };
-    sign_in(entry("gho_1"));
-    CopilotAuth fresh({.transport = transport});
-    std::jthread first([&] {  // reads no text, as above
-      try {
-        std::ignore = fresh.chat_headers();
-      } catch (const std::exception&) {
-      }
-    });
-    while (asked == 0) std::this_thread::sleep_for(1ms);
-    sign_in(entry("gho_2"));
-    EXPECT_EQ(ask(fresh, {.should_stop = [&] { return waits = true, false; }}), "T-2") << status;
-  }
+  std::atomic<bool> waits = false;
+  on_exchange = [&](Exchange& exchange) {
+    if (exchanges > 1) return exchange.reply(200, token("T-2"));
+    while (!waits) exchange.pause(1ms);
+    exchange.reply(401, "");
+  };
+  std::jthread first([&] { EXPECT_FALSE(gets_token(auth)); });
+  while (exchanges == 0) std::this_thread::sleep_for(1ms);
+  sign_in(entry("gho_2"));
+  EXPECT_EQ(ask(auth, {.should_stop = [&] { return waits = true, false; }}), "T-2");
 }
 
 // For ThreadSanitizer: all that threads share changes all the time.
@@ -480,7 +404,6 @@ TEST_F(Copilot, ServesManyThreadsWhileItsTokenKeepsRunningOut) {
     }
   });
   EXPECT_LE(auth.secrets().size(), 16U);
-  EXPECT_GT(exchanges, 16);
 }
 
 }  // namespace

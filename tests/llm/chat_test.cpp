@@ -20,10 +20,7 @@ const LLMResult HI({.content = "hi", .model = "m"});
 struct Scene {
   explicit Scene(std::vector<Reply> replies, bool stream = true)
       : transport(std::make_shared<Playback>(std::move(replies))),
-        client({.base_url = "http://h.example/api//",
-                .model = "m",
-                .api_key = "sk-KEY-12345",
-                .stream = stream},
+        client({.base_url = "http://h", .model = "m", .api_key = "sk-KEY-12345", .stream = stream},
                {.transport = transport,
                 .wait = [this](double s, auto&, auto) { waits.push_back(s); }}) {}
 
@@ -52,35 +49,26 @@ TEST(Chat, WorksBeforeMain) {
 }
 
 TEST(Chat, TakesFromTheConfigurationWhatTheCallLeavesOpen) {
-  const auto transport = std::make_shared<Playback>(std::vector<Reply>{STREAMED});
-  const LLMClient client({.base_url = "http://h/api",
-                          .model = "m",
-                          .api_key = "k",
-                          .temperature = 0.7,
-                          .max_tokens = 99},
-                         {.transport = transport});
+  const auto transport = std::make_shared<Playback>(std::vector{STREAMED});
+  const LLMClient client(
+      {.base_url = "http://h", .model = "m", .api_key = "k", .temperature = 0.7, .max_tokens = 99},
+      {.transport = transport});
   std::ignore = client.chat({});
-  EXPECT_EQ(transport->requests().at(0).url, "http://h/api/chat/completions");
-  EXPECT_EQ(transport->requests().at(0).body,
-            R"({"model":"m","messages":[],"temperature":0.7,"max_tokens":99,"stream":true,)"
-            R"("stream_options":{"include_usage":true}})");
   std::ignore = client.chat({}, {.temperature = 0.0, .max_tokens = 0});
-  EXPECT_TRUE(contains(transport->requests().at(1).body, R"("temperature":0.0,"max_tokens":0,)"));
+  const auto& sent = transport->requests();
+  EXPECT_TRUE(contains(sent.at(0).body, R"("temperature":0.7,"max_tokens":99,)"));
+  EXPECT_TRUE(contains(sent.at(1).body, R"("temperature":0.0,"max_tokens":0,)"));
 }
 
 TEST(Chat, RefusesWhatCannotBeSent) {
   Scene scene({STREAMED});
-  const llm::Messages bad{llm::user("\xff")};
-  const auto text = text_of<llm::LLMError>([&] { std::ignore = scene.client.chat(bad); });
-  EXPECT_EQ(text,
-            "LLM request cannot be written as JSON: text that is not valid UTF-8 at "
-            "/messages/0/content");
+  const auto text =
+      text_of<llm::LLMError>([&] { std::ignore = scene.client.chat({llm::user("\xff")}); });
+  EXPECT_TRUE(text.starts_with("LLM request cannot be written as JSON: ")) << text;
   EXPECT_TRUE(scene.transport->requests().empty());
 
   const LLMClient unconfigured({.base_url = "http://h", .model = "m"});
-  const auto never = []() -> bool { throw 7; };
-  EXPECT_EQ(text_of<llm::LLMError>(
-                [&] { std::ignore = unconfigured.chat(HELLO, {.should_stop = never}); }),
+  EXPECT_EQ(text_of<llm::LLMError>([&] { std::ignore = unconfigured.chat(HELLO); }),
             "LLM is not configured (need generation.base_url, generation.model, and the "
             "TOVREN_LLM_API_KEY environment variable).");
 }
@@ -90,10 +78,7 @@ TEST(Chat, EndsInTheClientsOwnErrors) {
   const auto chat = [&](const llm::ChatOptions& options) {
     std::ignore = scene.client.chat(HELLO, options);
   };
-  EXPECT_THROW(chat({.should_stop = [] { return true; }}), llm::LLMStopped);
-  for (const auto past : {http::Clock::now(), http::Clock::time_point::min()}) {
-    EXPECT_THROW(chat({.deadline = past}), llm::LLMTimeout);
-  }
+  EXPECT_THROW(chat({.deadline = http::Clock::time_point::min()}), llm::LLMTimeout);
   const auto breaks = [asked = 0]() mutable { return ++asked > 1 ? throw 7 : false; };
   EXPECT_THROW(chat({.should_stop = breaks}), int);
   EXPECT_TRUE(scene.transport->requests().empty());
@@ -107,27 +92,6 @@ TEST(Chat, EndsInTheClientsOwnErrors) {
   EXPECT_EQ(scene.waits, (std::vector<double>{1, 2}));
 }
 
-TEST(Chat, RepeatsAfterTransientStatusesOnly) {
-  for (int status = 300; status < 600; ++status) {
-    if (status == 400) continue;  // may be a feature that is rejected
-    Scene scene({Reply{.status = status}, STREAMED});
-    const bool transient = std::set{408, 409, 429, 500, 502, 503, 504}.contains(status);
-    if (transient) {
-      EXPECT_EQ(scene.client.chat(HELLO), HI) << status;
-    } else {
-      EXPECT_THROW(std::ignore = scene.client.chat(HELLO), llm::LLMError) << status;
-    }
-    EXPECT_EQ(scene.waits.size(), transient ? 1U : 0U) << status;
-  }
-}
-
-TEST(Chat, QuotesTheStartOfARefusal) {
-  const std::string long_text(600, 'x');
-  Scene refusing({Reply{.status = 418, .pieces = {long_text}}});
-  EXPECT_EQ(text_of<llm::LLMError>([&] { std::ignore = refusing.client.chat(HELLO); }),
-            "LLM request failed with HTTP 418: " + long_text.substr(0, 500));
-}
-
 TEST(Chat, TakesNoStreamThatItDidNotAskFor) {
   EXPECT_THROW(std::ignore = Scene({STREAMED}, false).client.chat(HELLO), llm::LLMError);
 }
@@ -135,7 +99,7 @@ TEST(Chat, TakesNoStreamThatItDidNotAskFor) {
 TEST(Failures, TellAProgramTheirStatusAndWhetherLaterMayBeBetter) {
   struct Case {
     const char* name;
-    http::PlaybackReply reply;
+    Reply reply;
     std::optional<int> status;
     bool later;
   };
@@ -143,16 +107,13 @@ TEST(Failures, TellAProgramTheirStatusAndWhetherLaterMayBeBetter) {
   const http::TransportError silent("no data", true);
   const http::TransportError untrusted("cannot trust", false);
   const Case cases[] = {{"a wrong key", llm::fake::status(401), 401, false},
-                        {"too long", llm::fake::status(400, "context length"), 400, false},
                         {"a rate limit", llm::fake::status(429), 429, true},
-                        {"a broken server", llm::fake::status(503), 503, true},
                         {"silence", {.failure = silent}, std::nullopt, true},
                         {"a certificate", {.failure = untrusted}, std::nullopt, false},
                         {"no choices", {.pieces = {"{}"}}, std::nullopt, false}};
   const auto check = [](const Case& c, const llm::ChatOptions& options) {
-    const auto replies = std::make_shared<http::PlaybackTransport>(std::vector{c.reply});
     try {
-      std::ignore = llm::fake::client(replies).chat(HELLO, options);
+      std::ignore = Scene({c.reply}).client.chat(HELLO, options);
       ADD_FAILURE() << c.name;
     } catch (const llm::LLMError& error) {
       EXPECT_EQ(http::status_of(error), c.status) << c.name;
@@ -163,34 +124,33 @@ TEST(Failures, TellAProgramTheirStatusAndWhetherLaterMayBeBetter) {
   check({"late", llm::fake::status(503), std::nullopt, true}, {.deadline = 0s});
   check({"stopped", llm::fake::status(503), std::nullopt, false},
         {.should_stop = [] { return true; }});
-  const auto quota = llm::fake::status(429, "insufficient_quota");
-  const auto text = text_of<llm::LLMError>([&] {
-    std::ignore = llm::fake::client(std::make_shared<http::PlaybackTransport>(std::vector{quota}))
-                      .chat(HELLO);
-  });
+}
+
+TEST(Chat, TellsAUsedUpQuotaFromARateLimit) {
+  Scene scene({llm::fake::status(429, "insufficient_quota")});
+  const auto text = text_of<llm::LLMError>([&] { std::ignore = scene.client.chat(HELLO); });
   EXPECT_TRUE(contains(text, "the account's quota is used up")) << text;
 }
 
 TEST(Chat, TakesPeriodsAndStopTokens) {
   std::stop_source source;
+  Scene scene({STREAMED});
+  const auto chat = [&](const llm::ChatOptions& options) {
+    return scene.client.chat(HELLO, options);
+  };
+  for (const http::Clock::duration period :
+       {http::Clock::duration(30s), http::Clock::duration::max()}) {
+    EXPECT_EQ(chat({.should_stop = source.get_token(), .deadline = period}), HI);
+  }
   source.request_stop();
-  const auto client = llm::fake::client(
-      std::make_shared<http::PlaybackTransport>(std::vector{llm::fake::answer("hi")}));
-  EXPECT_THROW(std::ignore = client.chat(HELLO, {.should_stop = source.get_token()}),
-               llm::LLMStopped);
-  EXPECT_EQ(client.chat(HELLO, {.should_stop = std::stop_token(), .deadline = 30s}).content(),
-            "hi");
-  EXPECT_EQ(client.chat(HELLO, {.deadline = std::chrono::hours::max()}).content(), "hi");
-  EXPECT_THROW(std::ignore = client.chat(HELLO, {.deadline = -1s}), llm::LLMTimeout);
+  EXPECT_THROW(chat({.should_stop = source.get_token()}), llm::LLMStopped);
 }
 
 TEST(Chat, ServesManyThreadsOverAConnectionEach) {
   Server server([](Exchange& exchange) {
     const Json asked = Json::parse(exchange.request().body);
-    exchange.reply(200,
-                   R"(data: {"choices":[{"delta":{"content":)" +
-                       asked["messages"][0]["content"].dump() + "}}]}\n\n",
-                   "text/event-stream");
+    const std::string word = asked["messages"][0]["content"].dump();
+    exchange.reply(200, R"({"choices":[{"message":{"content":)" + word + "}}]}");
   });
   const LLMClient client({.base_url = server.url(), .model = "m", .api_key = "k", .max_retries = 0},
                          {.transport = http::make_transport()});
