@@ -132,6 +132,12 @@ TEST(Chat, TellsAUsedUpQuotaFromARateLimit) {
   EXPECT_TRUE(contains(text, "the account's quota is used up")) << text;
 }
 
+TEST(Chat, QuotesTheStartOfARefusal) {
+  Scene refusing({Reply{.status = 418, .pieces = {std::string(600, 'x')}}});
+  const auto text = text_of<llm::LLMError>([&] { std::ignore = refusing.client.chat(HELLO); });
+  EXPECT_TRUE(text.ends_with(" " + std::string(500, 'x'))) << text;
+}
+
 TEST(Chat, TakesPeriodsAndStopTokens) {
   std::stop_source source;
   Scene scene({STREAMED});
