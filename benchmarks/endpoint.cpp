@@ -24,8 +24,10 @@ using std::chrono::milliseconds;
 constexpr std::string_view DONE = "data: [DONE]\n\n";
 
 std::string event(const std::string& content) {
-  return R"(data: {"id":"chatcmpl-9f8e7d6c5b4a39281706f5e4d3c2b1a0","object":"chat.completion.chunk",)"
-         R"("created":1763800000,"model":"some-model-2026-01-01","system_fingerprint":"fp_0123456789",)"
+  return R"(data: {"id":"chatcmpl-9f8e7d6c5b4a39281706f5e4d3c2b1a0",)"
+         R"("object":"chat.completion.chunk",)"
+         R"("created":1763800000,"model":"some-model-2026-01-01",)"
+         R"("system_fingerprint":"fp_0123456789",)"
          R"("choices":[{"index":0,"delta":{"content":")" +
          content +
          R"("},"logprobs":null,"finish_reason":null}],"usage":null})"
@@ -33,7 +35,8 @@ std::string event(const std::string& content) {
 }
 
 std::string last_event() {
-  return R"(data: {"id":"chatcmpl-9f8e7d6c5b4a39281706f5e4d3c2b1a0","object":"chat.completion.chunk",)"
+  return R"(data: {"id":"chatcmpl-9f8e7d6c5b4a39281706f5e4d3c2b1a0",)"
+         R"("object":"chat.completion.chunk",)"
          R"("created":1763800000,"model":"some-model-2026-01-01","choices":[{"index":0,"delta":{},)"
          R"("finish_reason":"stop"}],"usage":{"prompt_tokens":9,"completion_tokens":1000}})"
          "\n\n";

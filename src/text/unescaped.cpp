@@ -27,7 +27,7 @@ Character read_percent(std::string_view text) noexcept {
 
 // Returns whether `text`, which begins like an escape, may be the start of a longer one.
 bool is_half(std::string_view text) noexcept {
-  constexpr std::string_view UNIT = "\\uXXXX";
+  constexpr std::string_view UNIT = "\\u0000";
   if (text[0] == '%') return text.size() < 3;
   const std::string_view low =
       text.size() < UNIT.size() || !is_high_half(read_escape(text).code_point)

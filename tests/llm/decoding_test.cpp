@@ -77,7 +77,8 @@ TEST(Completion, IsReadFromAWholeBody) {
       {R"({"choices":[{"message":{"content":null},"finish_reason":null}]})", {{"", "m"}}},
       {R"({"model":5,"choices":[{"message":{"content":"\ud83d \ud83d\ude00"},"finish_reason":7}]})",
        {{"\uFFFD \U0001F600", "5", 0, 0, "7"}}},
-      {R"({"model":"x","choices":[{"message":{"content":" <think>p</think>\n\nA "},"finish_reason":"length"}],
+      {R"({"model":"x",
+           "choices":[{"message":{"content":" <think>p</think>\n\nA "},"finish_reason":"length"}],
            "usage":{"prompt_tokens":"12","completion_tokens":1e999}})",
        {{"A", "x", 12, 0, "length"}}}};
   http::JsonReader reader;
