@@ -38,7 +38,9 @@ class TOVREN_EXPORT EventReader {
 class TOVREN_EXPORT EventDecoder {
  public:
   EventDecoder();
+  /// Moves what was fed. Afterwards, the other can only be assigned or destroyed.
   EventDecoder(EventDecoder&&) noexcept;
+  /// Does the same, and forgets what this one was fed.
   EventDecoder& operator=(EventDecoder&&) noexcept;
   ~EventDecoder();
 

@@ -26,7 +26,7 @@ struct ExchangeEvent {
     failure   ///< The exchange failed, or was given up: `text` says why.
   };
 
-  Kind kind = Kind::request;
+  Kind kind = Kind::request;        ///< Which step it is.
   std::uint64_t id = 0;             ///< Number of the exchange, from 1; the same in all its events.
   Method method = Method::post;     ///< Of the request.
   std::string_view url{};           ///< Of the request, without user information and query.
