@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 namespace ask {
@@ -79,7 +80,7 @@ std::string excerpt(std::string_view text, std::size_t most, const LineWeight& w
   }
   std::vector<std::size_t> order(lines.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
-  std::ranges::stable_sort(order, std::greater{}, [&](std::size_t i) { return weights[i]; });
+  std::ranges::sort(order, {}, [&](std::size_t i) { return std::pair(-weights[i], i); });
   // Without a hit the start of the text says most.
   const auto hits = std::ranges::count_if(weights, [](double w) { return w > 0; });
   order.resize(std::max<std::size_t>(static_cast<std::size_t>(hits), 1));

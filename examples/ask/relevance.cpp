@@ -147,7 +147,9 @@ std::vector<std::size_t> Relevance::ranking() const {
   std::vector<std::size_t> order(_documents.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
   std::erase_if(order, [&](std::size_t file) { return scores[file].first <= 0; });
-  std::ranges::stable_sort(order, std::greater{}, [&](std::size_t file) { return scores[file]; });
+  std::ranges::sort(order, [&](std::size_t a, std::size_t b) {
+    return scores[a] != scores[b] ? scores[a] > scores[b] : a < b;
+  });
   return order;
 }
 

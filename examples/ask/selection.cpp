@@ -74,7 +74,8 @@ std::string listing_within(const std::vector<std::string>& paths, std::size_t mo
 std::vector<std::size_t> shallowest(const std::vector<std::string>& paths) {
   std::vector<std::size_t> order(paths.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
-  std::ranges::stable_sort(order, {}, [&](auto i) { return std::ranges::count(paths[i], '/'); });
+  std::ranges::sort(order, {},
+                    [&](auto i) { return std::pair(std::ranges::count(paths[i], '/'), i); });
   return order;
 }
 
