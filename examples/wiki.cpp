@@ -104,6 +104,7 @@ void write(const fs::path& path, const std::string& text) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): it reads from top to bottom
 int main(int argc, char** argv) {
   try {
     if (argc != 5) throw std::invalid_argument("usage: wiki URL MODEL REPOSITORY OUT");

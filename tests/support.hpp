@@ -50,7 +50,7 @@ auto play(Reply reply, Read read, const http::RetryPolicy& policy = POLICY,
 
 /// The text of the `Error` that `act` throws; anything else fails the test.
 template <class Error, class Act>
-std::string text_of(Act act) {
+std::string text_of(Act act) {  // NOLINT(performance-unnecessary-value-param): may be mutable
   try {
     act();
     ADD_FAILURE() << "no error";

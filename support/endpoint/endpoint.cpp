@@ -7,7 +7,8 @@
 namespace endpoint {
 
 Handler sending(int status, std::string body, std::string type, std::string headers) {
-  return [=](loopback::Exchange& exchange) { exchange.reply(status, body, type, headers); };
+  return [status, body = std::move(body), type = std::move(type), headers = std::move(headers)](
+             loopback::Exchange& exchange) { exchange.reply(status, body, type, headers); };
 }
 
 Handler answering(std::string text, std::string finish_reason) {

@@ -111,11 +111,9 @@ Outcome predict(const std::vector<const Fault*>& script, const Terms& terms) {
       json = false;
     } else if (due.effect == Effect::without_stream && streamed) {
       streamed = false;
-    } else if (due.effect != Effect::again) {
-      return ends("LLMError", due.text, request);
-    } else if (terms.deadline) {
+    } else if (due.effect == Effect::again && terms.deadline) {
       return ends("LLMTimeout", "ran out of time", request);
-    } else if (attempts == terms.attempts) {
+    } else if (due.effect != Effect::again || attempts == terms.attempts) {
       return ends("LLMError", due.text, request);
     } else {
       ++attempts;

@@ -40,7 +40,8 @@ using std::chrono::milliseconds;
 
 constexpr int CALLERS = 24;
 constexpr int ATTEMPTS = 3;
-constexpr std::size_t MOST_REQUESTS = 3 * ATTEMPTS;  // each without JSON mode, without streaming
+constexpr std::size_t MOST_REQUESTS =
+    std::size_t{3} * ATTEMPTS;  // each without JSON mode, without streaming
 
 // Sanitizers slow everything down and keep memory of their own.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -28,11 +28,14 @@ TEST(Answer, LosesWhiteSpaceAtBothEnds) {
   for (const std::string space :
        {" ", "\t", "\n", "\v", "\f", "\r", "\x1c", "\x1f", "\u0085", "\u00A0", "\u1680", "\u2000",
         "\u200A", "\u2028", "\u2029", "\u202F", "\u205F", "\u3000"}) {
-    const std::string answer = "x" + space + "y";
-    EXPECT_EQ(llm::_strip_reasoning(space + space + answer + space + space), answer) << answer;
+    const std::string answer = std::string("x").append(space).append("y");
+    const std::string twice = space + space;
+    const std::string content = std::string(twice).append(answer).append(twice);
+    EXPECT_EQ(llm::_strip_reasoning(content), answer) << answer;
   }
   for (const std::string mark : {"\x08", "\x0e", "\x1b", "\x7f", "\u180E", "\u200B", "\xA0"}) {
-    EXPECT_EQ(llm::_strip_reasoning(mark + " x " + mark), mark + " x " + mark);
+    const std::string content = std::string(mark).append(" x ").append(mark);
+    EXPECT_EQ(llm::_strip_reasoning(content), content);
   }
 }
 
