@@ -54,6 +54,9 @@ class Transfer {
 
   [[nodiscard]] const Route& route() const noexcept { return _connection->route(); }
 
+  /// Returns whether libcurl's time limit for the handshakes has passed.
+  [[nodiscard]] bool timed_out() const noexcept { return _result == CURLE_OPERATION_TIMEDOUT; }
+
   /// Returns whether the connection may have been dead before the request: it carried an earlier
   /// reply, but nothing of this one.
   [[nodiscard]] bool suspects_connection() const noexcept {

@@ -105,6 +105,8 @@ class PooledExchange final : public Exchange {
   bool await(Watch& watch, std::string_view doing, Arrived arrived) {
     Transfer& transfer = *_transfer;
     while (!arrived()) {
+      // On a busy machine the bounds of the call may have passed before that.
+      if (transfer.timed_out()) watch.check(doing, transfer.route().origin);
       transfer.check();
       if (transfer.ended()) return false;
       watch.check(doing, transfer.route().origin);
