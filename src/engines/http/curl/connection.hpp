@@ -18,6 +18,7 @@
 #include "engines/http/curl/dial.hpp"
 #include "engines/http/curl/proxies.hpp"
 #include "engines/http/curl/trust.hpp"
+#include "engines/http/curl/url.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -32,6 +33,8 @@ struct Route {
   std::optional<Proxy> proxy;
   Service service;  ///< The peer of the socket: the host, or the proxy.
 };
+
+class Transfer;
 
 /// For one thread at a time.
 class Connection {
@@ -83,6 +86,7 @@ class Connection {
     require(curl_easy_setopt(_easy.get(), option, value));
   }
 
+  void set_url(const std::string& wanted);
   void set_headers(Headers wanted);
   [[nodiscard]] bool is_tls_idle();
 
@@ -92,9 +96,12 @@ class Connection {
   const int _descriptor;
   const std::unique_ptr<CURLM, Close> _multi;
   const std::unique_ptr<CURL, Clean> _easy;  // in the multi handle only during a transfer
-  List _address;        // of the service, so that libcurl does not resolve its name
-  List _lines;          // the headers for libcurl
-  Headers _headers;     // the same
+  Transfer* _transfer = nullptr;             // the last one
+  List _address;     // of the service, so that libcurl does not resolve its name; until connected
+  std::string _url;  // of the last request
+  Url _parsed_url;   // the same for libcurl
+  List _lines;       // the headers for libcurl
+  Headers _headers;  // the same
   SSL* _tls = nullptr;  // libcurl's; null without TLS, and for TLS inside a proxy's TLS
   std::array<char, CURL_ERROR_SIZE> _error{};  // text of libcurl
   std::exception_ptr _thrown;                  // exception of a callback

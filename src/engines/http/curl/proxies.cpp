@@ -99,23 +99,24 @@ std::optional<Proxy> Proxies::find(std::string_view scheme, std::string_view hos
   const std::string& url = scheme == "https" ? _https : _http;
   if (url.empty() || is_exempt(host)) return std::nullopt;
   std::string reason;
-  const auto parts = parse_url(url, reason);
+  const Url parsed = parse_url(url, reason);
+  const UrlParts parts = parsed ? parts_of(parsed) : UrlParts();
   constexpr std::array<std::string_view, 6> SCHEMES{"http",    "https",  "socks4",
                                                     "socks4a", "socks5", "socks5h"};
-  if (parts && std::ranges::find(SCHEMES, parts->scheme) == SCHEMES.end()) {
+  if (parsed && std::ranges::find(SCHEMES, parts.scheme) == SCHEMES.end()) {
     reason = "unsupported scheme";
   }
-  if (parts && parts->host.empty()) reason = "no host";
+  if (parsed && parts.host.empty()) reason = "no host";
   if (!reason.empty()) {  // does not quote the URL, which may hold a password
     throw TransportError("malformed URL of the proxy for " + std::string(scheme) + " (" + reason +
                              "); check the proxy variables",
                          false);
   }
   return Proxy{.url = url,
-               .host = parts->host,
-               .port = parts->port.value_or(parts->scheme == "https" ? 443 : 1080),  // as libcurl
-               .over_tls = parts->scheme == "https",
-               .secrets = secrets_of_proxy(*parts)};
+               .host = parts.host,
+               .port = parts.port.value_or(parts.scheme == "https" ? 443 : 1080),  // as libcurl
+               .over_tls = parts.scheme == "https",
+               .secrets = secrets_of_proxy(parts)};
 }
 
 }  // namespace tovren_mapstead::engines::http

@@ -7,7 +7,6 @@
 
 #include "engines/http/curl/url.hpp"
 #include "text/characters.hpp"
-#include "text/literal.hpp"
 
 namespace tovren_mapstead::engines::http {
 
@@ -31,21 +30,14 @@ std::string origin_of(std::string_view url) {
 
 Route route_to(const std::string& url, const Proxies& proxies) {
   const std::string origin = origin_of(url);
-  std::string reason;
-  const auto parts = parse_url(url, reason);
-  if (!parts) {
-    throw TransportError(
-        "malformed URL: " + as_literal(origin) + " (" + reason + "); check the URL", false);
-  }
-  const bool tls = parts->scheme == "https";
-  if (!tls && parts->scheme != "http") {
+  const UrlParts parts = parts_of(parse_url_to(origin, url));
+  const bool tls = parts.scheme == "https";
+  if (!tls && parts.scheme != "http") {
     throw TransportError("only http and https are supported, not " + origin + "; check the URL",
                          false);
   }
-  Route route{.origin = origin,
-              .tls = tls,
-              .proxy = proxies.find(parts->scheme, parts->host),
-              .service = {}};
+  Route route{
+      .origin = origin, .tls = tls, .proxy = proxies.find(parts.scheme, parts.host), .service = {}};
   if (route.proxy) {
     route.service = {.host = route.proxy->host,
                      .port = route.proxy->port,
@@ -53,7 +45,7 @@ Route route_to(const std::string& url, const Proxies& proxies) {
                      .is_proxy = true};
   } else {
     route.service = {
-        .host = parts->host, .port = parts->port.value_or(tls ? 443 : 80), .label = origin};
+        .host = parts.host, .port = parts.port.value_or(tls ? 443 : 80), .label = origin};
   }
   return route;
 }

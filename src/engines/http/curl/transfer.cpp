@@ -58,34 +58,38 @@ long connect_ms(double timeout_s) {
 
 }  // namespace
 
-// Called from C code, which no exception may cross.
+// Called from C code, which no exception may cross. libcurl is told once where the connection keeps
+// its transfer.
 struct Transfer::Callbacks {
-  static std::size_t body(const char* bytes, std::size_t, std::size_t count, Transfer* self) {
+  static std::size_t body(const char* bytes, std::size_t, std::size_t count, Transfer** current) {
+    Transfer& self = **current;
     try {
-      return self->take_body({bytes, count});
+      return self.take_body({bytes, count});
     } catch (...) {
-      self->_connection->_thrown = std::current_exception();
+      self._connection->_thrown = std::current_exception();
       return 0;
     }
   }
 
-  static std::size_t head(const char* bytes, std::size_t, std::size_t count, Transfer* self) {
+  static std::size_t head(const char* bytes, std::size_t, std::size_t count, Transfer** current) {
+    Transfer& self = **current;
     try {
-      self->_received += count;
-      self->_head_bytes += count;
-      if (!self->head_complete()) self->take_head_line({bytes, count});  // trailers are ignored
-      return self->_head_bytes > MAX_HEAD_BYTES ? 0 : count;
+      self._received += count;
+      self._head_bytes += count;
+      if (!self.head_complete()) self.take_head_line({bytes, count});  // trailers are ignored
+      return self._head_bytes > MAX_HEAD_BYTES ? 0 : count;
     } catch (...) {
-      self->_connection->_thrown = std::current_exception();
+      self._connection->_thrown = std::current_exception();
       return 0;
     }
   }
 
   // Called when the connection is set up, TLS included. From here on the server may get the
   // request.
-  static int sending(Transfer* self, char*, char*, int, int) {
-    if (std::exchange(self->_phase, Phase::sent) != Phase::connecting) return CURL_PREREQFUNC_ABORT;
-    Connection& connection = *self->_connection;
+  static int sending(Transfer** current, char*, char*, int, int) {
+    Transfer& self = **current;
+    if (std::exchange(self._phase, Phase::sent) != Phase::connecting) return CURL_PREREQFUNC_ABORT;
+    Connection& connection = *self._connection;
     const bool nested = connection._route.proxy && connection._route.proxy->over_tls;
     curl_tlssessioninfo* tls = nullptr;
     if (connection._route.tls && !nested && connection._tls == nullptr &&
@@ -98,23 +102,25 @@ struct Transfer::Callbacks {
 
   // libcurl discards bytes that arrive after the last chunk, and reports them in its log only.
   // After a body with a length it closes the connection. Text of libcurl 7.88 to 8.14.
-  static int log(CURL*, curl_infotype type, const char* text, std::size_t size, Transfer* self) {
+  static int log(CURL*, curl_infotype type, const char* text, std::size_t size,
+                 Transfer** current) {
     if (type == CURLINFO_TEXT &&
         std::string_view(text, size).starts_with("Leftovers after chunking")) {
-      self->_excess = true;
+      (*current)->_excess = true;
     }
     return 0;
   }
 
   // libcurl reads the reply to CONNECT in one call, however long it takes, and calls this
   // meanwhile.
-  static int progress(Transfer* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-    if (self->_phase != Phase::connecting) return 0;
+  static int progress(Transfer** current, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    Transfer& self = **current;
+    if (self._phase != Phase::connecting) return 0;
     try {
-      self->_watch.check("waiting for the proxy to connect to", self->route().origin);
+      self._watch.check("waiting for the proxy to connect to", self.route().origin);
       return 0;
     } catch (...) {
-      self->_connection->_thrown = std::current_exception();
+      self._connection->_thrown = std::current_exception();
       return 1;
     }
   }
@@ -130,24 +136,25 @@ Transfer::Transfer(std::unique_ptr<Connection> connection, Request request, cons
   Connection& curl = *_connection;
   curl._thrown = nullptr;
   curl._error.front() = '\0';
+  curl._transfer = this;
   if (!curl._used) {
     curl.set(CURLOPT_WRITEFUNCTION, &Callbacks::body);
     curl.set(CURLOPT_HEADERFUNCTION, &Callbacks::head);
     curl.set(CURLOPT_PREREQFUNCTION, &Callbacks::sending);
     curl.set(CURLOPT_XFERINFOFUNCTION, &Callbacks::progress);
     curl.set(CURLOPT_DEBUGFUNCTION, &Callbacks::log);
+    for (const CURLoption data : {CURLOPT_WRITEDATA, CURLOPT_HEADERDATA, CURLOPT_PREREQDATA,
+                                  CURLOPT_XFERINFODATA, CURLOPT_DEBUGDATA}) {
+      curl.set(data, &curl._transfer);
+    }
     curl.set(CURLOPT_CONNECTTIMEOUT_MS, connect_ms(watch.timeout_s()));
+    curl.set(CURLOPT_NOPROGRESS, curl._route.proxy && curl._route.tls ? 0L : 1L);
+  } else if (curl._address) {
+    curl.set(CURLOPT_NOPROGRESS, 1L);
+    curl.set(CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
+    curl._address.reset();
   }
-  curl.set(CURLOPT_WRITEDATA, this);
-  curl.set(CURLOPT_HEADERDATA, this);
-  curl.set(CURLOPT_PREREQDATA, this);
-  curl.set(CURLOPT_XFERINFODATA, this);
-  curl.set(CURLOPT_DEBUGDATA, this);
-  curl.set(CURLOPT_VERBOSE, 0L);  // on for the body: see log
-  const bool tunnel = curl._route.proxy && curl._route.tls && !curl._used;
-  curl.set(CURLOPT_NOPROGRESS, tunnel ? 0L : 1L);
-  if (curl._used) curl.set(CURLOPT_RESOLVE, static_cast<curl_slist*>(nullptr));
-  curl.set(CURLOPT_URL, _request.url.c_str());
+  curl.set_url(_request.url);
   curl.set_headers(std::move(_request.headers));
   if (_request.method == Method::get) {
     curl.set(CURLOPT_HTTPGET, 1L);
@@ -201,6 +208,7 @@ void Transfer::end(CURLcode result) {
           curl_easy_getinfo(curl._easy.get(), CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
           socket == curl._descriptor;
   curl_multi_remove_handle(curl._multi.get(), curl._easy.get());
+  if (_chunked) _connection->set(CURLOPT_VERBOSE, 0L);
 }
 
 Request Transfer::take_request() {

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+
+#include <curl/curl.h>
 
 namespace tovren_mapstead::engines::http {
 
@@ -16,8 +19,21 @@ struct UrlParts {
   std::optional<std::uint16_t> port;  ///< Absent if the URL has none.
 };
 
-/// Returns the parts of `url`. A URL without a scheme counts as http. On failure returns nothing
-/// and sets `reason`.
-[[nodiscard]] std::optional<UrlParts> parse_url(const std::string& url, std::string& reason);
+struct FreeUrl {
+  void operator()(CURLU* url) const noexcept { curl_url_cleanup(url); }
+};
+
+/// A URL in libcurl's own form.
+using Url = std::unique_ptr<CURLU, FreeUrl>;
+
+/// Reads a URL. One without a scheme counts as http. On failure returns null and sets `reason`.
+[[nodiscard]] Url parse_url(const std::string& text, std::string& reason);
+
+/// Reads the URL of a request, whose origin an error text shows. Throws TransportError if it is
+/// malformed.
+[[nodiscard]] Url parse_url_to(const std::string& origin, const std::string& text);
+
+/// Returns the parts of a URL that was parsed.
+[[nodiscard]] UrlParts parts_of(const Url& url);
 
 }  // namespace tovren_mapstead::engines::http
