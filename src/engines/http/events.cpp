@@ -16,39 +16,56 @@ namespace {
 // The client's own limit of a line, by default.
 constexpr std::size_t MAX_LINE_BYTES = std::size_t{16} << 20U;
 
-enum class Line { event, end, invalid, other };
+enum class Line { payload, end, other };
 
-// Decodes one line, whose event is then in `event`. Inlined, because it runs for each line.
-[[gnu::always_inline]] inline Line decode(std::string_view raw, JsonReader& json,
-                                          JsonValue& event) {
+// Tells what a line is, and cuts it down to its payload if it has one. Inlined, because it runs for
+// each line.
+[[gnu::always_inline]] inline Line classify(std::string_view& line) {
   constexpr std::string_view PREFIX = "data:";
-  const auto other = [&] { return raw.empty() || is_utf8(raw) ? Line::other : Line::invalid; };
-  const std::string_view line = trim(raw);
-  if (!line.starts_with(PREFIX)) return other();
-  std::string_view payload = line.substr(PREFIX.size());
+  const std::string_view trimmed = trim(line);
+  if (!trimmed.starts_with(PREFIX)) return Line::other;
+  std::string_view payload = trimmed.substr(PREFIX.size());
   if (payload.starts_with(' ')) payload.remove_prefix(1);  // usual, and cheaper than `trim`
-  payload = trim(payload);
-  if (payload == "[DONE]") return Line::end;
-  event = json.parse_padded(payload);
-  if (event.kind() == JsonValue::Kind::object) return Line::event;
-  return event.present() ? Line::other : other();
+  line = trim(payload);
+  return line == "[DONE]" ? Line::end : Line::payload;
+}
+
+JsonValue object_of(const JsonValue& value) {
+  return value.kind() == JsonValue::Kind::object ? value : JsonValue();
+}
+
+void check_utf8(std::string_view text) {
+  if (!text.empty() && !is_utf8(text)) {
+    throw HttpFailure("stream is not valid UTF-8; ask again, without streaming if it stays so");
+  }
 }
 
 }  // namespace
 
-JsonValue EventReader::next() {
-  JsonValue event;
-  while (const std::optional<std::string_view> line = _reply.next_line()) {
-    switch (decode(*line, _json, event)) {
-      case Line::event:
-        return event;
+std::optional<std::string_view> EventReader::next_payload() {
+  while (std::optional<std::string_view> line = _reply.next_line()) {
+    switch (classify(*line)) {
+      case Line::payload:
+        return line;
       case Line::end:
-        return {};
-      case Line::invalid:
-        throw HttpFailure("stream is not valid UTF-8; ask again, without streaming if it stays so");
+        return std::nullopt;
       case Line::other:
+        check_utf8(*line);
         break;
     }
+  }
+  return std::nullopt;
+}
+
+JsonValue EventReader::parse(std::string_view payload) {
+  const JsonValue value = _json.parse_padded(payload);
+  if (!value.present()) check_utf8(payload);
+  return object_of(value);
+}
+
+JsonValue EventReader::next() {
+  while (const std::optional<std::string_view> payload = next_payload()) {
+    if (const JsonValue event = parse(*payload); event.present()) return event;
   }
   return {};
 }
@@ -72,16 +89,18 @@ void EventDecoder::feed(std::string_view bytes) {
 }
 
 JsonValue EventDecoder::next() {
-  JsonValue event;
   while (!_state->ended) {
-    const std::optional<std::string_view> line = _state->lines.next();
+    std::optional<std::string_view> line = _state->lines.next();
     if (!line) {
       _state->ended = _state->lines.pending() > MAX_LINE_BYTES;
       return {};
     }
-    const Line kind = decode(*line, _state->json, event);
-    if (kind == Line::event) return event;
+    const Line kind = classify(*line);
     _state->ended = kind == Line::end;
+    if (kind != Line::payload) continue;
+    if (const JsonValue event = object_of(_state->json.parse_padded(*line)); event.present()) {
+      return event;
+    }
   }
   return {};
 }

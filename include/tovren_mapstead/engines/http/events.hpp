@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "tovren_mapstead/engines/http/json.hpp"
@@ -22,6 +23,14 @@ class TOVREN_EXPORT EventReader {
   /// the next call. Throws HttpFailure for a line that is not UTF-8, and what `Response::next_line`
   /// throws.
   JsonValue next();
+
+  /// Returns the payload of the next `data:` line, for a reader that need not parse each; nothing
+  /// at the end marker or the end of the body. Valid until the next call. Throws like `next`.
+  std::optional<std::string_view> next_payload();
+
+  /// Returns the event with this payload; absent if it is not a JSON object. Valid until the next
+  /// call. Throws HttpFailure if it is not UTF-8.
+  JsonValue parse(std::string_view payload);
 
  private:
   Response& _reply;

@@ -1,6 +1,7 @@
 #include "engines/llm/reply/stream.hpp"
 
 #include <cstddef>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -11,6 +12,7 @@
 
 #include "engines/http/clock.hpp"
 #include "engines/llm/reply/reasoning.hpp"
+#include "engines/llm/reply/repeated_event.hpp"
 #include "engines/llm/reply/token_count.hpp"
 #include "json/json_members.hpp"
 #include "openai/protocol.hpp"
@@ -48,11 +50,16 @@ class Accumulator {
     if (!model.empty()) model.assign_text(_model);
     if (!content.empty()) {
       content.append_text(_parts);
-      if (_parts.size() > MAX_CONTENT_BYTES) {
-        throw LLMError("LLM answer is longer than 64 MiB; ask for fewer tokens");
-      }
+      check_size();
     }
     if (!finish_reason.empty()) finish_reason.assign_text(_finish_reason.emplace());
+  }
+
+  // Adds an event if it differs from the last one in its text only.
+  bool add_repeated(std::string_view payload, RepeatedEvent& last) {
+    if (!last.append_text(payload, _parts)) return false;
+    check_size();
+    return true;
   }
 
   template <class Member>
@@ -69,6 +76,12 @@ class Accumulator {
   }
 
  private:
+  void check_size() const {
+    if (_parts.size() > MAX_CONTENT_BYTES) {
+      throw LLMError("LLM answer is longer than 64 MiB; ask for fewer tokens");
+    }
+  }
+
   std::string _parts;
   std::optional<std::string> _finish_reason;
   std::optional<std::string> _error_msg;
@@ -77,34 +90,44 @@ class Accumulator {
   std::int64_t _completion_tokens = 0;
 };
 
-void add_event(const JsonValue& event, const http::Secrets& secrets, Accumulator& answer) {
-  JsonValue error;
+// The members of an event that count. Those that are missing are absent.
+struct Members {
+  explicit Members(const JsonValue& event) {
+    JsonValue choices;
+    http::for_each_member(event, [&](std::string_view name, const auto& value) {
+      if (name == "choices") choices = value();
+      if (name == "model") model = value();
+      if (name == "usage") usage = value();
+      if (name == "error") error = value();
+    });
+    JsonValue delta;
+    http::for_each_member(choices.front(), [&](std::string_view name, const auto& value) {
+      if (name == "delta") delta = value();
+      if (name == "finish_reason") finish_reason = value();
+    });
+    http::for_each_member(delta, [&](std::string_view name, const auto& value) {
+      if (name == "content") content = value();
+    });
+  }
+
   JsonValue model;
-  JsonValue choices;
   JsonValue usage;
-  http::for_each_member(event, [&](std::string_view name, const auto& value) {
-    if (name == "choices") choices = value();
-    if (name == "model") model = value();
-    if (name == "usage") usage = value();
-    if (name == "error") error = value();
-  });
-  if (const auto message = _stream_error_message(error)) {
-    return answer.add_error(http::redact(*message, secrets));
-  }
-  JsonValue delta;  // stays absent, like the next two, unless the choice is an object
-  JsonValue finish_reason;
-  http::for_each_member(choices.front(), [&](std::string_view name, const auto& value) {
-    if (name == "delta") delta = value();
-    if (name == "finish_reason") finish_reason = value();
-  });
+  JsonValue error;
+  JsonValue finish_reason;  // this and the next of the first choice
   JsonValue content;
-  http::for_each_member(delta, [&](std::string_view name, const auto& value) {
-    if (name == "content") content = value();
-  });
-  answer.add(model, content, finish_reason);
-  if (usage.kind() == JsonValue::Kind::object) {
-    answer.add_usage(usage["prompt_tokens"], usage["completion_tokens"]);
+};
+
+// Returns whether the event counts as a part of the answer.
+bool add_event(const Members& event, const http::Secrets& secrets, Accumulator& answer) {
+  if (auto message = _stream_error_message(event.error)) {
+    answer.add_error(http::redact(*message, secrets));
+    return false;
   }
+  answer.add(event.model, event.content, event.finish_reason);
+  if (event.usage.kind() == JsonValue::Kind::object) {
+    answer.add_usage(event.usage["prompt_tokens"], event.usage["completion_tokens"]);
+  }
+  return true;
 }
 
 void add_chunk(const openai::Chunk& chunk, Accumulator& answer) {
@@ -123,8 +146,14 @@ LLMResult _parse_sse_stream(http::Response& response, const std::string& fallbac
   response.limit_lines(timeout_s);
   Accumulator answer(fallback_model);
   http::EventReader events(response);
-  for (JsonValue event = events.next(); event.present(); event = events.next()) {
-    add_event(event, response.secrets(), answer);
+  RepeatedEvent last([](const JsonValue& event) { return Members(event).content; });
+  while (const std::optional<std::string_view> payload = events.next_payload()) {
+    if (answer.add_repeated(*payload, last)) continue;
+    const JsonValue event = events.parse(*payload);
+    if (!event.present()) continue;
+    if (add_event(Members(event), response.secrets(), answer)) {
+      last.learn(*payload, response.reader());
+    }
   }
   return std::move(answer).finish();
 }

@@ -1,0 +1,79 @@
+#include "engines/llm/reply/repeated_event.hpp"
+
+#include <algorithm>
+
+#include "tovren_mapstead/engines/http/utf8.hpp"
+
+namespace tovren_mapstead::engines::llm {
+namespace {
+
+constexpr std::size_t MAX_LEARNT_BYTES = 4096;
+constexpr int MAX_CREDIT = 16;
+
+// Returns the character of the escape "\c", 0 for one that is written otherwise.
+char escaped(char c) {
+  constexpr std::string_view LETTERS = "\"\\/bfnrt";
+  constexpr std::string_view CHARACTERS = "\"\\/\b\f\n\r\t";
+  const std::size_t at = LETTERS.find(c);
+  return at == std::string_view::npos ? '\0' : CHARACTERS[at];
+}
+
+// Appends what the inside of a JSON string stands for. Returns false for what is not one, or has
+// escapes of four digits, after it has appended a part.
+bool append_unescaped(std::string_view inside, std::string& out) {
+  bool ascii = true;
+  for (std::size_t i = 0; i < inside.size(); ++i) {
+    char c = inside[i];
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '"' || byte < ' ') return false;
+    ascii = ascii && byte < 0x80;
+    if (c == '\\') {
+      c = ++i < inside.size() ? escaped(inside[i]) : '\0';
+      if (c == '\0') return false;
+    }
+    out += c;
+  }
+  return ascii || http::is_utf8(inside);
+}
+
+}  // namespace
+
+bool RepeatedEvent::append_text(std::string_view payload, std::string& out) {
+  const std::size_t around = _before.size() + _after.size();
+  if (_before.empty() || payload.size() < around || !payload.starts_with(_before) ||
+      !payload.ends_with(_after)) {
+    return false;
+  }
+  const std::size_t size = out.size();
+  if (!append_unescaped(payload.substr(_before.size(), payload.size() - around), out)) {
+    out.resize(size);
+    return false;
+  }
+  _credit = std::min(_credit + 1, MAX_CREDIT);
+  return true;
+}
+
+// What looks like the text may be a part of another string or belong to another object. It is the
+// text if the event with other characters in its place has these for its text.
+void RepeatedEvent::learn(std::string_view payload, http::JsonReader& reader) {
+  constexpr std::string_view NAME = "\"content\"";
+  constexpr std::string_view OTHER = "another text";
+  _before.clear();
+  if (_credit == 0 || payload.size() > MAX_LEARNT_BYTES) return;
+  const std::size_t name = payload.find(NAME);
+  if (name == std::string_view::npos) return;
+  const std::size_t quote = payload.find_first_not_of(": ", name + NAME.size());
+  if (quote == std::string_view::npos || payload[quote] != '"') return;
+  const std::size_t end = payload.find_first_of("\"\\", quote + 1);
+  if (end == std::string_view::npos || payload[end] == '\\') return;
+  --_credit;
+  const std::string before(payload.substr(0, quote + 1));
+  std::string after(payload.substr(end));
+  if (payload.substr(quote + 1, end - quote - 1) == OTHER) return;
+  const http::JsonValue variant = reader.parse(std::string(before).append(OTHER).append(after));
+  if (_text_of(variant).text() != OTHER) return;
+  _before = before;
+  _after = std::move(after);
+}
+
+}  // namespace tovren_mapstead::engines::llm
