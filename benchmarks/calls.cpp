@@ -94,6 +94,7 @@ struct Compared {
   double ours;
   double floor;
   double ratio;  // the median of the rounds' own
+  double spread;
 };
 
 // In turn, so that a machine whose speed drifts spoils both alike.
@@ -107,12 +108,15 @@ Compared compare(int rounds, Ours ours, Floors floor) {
     least.push_back(floor());
     ratios.push_back(mine.back() / least.back());
   }
-  return {.ours = median(mine), .floor = median(least), .ratio = median(ratios)};
+  return {.ours = median(mine),
+          .floor = median(least),
+          .ratio = median(ratios),
+          .spread = spread(ratios)};
 }
 
 Figure measure(const std::string& url, const Work& work) {
   Subjects subjects(url, work);
-  const auto [ours, floor, ratio] = compare(
+  const auto [ours, floor, ratio, apart] = compare(
       work.rounds, [&] { return cpu_us_of(work.calls, [&] { std::ignore = subjects.ours(); }); },
       [&] { return cpu_us_of(work.calls, [&] { std::ignore = subjects.floor(); }); });
   return {.name = work.name,
@@ -120,7 +124,8 @@ Figure measure(const std::string& url, const Work& work) {
           .floor = floor,
           .ratio = ratio,
           .unit = "us",
-          .limit = work.limit};
+          .limit = work.limit,
+          .spread = apart};
 }
 
 // How many calls a second some threads make together.
@@ -150,7 +155,7 @@ Figure measure_threads(const std::string& url) {
       std::ignore = floor->call(prompt);
     };
   };
-  const auto [ours, floor, ratio] = compare(
+  const auto [ours, floor, ratio, apart] = compare(
       THREAD_ROUNDS, [&] { return rate([&] { return ours_once; }); },
       [&] { return rate(make_floor); });
   return {.name = "threads_8",
@@ -159,7 +164,8 @@ Figure measure_threads(const std::string& url) {
           .ratio = ratio,
           .unit = "calls/s",
           .limit = 0.8,
-          .at_least = true};
+          .at_least = true,
+          .spread = apart};
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ int opened(const Endpoint& endpoint, Act act) {
   return count() - before;
 }
 
-void measure_streams(const Endpoint& endpoint, const Report& report) {
+void count_of_streams(const Endpoint& endpoint, const Report& report) {
   struct Case {
     const char* name;
     const char* path;
@@ -108,7 +108,7 @@ Figure measure_tls(const Endpoint& endpoint) {
 }  // namespace
 
 void measure_connections(const Endpoint& endpoint, const Wanted& wanted, const Report& report) {
-  if (wanted("connections_stream")) measure_streams(endpoint, report);
+  if (wanted("connections_stream")) count_of_streams(endpoint, report);
   if (wanted("connections_threads")) measure_threads(endpoint, report);
   if (wanted("tls_new")) report(measure_tls(endpoint));
 }

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 #include <poll.h>
 #include <unistd.h>
@@ -86,6 +87,14 @@ void answer(Exchange& exchange, int connections) {
     exchange.start_stream();
     for (int i = 0; i < number; ++i) {
       exchange.pause(milliseconds(2));
+      exchange.chunk(event(" word"));
+    }
+    exchange.chunk(last_event() + std::string(DONE));
+    exchange.end_stream();
+  } else if (what == "slow") {
+    exchange.start_stream();
+    for (int i = 0; i < number; ++i) {
+      std::this_thread::sleep_for(milliseconds(20));
       exchange.chunk(event(" word"));
     }
     exchange.chunk(last_event() + std::string(DONE));

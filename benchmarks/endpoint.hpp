@@ -8,9 +8,9 @@
 namespace bench {
 
 /// Serves until nobody reads its output any more, which is what `Endpoint` has to know. The path
-/// says what comes: /stream/N (events), /paced/N (one every 2 ms), /late/MS (the terminating chunk,
-/// so long after the rest), /whole/N (bytes of content), /connections (how many there were),
-/// /silence.
+/// says what comes: /stream/N (events), /paced/N (one every 2 ms), /slow/N (every 20 ms), /late/MS
+/// (the terminating chunk, so long after the rest), /whole/N (bytes of content), /connections (how
+/// many there were), /silence.
 int serve();
 
 /// Such a process, started from this program's own file.

@@ -1,6 +1,8 @@
 // What the benchmarks find.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <functional>
 #include <optional>
 #include <string>
@@ -16,12 +18,29 @@ struct Figure {
   const std::string unit;
   const double limit;           ///< What the ratio, else the figure itself, should not exceed.
   const bool at_least = false;  ///< The limit is what it should reach instead.
+  const double spread = 0;      ///< How far apart its rounds are, as a part of the figure.
 
   /// What is held against the limit.
   [[nodiscard]] double judged() const { return ratio ? *ratio : floor ? ours / *floor : ours; }
 
   [[nodiscard]] bool met() const { return at_least ? judged() >= limit : judged() <= limit; }
 };
+
+/// A figure of an earlier run.
+struct Earlier {
+  double judged;
+  double spread;
+};
+
+/// Tells whether a figure has become better or worse than it was. It has not as long as the
+/// difference is within what the rounds of the two runs differ by, or within 3 %.
+[[nodiscard]] inline const char* verdict(const Figure& figure, const Earlier& earlier) {
+  constexpr double LEAST = 0.03;
+  const double noise = std::max(LEAST, 2 * std::max(figure.spread, earlier.spread));
+  const double change = figure.judged() / earlier.judged - 1;
+  if (std::abs(change) <= noise) return "the same";
+  return (change < 0) == figure.at_least ? "worse" : "better";
+}
 
 /// Takes the figures as they are found.
 using Report = std::function<void(const Figure&)>;
@@ -35,10 +54,15 @@ void measure_calls(const Endpoint& endpoint, const Wanted& wanted, const Report&
 void measure_instructions(const Endpoint& endpoint, const Wanted& wanted, const Report& report);
 void measure_connections(const Endpoint& endpoint, const Wanted& wanted, const Report& report);
 void measure_latency(const Endpoint& endpoint, const Wanted& wanted, const Report& report);
+void measure_streams(const Endpoint& endpoint, const Wanted& wanted, const Report& report);
 void measure_decoding(const Wanted& wanted, const Report& report);
 
 /// Makes `count` calls of a work that `measure_calls` knows, by the client or by the floor, for
 /// `measure_instructions` to count. Returns an exit status.
 int repeat(const std::string& url, const std::string& name, bool ours, int count);
+
+/// Reads so many streams at a time, for `measure_streams`, and prints the microseconds of CPU for
+/// an event and the KB of memory for a call. Returns an exit status.
+int run_streams(const std::string& url, bool ours, int count);
 
 }  // namespace bench

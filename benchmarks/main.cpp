@@ -1,8 +1,10 @@
-// The benchmarks' command: bench [NAME]... [--json FILE]. Prints a line a figure.
+// The benchmarks' command: bench [NAME]... [--json FILE] [--against FILE]. Prints a line a figure,
+// and how it compares with an earlier run that --json wrote.
 #include <cstdlib>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -30,7 +32,18 @@ std::string machine() {
          ", compiler " __VERSION__;
 }
 
-void print(const Figure& figure) {
+using Run = std::map<std::string, bench::Earlier>;
+
+Run read_run(const std::string& file) {
+  Run run;
+  for (const auto& figure : nlohmann::json::parse(std::ifstream(file)).at("figures")) {
+    const double judged = figure.value("ratio", figure.at("ours").get<double>());
+    run[figure.at("name")] = {.judged = judged, .spread = figure.value("spread", 0.0)};
+  }
+  return run;
+}
+
+void print(const Figure& figure, const Run& against) {
   std::cout << std::left << std::setw(30) << figure.name << std::right << std::fixed
             << std::setprecision(2) << std::setw(14) << figure.ours;
   if (figure.floor) {
@@ -38,13 +51,18 @@ void print(const Figure& figure) {
   } else {
     std::cout << std::setw(14) << '-' << std::setw(8) << '-';
   }
-  std::cout << "  " << figure.unit << std::endl;
+  std::cout << "  " << figure.unit;
+  if (const auto earlier = against.find(figure.name); earlier != against.end()) {
+    std::cout << ", was " << earlier->second.judged << ": " << verdict(figure, earlier->second);
+  }
+  std::cout << std::endl;
 }
 
 nlohmann::ordered_json to_json(const Figure& figure) {
   nlohmann::ordered_json json{{"name", figure.name}, {"ours", figure.ours}};
   if (figure.floor) json.update({{"floor", *figure.floor}, {"ratio", figure.judged()}});
   json.update({{"unit", figure.unit},
+               {"spread", figure.spread},
                {figure.at_least ? "at_least" : "at_most", figure.limit},
                {"met", figure.met()}});
   return json;
@@ -62,17 +80,20 @@ Figure heap(const std::string& url) {
 
 int run(const std::vector<std::string>& arguments) {
   std::vector<std::string> names;
-  std::string file;
+  std::map<std::string, std::string> files{{"--json", ""}, {"--against", ""}};
   for (std::size_t i = 0; i < arguments.size(); ++i) {
-    if (arguments[i] != "--json") {
+    const auto option = files.find(arguments[i]);
+    if (option == files.end()) {
       names.push_back(arguments[i]);
     } else if (++i < arguments.size()) {
-      file = arguments[i];
+      option->second = arguments[i];
     } else {
-      std::cerr << "bench: --json needs the name of a file\n";
+      std::cerr << "bench: " << option->first << " needs the name of a file\n";
       return 2;
     }
   }
+  const std::string& file = files["--json"];
+  const Run against = files["--against"].empty() ? Run() : read_run(files["--against"]);
   const bench::Wanted wanted = [&](const std::string& name) {
     return names.empty() || std::ranges::any_of(names, [&](const std::string& n) {
              return name == n || name.starts_with(n + "_");
@@ -80,7 +101,7 @@ int run(const std::vector<std::string>& arguments) {
   };
   std::vector<Figure> figures;
   const bench::Report report = [&](const Figure& figure) {
-    print(figure);
+    print(figure, against);
     figures.push_back(figure);
   };
   std::cout << "# " << machine() << "\n# NAME OURS FLOOR RATIO UNIT" << std::endl;
@@ -89,6 +110,7 @@ int run(const std::vector<std::string>& arguments) {
   bench::measure_instructions(endpoint, wanted, report);
   bench::measure_latency(endpoint, wanted, report);
   bench::measure_connections(endpoint, wanted, report);
+  bench::measure_streams(endpoint, wanted, report);
   if (wanted("memory_call")) report(heap(endpoint.url()));
   bench::measure_decoding(wanted, report);
   if (figures.empty()) {
@@ -121,6 +143,9 @@ int main(int argc, char** argv) {
     if (arguments.size() == 5 && arguments[0] == "--repeat") {
       return bench::repeat(arguments[1], arguments[2], arguments[3] == "ours",
                            std::stoi(arguments[4]));
+    }
+    if (arguments.size() == 4 && arguments[0] == "--streams") {
+      return bench::run_streams(arguments[1], arguments[2] == "ours", std::stoi(arguments[3]));
     }
     return run(arguments);
   } catch (const std::exception& error) {

@@ -19,4 +19,12 @@ namespace bench {
   return values[values.size() / 2];
 }
 
+/// Returns half of the distance between the quartiles, as a part of the median: how far apart the
+/// rounds of one run are.
+[[nodiscard]] inline double spread(std::vector<double> values) {
+  std::ranges::sort(values);
+  const std::size_t quarter = values.size() / 4;
+  return (values[values.size() - 1 - quarter] - values[quarter]) / (2 * median(values));
+}
+
 }  // namespace bench

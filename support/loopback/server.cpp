@@ -264,7 +264,7 @@ Server::Server(Handler handler, Options options)
     _tls = std::make_unique<Tls>(options.certificate);
     _certificate = _tls->certificate;
   }
-  _listener = open_listener(128, _port);
+  _listener = open_listener(SOMAXCONN, _port);
   _acceptor = std::thread([this] { accept_all(); });
 }
 
