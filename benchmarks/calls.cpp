@@ -31,10 +31,10 @@ struct Work {
 };
 
 constexpr std::array WORKS{
-    Work{"stream_50", "/stream/50", true, 100, 101, 15, 1.4},
-    Work{"stream_1000", "/stream/1000", true, 100, 101, 5, 1.25},
-    Work{"stream_20000", "/stream/20000", true, 100, 51, 1, 1.2},
-    Work{"whole_small", "/whole/1", false, 100, 101, 50, 1.4},
+    Work{"stream_50", "/stream/50", true, 100, 101, 15, 1.25},
+    Work{"stream_1000", "/stream/1000", true, 100, 101, 5, 0.8},
+    Work{"stream_20000", "/stream/20000", true, 100, 51, 1, 0.8},
+    Work{"whole_small", "/whole/1", false, 100, 101, 50, 1.25},
     Work{"whole_20k", "/whole/20000", false, 100, 101, 25, 1.3},
     Work{"prompt_100k", "/whole/1", false, 100'000, 101, 13, 1.5},
     Work{"prompt_1m", "/whole/1", false, 1'000'000, 51, 5, 1.5},

@@ -43,7 +43,7 @@ double per_call(const std::string& url, const std::string& name, bool ours) {
 }  // namespace
 
 void measure_instructions(const Endpoint& endpoint, const Wanted& wanted, const Report& report) {
-  for (const auto& [work, limit] : {std::pair("stream_1000", 1.3), std::pair("whole_small", 1.4)}) {
+  for (const auto& [work, limit] : {std::pair("stream_1000", 0.5), std::pair("whole_small", 1.2)}) {
     const std::string name = std::string(work) + "_instr";
     if (!wanted(name)) continue;
     report({.name = name,
