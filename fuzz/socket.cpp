@@ -5,41 +5,7 @@
 #include "fuzz.hpp"
 #include "loopback/server.hpp"
 
-namespace {
-
 using namespace fuzz;
-
-void serve(loopback::Exchange& exchange, const Input& input) {
-  if (exchange.request().target == "/good") return exchange.reply(200, "good");
-  for (const std::string& piece : input.cut(input.shape >= 128 ? 16 : 9999)) exchange.send(piece);
-  if (input.shape % 4 == 0) exchange.reset();
-  if (input.shape % 4 != 1) exchange.close();
-}
-
-// What comes of a request: the body, or the error in words.
-std::string ask(http::Transport& transport, const std::string& url, double timeout_s) {
-  const http::RetryPolicy policy{.max_body_bytes = 1 << 20, .max_line_bytes = 1 << 20};
-  const auto read = [](http::Response& reply) {
-    return std::string(reply.next_line().value_or("")) + reply.read_rest(1 << 20);
-  };
-  try {
-    return http::send(url,
-                      {.policy = policy,
-                       .timeout_s = timeout_s,
-                       .body = {},
-                       .headers = {},
-                       .secrets = {},
-                       .transport = &transport},
-                      read);
-  } catch (const http::Error& error) {
-    // The server may be closing a connection that was good when it was taken.
-    return clean((dynamic_cast<const http::Retryable*>(&error) != nullptr ? "again: " : "") +
-                     std::string(error.what()),
-                 "\xFF");
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Input input(data, size);
@@ -48,13 +14,30 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto before = faults::entries();
   const auto start = http::Clock::now();
   {
+    std::atomic<bool> good = false;
+    const loopback::Server server([&](loopback::Exchange& exchange) {
+      if (good) return exchange.reply(200, R"({"choices":[{"message":{"content":"good"}}]})");
+      for (const std::string& piece : input.cut(input.shape >= 128 ? 16 : 9999)) {
+        exchange.send(piece);
+      }
+      if (input.shape % 4 == 0) exchange.reset();
+      if (input.shape % 4 != 1) exchange.close();
+    });
     const auto transport = http::make_transport();
-    const loopback::Server server([&](loopback::Exchange& exchange) { serve(exchange, input); });
-    ask(*transport, server.url(), 0.05);
-    std::string good = "again";
-    for (int attempts = 3; attempts > 0 && good.starts_with("again"); --attempts)
-      good = ask(*transport, server.url() + "/good", 5);
-    require(good == "good", good);
+    const auto ask = [&](double timeout_s, int retries) {
+      const llm::LLMClient client({.base_url = server.url(),
+                                   .model = "m",
+                                   .api_key = faults::KEY,
+                                   .timeout_s = timeout_s,
+                                   .max_retries = retries},
+                                  {.transport = transport, .wait = [](double, auto&, auto) {}});
+      return faults::outcome_of([&] { return client.chat({}).content(); }).text;
+    };
+    clean(ask(0.05, 0), "\xFF");
+    good = true;
+    // The server may be closing a connection that was good when it was taken.
+    const std::string seen = ask(5, 2);
+    require(seen == "good", seen);
   }
   require(http::Clock::now() - start < std::chrono::seconds(5));
   require(faults::entries() <= before, input.body);
