@@ -88,39 +88,31 @@ Expect expect(const Fault& fault, Asked asked) {
           .end = fault.whole.end};
 }
 
-Outcome predict(const std::vector<const Fault*>& script, const Terms& terms) {
-  bool json = terms.json;
-  bool streamed = terms.asked == Asked::streamed;
-  int attempts = 1;
-  const auto ends = [&](const char* end, const std::string& text, int requests) {
-    return Outcome{.end = end, .text = text, .requests = requests, .attempts = attempts};
-  };
-  for (int request = 1;; ++request) {
-    const Fault* const fault =
-        script.at(std::min(static_cast<std::size_t>(request), script.size()) - 1);
-    if (fault == nullptr) return ends("answer", "", request);
-    const Asked asked = terms.asked == Asked::token ? Asked::token
-                        : streamed                  ? Asked::streamed
-                                                    : Asked::whole;
-    const Expect due = expect(*fault, asked);
-    if (due.end == End::never || (terms.patient && due.end != End::soon)) {
-      return ends(NEVER, "", request);
-    }
-    if (due.effect == Effect::answer) return ends("answer", due.text, request);
-    if (due.effect == Effect::without_json && json) {
+Outcome predict(const std::vector<const Fault*>& script, Asked asked, int attempts, bool json) {
+  const Asked first_asked = asked;
+  const bool first_json = json;
+  Outcome due{.end = "answer"};
+  for (const Fault* const fault : script) {
+    ++due.requests;
+    if (fault == nullptr) break;
+    const Expect means = expect(*fault, asked);
+    due.text = means.text;
+    if (means.effect == Effect::answer) return due;
+    if (means.effect == Effect::without_json && json) {
       json = false;
-    } else if (due.effect == Effect::without_stream && streamed) {
-      streamed = false;
-    } else if (due.effect == Effect::again && terms.deadline) {
-      return ends("LLMTimeout", "ran out of time", request);
-    } else if (due.effect != Effect::again || attempts == terms.attempts) {
-      return ends("LLMError", due.text, request);
+    } else if (means.effect == Effect::without_stream && asked == Asked::streamed) {
+      asked = Asked::whole;
+    } else if (means.effect != Effect::again || due.attempts == attempts) {
+      due.end = "LLMError";
+      return due;
     } else {
-      ++attempts;
-      json = terms.json;
-      streamed = terms.asked == Asked::streamed;
+      ++due.attempts;
+      asked = first_asked;
+      json = first_json;
     }
   }
+  due.text = "";
+  return due;
 }
 
 Outcome make(const Call& call) {
@@ -128,8 +120,9 @@ Outcome make(const Call& call) {
   const bool copilot = call.asked == Asked::token;
   auto transport = call.trusted ? trusting(server) : http::make_transport();
   if (copilot) transport = loopback::detour(server.url(), transport);
-  std::string url = call.url.empty() ? server.url() : call.url;
-  if (!call.scheme.empty()) url = call.scheme + url.substr(url.find(':'));
+  const std::string url = call.by_address    ? "https://127.0.0.1:" + std::to_string(server.port())
+                          : call.url.empty() ? server.url()
+                                             : call.url;
   int attempts = 1;
   const http::Wait wait = [&](double period_s, const auto& should_stop, auto deadline) {
     ++attempts;
@@ -138,7 +131,7 @@ Outcome make(const Call& call) {
   const llm::LLMClient client({.provider = copilot ? "copilot" : "openai",
                                .base_url = url,
                                .model = "m",
-                               .api_key = call.key,
+                               .api_key = KEY,
                                .timeout_s = call.timeout_s,
                                .max_retries = call.attempts - 1,
                                .stream = call.asked != Asked::whole},

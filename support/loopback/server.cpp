@@ -31,23 +31,19 @@ sockaddr_in address_of(std::uint32_t host, std::uint16_t port) {
   return address;
 }
 
-// A socket that is bound to an address of this machine. `port` 0 takes a free one and is set to it.
-int bound_socket(std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
+// A socket that is bound to an address of this machine, and listens unless `backlog` is negative.
+// `port` 0 takes a free one and is set to it.
+int bound_socket(int backlog, std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
   const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = address_of(host, port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (bound < 0 || bind(bound, generic, size) != 0 || getsockname(bound, generic, &size) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot bind to loopback");
+  if (bound < 0 || bind(bound, generic, size) != 0 || getsockname(bound, generic, &size) != 0 ||
+      (backlog >= 0 && listen(bound, backlog) != 0)) {
+    throw std::system_error(errno, std::generic_category(), "cannot listen on loopback");
   }
   port = ntohs(address.sin_port);
   return bound;
-}
-
-int open_listener(int backlog, std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
-  const int listener = bound_socket(port, host);
-  if (listen(listener, backlog) == 0) return listener;
-  throw std::system_error(errno, std::generic_category(), "cannot listen on loopback");
 }
 
 std::string local_address(std::uint16_t port) {
@@ -180,9 +176,8 @@ void Exchange::reply(int status, std::string_view body, std::string_view type,
   send(text.append("\r\n").append(body));
 }
 
-void Exchange::start_stream(std::string_view type) {
-  send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Type: " + std::string(type) +
-       "\r\n\r\n");
+void Exchange::start_stream() {
+  send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Type: text/event-stream\r\n\r\n");
 }
 
 void Exchange::stall() {
@@ -223,9 +218,9 @@ void Exchange::ticket() {
   SSL_do_handshake(_ssl.get());
 }
 
-// A certificate made on the spot, for this machine or for another.
+// A certificate made on the spot, which is its own authority.
 struct Server::Tls {
-  explicit Tls(Certificate kind) {
+  Tls() {
     constexpr long HOUR_S = 3600;
     const std::unique_ptr<EVP_PKEY, decltype([](EVP_PKEY* key) { EVP_PKEY_free(key); })> key(
         EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
@@ -233,17 +228,14 @@ struct Server::Tls {
     ASN1_INTEGER_set(X509_get_serialNumber(x509.get()), 1);
     X509_set_version(x509.get(), X509_VERSION_3);
     X509_gmtime_adj(X509_getm_notBefore(x509.get()), -2 * HOUR_S);
-    X509_gmtime_adj(X509_getm_notAfter(x509.get()),
-                    kind == Certificate::expired ? -HOUR_S : HOUR_S);
+    X509_gmtime_adj(X509_getm_notAfter(x509.get()), HOUR_S);
     X509_set_pubkey(x509.get(), key.get());
     X509_NAME* const name = X509_get_subject_name(x509.get());
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                                reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
     X509_set_issuer_name(x509.get(), name);
-    const char* const names =
-        kind == Certificate::of_another_host ? "DNS:another.example" : "DNS:localhost,IP:127.0.0.1";
     X509_EXTENSION* const hosts =
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, names);
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost");
     X509_add_ext(x509.get(), hosts, -1);
     X509_EXTENSION_free(hosts);
     X509_sign(x509.get(), key.get(), EVP_sha256());
@@ -261,10 +253,10 @@ struct Server::Tls {
 Server::Server(Handler handler, Options options)
     : _handler(std::move(handler)), _greeting(std::move(options.greeting)) {
   if (options.tls) {
-    _tls = std::make_unique<Tls>(options.certificate);
+    _tls = std::make_unique<Tls>();
     _certificate = _tls->certificate;
   }
-  _listener = open_listener(128, _port);
+  _listener = bound_socket(128, _port);
   _acceptor = std::thread([this] { accept_all(); });
 }
 
@@ -310,10 +302,10 @@ void Server::serve(int socket) {
   }
 }
 
-BlackHole::BlackHole(bool connects, std::uint32_t host, std::uint16_t port) : _port(port) {
-  _sockets.push_back(open_listener(connects ? 64 : 0, _port, host));
+BlackHole::BlackHole(std::uint32_t host, std::uint16_t port) : _port(port) {
+  _sockets.push_back(bound_socket(0, _port, host));
   // With its queue full, the kernel drops what else wants to connect.
-  for (int i = 0; i < 8 && !connects; ++i) {
+  for (int i = 0; i < 8; ++i) {
     _sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const sockaddr_in address = address_of(host, _port);
     std::ignore =
@@ -333,7 +325,7 @@ std::string refused_url() {
   // Bound without listening, and for good: nobody else can take the port and answer.
   static const std::uint16_t port = [] {
     std::uint16_t bound = 0;
-    bound_socket(bound);
+    bound_socket(-1, bound);
     return bound;
   }();
   return "http://" + local_address(port);

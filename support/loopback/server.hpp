@@ -49,7 +49,7 @@ class Exchange {
              std::string_view headers = "");
 
   /// Starts a chunked event stream, sends one chunk of it, ends it.
-  void start_stream(std::string_view type = "text/event-stream");
+  void start_stream();
 
   bool chunk(std::string_view bytes) { return send(loopback::chunk(bytes)); }
 
@@ -89,12 +89,8 @@ class Exchange {
   bool _closed = false;
 };
 
-/// What a server over TLS shows of itself. All are self-signed.
-enum class Certificate { good, expired, of_another_host };
-
 struct Options {
   bool tls = false;
-  Certificate certificate = Certificate::good;
   /// Called for each connection, TLS agreed, before its first request is read, if it is set.
   std::function<void(Exchange&)> greeting{};
 };
@@ -112,7 +108,8 @@ class Server {
 
   [[nodiscard]] std::uint16_t port() const noexcept { return _port; }
 
-  /// "http://127.0.0.1:PORT", with https "https://localhost:PORT".
+  /// "http://127.0.0.1:PORT", with https "https://localhost:PORT", which is the only name that the
+  /// certificate is for.
   [[nodiscard]] std::string url() const;
 
   /// How many connections have been accepted, and requests begun.
@@ -148,12 +145,11 @@ class Server {
   std::thread _acceptor;
 };
 
-/// A port on which nobody answers: to connect hangs, or, if `connects`, all that comes after.
+/// A port on which nobody answers: to connect hangs.
 class BlackHole {
  public:
   /// `host`: an address of this machine; `port` 0: a free one.
-  explicit BlackHole(bool connects = false, std::uint32_t host = 0x7F000001,
-                     std::uint16_t port = 0);
+  explicit BlackHole(std::uint32_t host = 0x7F000001, std::uint16_t port = 0);
   BlackHole(const BlackHole&) = delete;
   BlackHole& operator=(const BlackHole&) = delete;
   ~BlackHole();
