@@ -50,7 +50,6 @@ enum class Effect : std::uint8_t {
   answer,         ///< It has an answer.
   again,          ///< Another attempt may help.
   failure,        ///< Another attempt would not help: the call fails.
-  without_json,   ///< The same request again without JSON mode; a failure if it had none.
   without_stream  ///< The same request again without streaming; a failure if it was not streamed.
 };
 

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -26,7 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace llm = tovren_mapstead::engines::llm;
-using namespace std::chrono_literals;
+
+constexpr const char* LOGGER = "tovren_mapstead.engines.llm";
 
 std::string causes_of(const std::exception& error) {
   try {
@@ -36,18 +36,6 @@ std::string causes_of(const std::exception& error) {
   }
   return "";
 }
-
-class Listener final : public spdlog::sinks::base_sink<std::mutex> {
- public:
-  std::atomic<int> secrets = 0;
-
- private:
-  void sink_it_(const spdlog::details::log_msg& line) override {
-    secrets += shows_secret({line.payload.data(), line.payload.size()}) ? 1 : 0;
-  }
-
-  void flush_() override {}
-};
 
 // A file in memory, so that nothing is left where a process ends with it in use.
 struct File {
@@ -88,30 +76,24 @@ Expect expect(const Fault& fault, Asked asked) {
           .end = fault.whole.end};
 }
 
-Outcome predict(const std::vector<const Fault*>& script, Asked asked, int attempts, bool json) {
-  const Asked first_asked = asked;
-  const bool first_json = json;
+Outcome predict(const std::vector<const Fault*>& script, const Asked asked, int attempts) {
   Outcome due{.end = "answer"};
+  Asked now = asked;
   for (const Fault* const fault : script) {
     ++due.requests;
-    if (fault == nullptr) break;
-    const Expect means = expect(*fault, asked);
+    const Expect means = fault != nullptr ? expect(*fault, now) : Expect{Effect::answer};
     due.text = means.text;
-    if (means.effect == Effect::answer) return due;
-    if (means.effect == Effect::without_json && json) {
-      json = false;
-    } else if (means.effect == Effect::without_stream && asked == Asked::streamed) {
-      asked = Asked::whole;
-    } else if (means.effect != Effect::again || due.attempts == attempts) {
-      due.end = "LLMError";
-      return due;
-    } else {
+    if (means.effect == Effect::answer) break;
+    if (means.effect == Effect::without_stream && now == Asked::streamed) {
+      now = Asked::whole;
+    } else if (means.effect == Effect::again && due.attempts < attempts) {
       ++due.attempts;
-      asked = first_asked;
-      json = first_json;
+      now = asked;
+    } else {
+      due.end = "LLMError";
+      break;
     }
   }
-  due.text = "";
   return due;
 }
 
@@ -159,12 +141,9 @@ bool shows_secret(std::string_view text) {
          });
 }
 
-const std::atomic<int>& watch_log() {
-  const auto listener = std::make_shared<Listener>();
-  spdlog::drop("tovren_mapstead.engines.llm");
-  spdlog::register_logger(
-      std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm", listener));
-  return listener->secrets;
+void mute_log() {
+  spdlog::drop(LOGGER);
+  spdlog::register_logger(std::make_shared<spdlog::logger>(LOGGER, spdlog::sinks_init_list{}));
 }
 
 std::ptrdiff_t entries(const char* folder) {

@@ -1,7 +1,6 @@
 // Calls to servers that misbehave: what such a call should come to, and what it comes to.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -40,10 +39,8 @@ enum class Asked : std::uint8_t { streamed, whole, token };
 [[nodiscard]] Expect expect(const Fault& fault, Asked asked);
 
 /// What a call of so many attempts comes to that meets the faults of `script`, one a request; null:
-/// an answer. `json`: whether JSON mode is asked for. The text is a part of the error's, or empty
-/// for an answer by script.
-[[nodiscard]] Outcome predict(const std::vector<const Fault*>& script, Asked asked, int attempts,
-                              bool json = false);
+/// an answer. The text is a part of the error's, or empty for an answer by script.
+[[nodiscard]] Outcome predict(const std::vector<const Fault*>& script, Asked asked, int attempts);
 
 /// What ends a call from outside.
 enum class Bound : std::uint8_t { none, stop, deadline };
@@ -71,8 +68,8 @@ struct Call {
 /// Whether the text shows a part of the key that counts, in any spelling, or the password.
 [[nodiscard]] bool shows_secret(std::string_view text);
 
-/// Makes a logger that prints nothing the client's. Returns how many of its lines show a secret.
-const std::atomic<int>& watch_log();
+/// Makes a logger that prints nothing the client's.
+void mute_log();
 
 /// How many entries a folder has: "/proc/self/fd" one for each descriptor of this process.
 [[nodiscard]] std::ptrdiff_t entries(const char* folder = "/proc/self/fd");

@@ -79,7 +79,7 @@ class Exchange {
   bool handshake();
   bool next_request();
   template <class Act>
-  long attempt(short events, Act act);
+  long attempt(Act act);
 
   int _socket;
   std::shared_ptr<SSL> _ssl;
