@@ -4,8 +4,9 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
+#include <cstdlib>
+#include <sstream>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -61,9 +62,9 @@ std::string pem_of(X509* certificate) {
 }  // namespace
 
 std::string chunk(std::string_view bytes) {
-  std::array<char, 16> size{};
-  const auto [end, error] = std::to_chars(size.data(), size.data() + size.size(), bytes.size(), 16);
-  return std::string(size.data(), end).append("\r\n").append(bytes).append("\r\n");
+  std::ostringstream text;
+  text << std::hex << bytes.size() << "\r\n" << bytes << "\r\n";
+  return text.str();
 }
 
 Exchange::Exchange(int socket, SSL_CTX* context, const std::atomic<bool>& stopping)
@@ -139,25 +140,18 @@ bool Exchange::next_request() {
     }
   }
   _request = {};
-  std::string_view head = std::string_view(_buffer).substr(0, end + 2);
-  const auto take_until = [&](std::string_view mark) {
-    const std::string part(head.substr(0, head.find(mark)));
-    head.remove_prefix(std::min(part.size() + mark.size(), head.size()));
-    return part;
-  };
-  _request.method = take_until(" ");
-  _request.target = take_until(" ");
-  take_until("\r\n");
-  while (!head.empty()) {
-    std::string name = take_until(":");
+  std::istringstream head(_buffer.substr(0, end));
+  head >> _request.method >> _request.target;
+  std::string line;
+  for (std::getline(head, line, '\r'); std::getline(head, line, '\r');) {
+    const std::size_t colon = line.find(':');
+    std::string name = line.substr(1, colon - 1);  // after the line feed
     std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
-    head.remove_prefix(std::min(head.find_first_not_of(' '), head.size()));
-    _request.headers[name] = take_until("\r\n");
+    _request.headers[name] =
+        line.substr(std::min(line.find_first_not_of(" :", colon), line.size()));
   }
   _buffer.erase(0, end + 4);
-  std::size_t length = 0;
-  const std::string& declared = _request.headers["content-length"];
-  std::from_chars(declared.data(), declared.data() + declared.size(), length);
+  const std::size_t length = std::strtoull(_request.headers["content-length"].c_str(), nullptr, 10);
   while (_buffer.size() < length) {
     if (!read_some()) return false;
   }

@@ -34,26 +34,6 @@ TEST(Lines, EndAtLfCrlfAndCr) {
   }
 }
 
-TEST(Lines, AreBoundedOverATransportThatKnowsNoBounds) {
-  int asked = 0;
-  const http::RetryPolicy stops{.should_stop = [&] { return ++asked > 3; }};
-  const http::RetryPolicy late{.deadline = http::Clock::now() + 30ms};
-  const Reply reply{.pieces = std::vector<std::string>(5, "x")};
-  const auto body = [](http::Response& read) {
-    std::this_thread::sleep_for(40ms);
-    read.read_rest(99);
-  };
-  const auto lines = [](http::Response& read) {
-    read.limit_lines(0.02);
-    std::this_thread::sleep_for(40ms);
-    read.next_line();
-  };
-  EXPECT_THROW(play(reply, body, stops), http::Stopped);
-  EXPECT_THROW(play(reply, body, late), http::DeadlineExceeded);
-  EXPECT_EQ(text_of<http::Retryable>([&] { play(reply, lines); }),
-            "stream exceeded timeout before completing");
-}
-
 TEST(Lines, MayBeLongAndManyInLinearTime) {
   // Quadratic work on any of these takes minutes.
   const std::string megabyte(1 << 20, 'x');

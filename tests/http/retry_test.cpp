@@ -90,11 +90,7 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
        .left = 10ms,
        .attempts = 1,
        .takes = 20ms},
-      {.ends = stopped, .backoff_s = 4, .left = 10ms, .takes = 20ms, .stops_after = 1},
-      {.ends = "call was stopped by its caller", .backoff_s = 4, .left = -1s, .stops_after = 0},
-      {.ends = "call ran out of time: its deadline has passed; allow more time",
-       .backoff_s = 4,
-       .left = -1s}};
+      {.ends = stopped, .backoff_s = 4, .left = 10ms, .takes = 20ms, .stops_after = 1}};
   for (const Case& c : cases) {
     int made = 0;
     const auto start = http::Clock::now();
