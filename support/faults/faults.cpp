@@ -102,7 +102,8 @@ Outcome make(const Call& call) {
   const bool copilot = call.asked == Asked::token;
   auto transport = call.trusted ? trusting(server) : http::make_transport();
   if (copilot) transport = loopback::detour(server.url(), transport);
-  const std::string url = call.by_address    ? "https://127.0.0.1:" + std::to_string(server.port())
+  const std::string url = !call.host.empty()
+                              ? "https://" + call.host + ":" + std::to_string(server.port())
                           : call.url.empty() ? server.url()
                                              : call.url;
   int attempts = 1;

@@ -51,7 +51,7 @@ struct Call {
   loopback::Server::Handler serve = [](loopback::Exchange& exchange) { exchange.close(); };
   loopback::Options options{};
   std::string url{};              ///< Where the call goes instead of to the server.
-  bool by_address = false;        ///< To https://127.0.0.1 instead, whatever the server speaks.
+  std::string host{};             ///< The server's other name, to which the call speaks TLS.
   Asked asked = Asked::streamed;  ///< `token`: the server stands for both of Copilot's endpoints.
   bool trusted = true;            ///< The server's certificate.
   double timeout_s = 30;          ///< The client's.

@@ -226,7 +226,7 @@ struct Server::Tls {
                                reinterpret_cast<const unsigned char*>("x"), -1, -1, 0);
     X509_set_issuer_name(x509.get(), name);
     X509_EXTENSION* const hosts =
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost");
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
     X509_add_ext(x509.get(), hosts, -1);
     X509_EXTENSION_free(hosts);
     X509_sign(x509.get(), key.get(), EVP_sha256());

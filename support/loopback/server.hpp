@@ -108,8 +108,7 @@ class Server {
 
   [[nodiscard]] std::uint16_t port() const noexcept { return _port; }
 
-  /// "http://127.0.0.1:PORT", with https "https://localhost:PORT", which is the only name that the
-  /// certificate is for.
+  /// "http://127.0.0.1:PORT", with https "https://localhost:PORT".
   [[nodiscard]] std::string url() const;
 
   /// How many connections have been accepted, and requests begun.

@@ -101,22 +101,6 @@ TEST(Faults, OfAReplyMeanWhatTheCatalogueSays) {
   judge_all(std::move(cells));
 }
 
-// The server reads for longer than the timeout, but never stops to.
-Cell slow_upload(bool tls) {
-  const auto read = [](Exchange& exchange) {
-    for (int i = 0; i < 200; ++i) {
-      for (int bytes = 0; bytes < 8; ++bytes) exchange.read_some();
-      exchange.pause(15ms);
-    }
-  };
-  return {{.name = "slow upload",
-           .serve = [](Exchange& exchange) { exchange.reply(401, "enough"); },
-           .options = {.tls = tls, .greeting = read},
-           .timeout_s = 2,  // a busy server is silent for a while before it replies
-           .size = 4 * MUCH},
-          {.end = "LLMError", .text = "enough", .requests = 1}};
-}
-
 TEST(Faults, OnTheWayToARequest) {
   const auto silent = [](Exchange& exchange) { exchange.stall(); };
   const auto deaf = [](Exchange& exchange) { exchange.pause(1h); };
@@ -135,7 +119,14 @@ TEST(Faults, OnTheWayToARequest) {
   const loopback::BlackHole hole;
   const std::string refused =
       "http://u:" + PASSWORD + "@" + loopback::refused_url().substr(7) + "/" + KEY + "?" + PASSWORD;
-  std::vector<Cell> cells{slow_upload(false), slow_upload(true)};
+  // Reads for longer than the timeout, but never stops to.
+  const auto slow = [](Exchange& exchange) {
+    for (int i = 0; i < 200; ++i) {
+      for (int bytes = 0; bytes < 8; ++bytes) exchange.read_some();
+      exchange.pause(15ms);
+    }
+  };
+  std::vector<Cell> cells;
   const auto ends = [&](const Call& call, const char* text, int attempts = 2) {
     cells.push_back({call, {.end = "LLMError", .text = text, .attempts = attempts}});
   };
@@ -147,7 +138,7 @@ TEST(Faults, OnTheWayToARequest) {
   };
   const auto to = [](const std::string& url) { return Call{.name = url, .url = url}; };
   const auto handshake = [](const char* name, const Server::Handler& greeting) {
-    return Call{.name = name, .options = {.greeting = greeting}, .by_address = true};
+    return Call{.name = name, .options = {.greeting = greeting}, .host = "127.0.0.1"};
   };
   ends(to("http://no.such.host.invalid"), "cannot resolve");
   add_bounded(cells, to("http://x.slow.test"));
@@ -160,13 +151,18 @@ TEST(Faults, OnTheWayToARequest) {
   ends(handshake("no handshake", garbage), "cannot agree on TLS", 1);
   ends({.name = "unknown authority", .options = {.tls = true}, .trusted = false}, "cannot trust",
        1);
-  ends({.name = "another host", .options = {.tls = true}, .by_address = true}, "cannot trust", 1);
+  ends({.name = "another host", .options = {.tls = true}, .host = "x.two.test"}, "cannot trust", 1);
   for (const bool tls : {false, true}) {
     const auto upload = [=](const char* name, const Server::Handler& greeting) {
       return Call{.name = name + std::string(tls ? ", TLS" : ""),
                   .options = {.tls = tls, .greeting = greeting},
                   .size = MUCH};
     };
+    Call patient = upload("slow upload", slow);
+    patient.serve = [](Exchange& exchange) { exchange.reply(401, "enough"); };
+    patient.timeout_s = 2;  // a busy server is silent for a while before it replies
+    patient.size = 4 * MUCH;
+    cells.push_back({patient, {.end = "LLMError", .text = "enough", .requests = 1}});
     hangs(upload("deaf to the body", deaf));
     ends(upload("reset during the body", resetting), "failure");
     ends(upload("refused during the body", refusing), "HTTP 413", 1);
