@@ -108,4 +108,22 @@ TEST(Transport, SendsARequestOnce) {
   EXPECT_EQ(server.connections(), 5) << "a connection that broke was not one that was kept";
 }
 
+TEST(Transport, HoldsAFastSenderBack) {
+  Server server([](Exchange& exchange) {
+    exchange.start_stream();
+    for (int i = 0; i < 16; ++i) exchange.chunk(std::string(1 << 20, 'x'));
+    exchange.end_stream();
+  });
+  const http::StopTest none;
+  http::Watch watch(5, none, {});
+  const auto exchange = http::default_transport().open({.url = server.url()}, watch);
+  std::string body;
+  std::size_t before = 0;
+  do {
+    EXPECT_LE(body.size() - std::exchange(before, body.size()), 128U << 10U);
+    std::this_thread::sleep_for(1ms);  // the sender is ahead
+  } while (exchange->read(body, watch));
+  EXPECT_EQ(body.size(), 16U << 20U);
+}
+
 }  // namespace
