@@ -1,9 +1,7 @@
 #include "faults/catalogue.hpp"
 
-#include <algorithm>
 #include <chrono>
 #include <iterator>
-#include <utility>
 
 namespace faults {
 namespace {

@@ -6,9 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <optional>
 #include <stdexcept>
-#include <utility>
 
 #include <fcntl.h>
 #include <spdlog/spdlog.h>
