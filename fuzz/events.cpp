@@ -1,34 +1,34 @@
-// Event streams, cut into reads at random. Whatever the cuts, the outcome is that of a reader which
-// does plainly what the rules say: all lines first, then one after the other. It counts no tokens.
+// Bodies of a hostile server, cut into reads at random: as an event stream, as a whole reply, as
+// that of an error and as the reply to a request for a Copilot token. No cut changes an outcome,
+// and that of a stream is the outcome of a reader which does plainly what the rules say: all lines
+// first, then one after the other. It counts no tokens.
 #include "engines/llm/reply/reasoning.hpp"
-#include "engines/llm/reply/stream.hpp"
 #include "fuzz.hpp"
+#include "text/quote.hpp"
 #include "text/trim.hpp"
 
 namespace {
 
 using namespace fuzz;
 
-const http::Secrets SECRETS{"KEY-1"};
+const http::Secrets SECRETS{"sk-\"1/"};
 
-std::string outcome(std::vector<std::string> pieces) {
-  http::PlaybackTransport transport({{.pieces = std::move(pieces)}});
-  const http::RetryPolicy policy{};
-  const auto read = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); };
+// The answer, or the error's text.
+std::string outcome(const char* provider, const http::PlaybackReply& reply) {
+  const auto transport = std::make_shared<http::PlaybackTransport>(std::vector{reply});
+  const llm::LLMClient client({.provider = provider,
+                               .base_url = "http://h",
+                               .model = "m",
+                               .api_key = SECRETS[0],
+                               .max_retries = 0},
+                              {.transport = transport});
   try {
-    const llm::LLMResult result = http::send(
-        "http://h",
-        {.policy = policy, .body = {}, .headers = {}, .secrets = SECRETS, .transport = &transport},
-        read);
+    const llm::LLMResult result = client.chat({});
     return clean(result.content() + "\n" + result.model() + "\n" +
                      result.finish_reason().value_or("absent") + "\n" +
                      std::to_string(result.total_tokens()),
                  "\xFF");
-  } catch (const std::runtime_error& error) {
-    require(dynamic_cast<const http::Retryable*>(&error) != nullptr ||
-                dynamic_cast<const llm::LLMError*>(&error) != nullptr ||
-                dynamic_cast<const http::HttpFailure*>(&error) != nullptr,
-            error.what());
+  } catch (const llm::LLMError& error) {
     return clean(error.what(), SECRETS[0]);
   }
 }
@@ -74,7 +74,7 @@ std::string expected(const std::string& body) {
     const std::string_view line = http::trim(std::string_view(body).substr(at, end - at));
     if (!http::is_utf8(line)) {
       // The end of the body may cut a character.
-      return end < body.size() ? "stream is not valid UTF-8" : throw Unsure();
+      return end < body.size() ? "LLM stream is not valid UTF-8" : throw Unsure();
     }
     const std::string_view payload = http::trim(line.starts_with("data:") ? line.substr(5) : "");
     if (payload == "[DONE]") break;
@@ -83,7 +83,7 @@ std::string expected(const std::string& body) {
     std::string text = text_of(member(reported, "message"));
     if (text.empty()) text = text_of(reported);
     if (!text.empty()) {
-      error = http::redact(text, SECRETS);
+      error = text;
       continue;
     }
     if (text = text_of(member(chunk, "model")); !text.empty()) model = text;
@@ -93,8 +93,12 @@ std::string expected(const std::string& body) {
     if (text = text_of(member(first, "finish_reason")); !text.empty()) finish_reason = text;
   }
   content = llm::_strip_reasoning(content);
-  if (!finish_reason && !error.empty()) return "stream error: " + error;
-  if (!finish_reason && content.empty()) return "empty stream (no content received)";
+  if (!finish_reason && (content.empty() || !error.empty())) {
+    const std::string failure = error.empty() ? "empty stream (no content received)"
+                                              : "stream error: " + http::redact(error, SECRETS);
+    return http::quote("LLM call failed after 1 attempt (no retries); last failure: " + failure,
+                       SECRETS, 700);
+  }
   return content + "\n" + model + "\n" + finish_reason.value_or("absent") + "\n";
 }
 
@@ -102,8 +106,18 @@ std::string expected(const std::string& body) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Input input(data, size);
-  const std::string seen = outcome(std::vector{input.body});
-  require(outcome(input.cut(input.shape % 32 + 1)) == seen, seen);
+  setenv("COPILOT_GITHUB_TOKEN", SECRETS[0].c_str(), 1);
+  const auto seen_of = [&](const char* provider, http::PlaybackReply reply) {
+    reply.pieces = {input.body};
+    std::string seen = outcome(provider, reply);
+    reply.pieces = input.cut(input.shape % 32 + 1);
+    require(outcome(provider, reply) == seen, seen);
+    return seen;
+  };
+  seen_of("openai", {});
+  seen_of("openai", {.status = 401});
+  seen_of("copilot", {});
+  const std::string seen = seen_of("openai", {.content_type = "text/event-stream"});
   // The other reader refuses half of a surrogate pair.
   if (http::lower_case(input.body).find("\\ud") != std::string::npos) return 0;
   try {

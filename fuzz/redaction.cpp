@@ -1,7 +1,6 @@
 // Redaction. An input is a secret, 0xFF, a text, 0xFF and a text: between the texts stands the
 // secret, spelt as servers echo what they were sent, escaped as often as the shape has digits.
 #include "fuzz.hpp"
-#include "text/quote.hpp"
 
 namespace {
 
@@ -46,13 +45,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (const std::string plain = before + after;
       plain.find(secret) == std::string::npos && plain.find_first_of("\\%") == std::string::npos)
     require(http::redact(plain, {secret}) == plain, plain);
-  // A quotation may have been cut anywhere. The start of a secret is that of the seeds, which no
-  // escape and no blank can be.
-  const std::string start = "sk-1/";
-  for (std::size_t end = 0; end < spelt.size(); end += 1 + spelt.size() / 64) {
-    const std::string quoted = http::quote(std::string("x ").append(spelt, 0, end), {secret}, 99);
-    require(http::is_utf8(quoted), quoted);
-    require(!secret.starts_with(start) || quoted.find(start) == std::string::npos, quoted);
-  }
   return 0;
 }

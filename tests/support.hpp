@@ -36,16 +36,20 @@ using Reply = http::PlaybackReply;
 using namespace std::chrono_literals;
 
 inline const http::RetryPolicy POLICY{.retry_statuses = {429, 503}};
+inline const http::Secrets NO_SECRETS{};
+
+/// The options of a request over `transport`.
+inline http::SendOptions over(http::Transport& transport, const http::RetryPolicy& policy = POLICY,
+                              const http::Secrets& secrets = NO_SECRETS) {
+  return {.policy = policy, .body = {}, .headers = {}, .secrets = secrets, .transport = &transport};
+}
 
 /// Plays `reply` to one POST and returns what `read` makes of it.
 template <class Read>
 auto play(Reply reply, Read read, const http::RetryPolicy& policy = POLICY,
-          const http::Secrets& secrets = {}) {
+          const http::Secrets& secrets = NO_SECRETS) {
   Playback transport({std::move(reply)});
-  return http::send(
-      "http://host.example/chat/completions",
-      {.policy = policy, .body = {}, .headers = {}, .secrets = secrets, .transport = &transport},
-      read);
+  return http::send("http://host.example/x", over(transport, policy, secrets), read);
 }
 
 /// The text of the `Error` that `act` throws; anything else fails the test.

@@ -50,7 +50,6 @@ enum class Effect : std::uint8_t {
   answer,         ///< It has an answer.
   again,          ///< Another attempt may help.
   failure,        ///< Another attempt would not help: the call fails.
-  without_json,   ///< The same request again without JSON mode; a failure if it had none.
   without_stream  ///< The same request again without streaming; a failure if it was not streamed.
 };
 
@@ -80,12 +79,10 @@ struct Fault {
 /// Every fault of a reply, in an order that stays.
 [[nodiscard]] const std::vector<Fault>& catalogue();
 
-/// Does what the fault says. Sends its bytes in pieces of at most `piece_bytes`.
-void play(loopback::Exchange& exchange, const Fault& fault, std::size_t piece_bytes = SIZE_MAX);
+/// Does what the fault says.
+void play(loopback::Exchange& exchange, const Fault& fault);
 
-/// Sends `filler` again and again, as long as the peer takes it: as fast as possible, or a byte
-/// every 2 ms.
-void flood(loopback::Exchange& exchange, const std::string& filler);
+/// Sends `filler` again and again, a byte every 2 ms, as long as the peer takes it.
 void trickle(loopback::Exchange& exchange, const std::string& filler);
 
 }  // namespace faults

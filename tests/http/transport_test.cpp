@@ -5,35 +5,17 @@
 #include <unistd.h>
 
 #include "engines/http/curl/route.hpp"
-#include "faults/faults.hpp"
 #include "support.hpp"
 
 namespace {
 
 using namespace support;
 
-struct Call {
-  std::string url;
-  std::shared_ptr<http::Transport> transport = http::make_transport();
-  double timeout_s = 10;
-  http::JsonObject body{};
-};
-
-template <class Read>
-auto post(const Call& call, Read read) {
-  const http::RetryPolicy policy{};
-  return http::send(call.url,
-                    {.policy = policy,
-                     .timeout_s = call.timeout_s,
-                     .body = call.body,
-                     .headers = {},
-                     .secrets = {},
-                     .transport = call.transport.get()},
-                    read);
-}
-
-std::string post(const Call& call) {
-  return post(call, [](http::Response& reply) { return reply.read_rest(64 << 20U); });
+std::string post(const std::string& url, http::Transport& transport, const char* text = "") {
+  auto options = over(transport);
+  options.body.add("text", text);
+  return http::send(url, std::move(options),
+                    [](http::Response& reply) { return reply.read_rest(1000); });
 }
 
 TEST(Transport, RefusesUrlsThatItCannotUse) {
@@ -42,7 +24,8 @@ TEST(Transport, RefusesUrlsThatItCannotUse) {
       {"http://user:SECRET/1@127.0.0.1:1/?SECRET", "malformed"},
       {"file:///etc/passwd", "only http and https"}};
   for (const auto& [url, told] : cases) {
-    const auto text = text_of<http::HttpFailure>([&, &url = url] { post({.url = url}); });
+    const auto text =
+        text_of<http::HttpFailure>([&, &url = url] { post(url, http::default_transport()); });
     EXPECT_TRUE(contains(text, told) && !contains(text, "SECRET")) << text;
   }
 }
@@ -65,48 +48,33 @@ TEST(Transport, TrustsTheAuthoritiesInAFile) {
   const auto file = std::filesystem::temp_directory_path() / ("ca." + std::to_string(getpid()));
   std::ofstream(file) << server.certificate();
   setenv("SSL_CERT_FILE", file.c_str(), 1);
-  const Call trusting{.url = server.url()};
-  const Call too_late{.url = server.url()};
+  const auto trusting = http::make_transport();
+  const auto too_late = http::make_transport();
   unsetenv("SSL_CERT_FILE");  // the file was named when the transports were made
-  EXPECT_EQ(post(trusting), "hi");
+  EXPECT_EQ(post(server.url(), *trusting), "hi");
   std::filesystem::remove(file);
-  const auto text = text_of<http::HttpFailure>([&] { post(too_late); });
+  const auto text = text_of<http::HttpFailure>([&] { post(server.url(), *too_late); });
   EXPECT_TRUE(contains(text, "cannot read the trusted certificates in " + file.string())) << text;
 }
 
-TEST(Transport, KeepsAConnectionForBodiesHoweverLarge) {
-  std::string text;
-  for (int i = 0; text.size() < 5'000'000; ++i) text += std::to_string(i);
-  Server server([](Exchange& exchange) { exchange.reply(200, exchange.request().body); },
-                {.tls = true});
-  const Call call{.url = server.url(),
-                  .transport = faults::trusting(server),
-                  .body = http::JsonObject().add("text", text)};
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(post(call), http::JsonObject(call.body).text());
-  EXPECT_EQ(server.connections(), 1);
-}
-
 TEST(Transport, UsesOneConnectionForOneStreamAfterTheOther) {
-  const std::tuple<const char*, std::function<void(Exchange&)>, int> cases[] = {
-      // what, what comes after the marker, the most connections for twenty streams
-      {"ended late", [](Exchange& e) { e.pause(20ms), e.end_stream(); }, 6},
-      {"some garbage", [](Exchange& e) { e.chunk("data: x\n\n"), e.end_stream(); }, 3},
-      {"too much garbage", [](Exchange& e) { e.chunk(std::string(1 << 20, 'x')), e.end_stream(); },
-       20},
-      {"never ended", [](Exchange& e) { e.stall(); }, 20}};
-  for (const auto& [what, after_marker, connections] : cases) {
-    SCOPED_TRACE(what);
-    Server server([&after = after_marker](Exchange& exchange) {
+  for (const bool ends : {true, false}) {
+    SCOPED_TRACE(ends);
+    Server server([&](Exchange& exchange) {
       exchange.start_stream();
-      if (exchange.chunk("data: [DONE]\n\n")) after(exchange);
+      exchange.chunk("data: [DONE]\n\n");
+      if (!ends) return exchange.stall();
+      exchange.pause(20ms);
+      exchange.end_stream();
     });
-    const Call call{.url = server.url()};
+    const auto transport = http::make_transport();
     const auto start = http::Clock::now();
     for (int i = 0; i < 20; ++i) {
-      post(call, [](http::Response& reply) { EXPECT_EQ(reply.next_line(), "data: [DONE]"); });
+      http::send(server.url(), over(*transport),
+                 [](http::Response& reply) { EXPECT_EQ(reply.next_line(), "data: [DONE]"); });
       std::this_thread::sleep_for(5ms);
     }
-    EXPECT_LE(server.connections(), connections);
+    EXPECT_LE(server.connections(), ends ? 6 : 20);
     EXPECT_LT(seconds_since(start), 2);
   }
 }
@@ -118,7 +86,9 @@ TEST(Transport, TakesASlowReaderForNoSilence) {
     exchange.end_stream();
   });
   int lines = 0;
-  post({.url = server.url(), .timeout_s = 0.5}, [&](http::Response& reply) {
+  auto options = over(http::default_transport());
+  options.timeout_s = 0.5;
+  http::send(server.url(), std::move(options), [&](http::Response& reply) {
     for (; reply.next_line(); ++lines) std::this_thread::sleep_for(lines == 1 ? 700ms : 0ms);
   });
   EXPECT_EQ(lines, 10);
@@ -127,14 +97,12 @@ TEST(Transport, TakesASlowReaderForNoSilence) {
 // libcurl would repeat it in silence on a kept connection that breaks.
 TEST(Transport, SendsARequestOnce) {
   Server server([](Exchange& exchange) {
-    exchange.request().body == "{}" ? exchange.reply(200, "") : exchange.close();
+    contains(exchange.request().body, "close") ? exchange.close() : exchange.reply(200, "");
   });
-  const Call kept{.url = server.url()};
-  Call closing = kept;
-  closing.body.add("close", true);
+  const auto transport = http::make_transport();
   for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(post(kept), "");
-    EXPECT_THROW(post(closing), http::Retryable);
+    EXPECT_EQ(post(server.url(), *transport), "");
+    EXPECT_THROW(post(server.url(), *transport, "close"), http::Retryable);
   }
   EXPECT_EQ(server.requests(), 10);
   EXPECT_EQ(server.connections(), 5) << "a connection that broke was not one that was kept";
@@ -142,15 +110,13 @@ TEST(Transport, SendsARequestOnce) {
 
 TEST(Transport, HoldsAFastSenderBack) {
   Server server([](Exchange& exchange) {
-    exchange.start_stream("text/plain");
-    for (int i = 0; i < 16 && exchange.chunk(std::string(1 << 20, 'x')); ++i) {
-    }
+    exchange.start_stream();
+    for (int i = 0; i < 16; ++i) exchange.chunk(std::string(1 << 20, 'x'));
     exchange.end_stream();
   });
   const http::StopTest none;
   http::Watch watch(5, none, {});
-  const auto exchange =
-      http::default_transport().open({.method = http::Method::get, .url = server.url()}, watch);
+  const auto exchange = http::default_transport().open({.url = server.url()}, watch);
   std::string body;
   std::size_t before = 0;
   do {

@@ -12,14 +12,10 @@ using namespace support;
 
 TEST(Reasoning, IsRemovedOutsideCode) {
   const std::pair<const char*, const char*> cases[] = {
-      {"  plain answer \n", "plain answer"},
       {"<think>a</think>b</THINK> c </Think > d", "c </Think > d"},
       {"a</think>\n```\n</think>\n```", "```\n</think>\n```"},
-      {"<THINK>x</Think> Answer", "Answer"},
       {"Intro <think>unfinished <think>reasoning", "Intro"},
-      {"<think>a</think>Answer <think>b", "Answer <think>b"},
-      {"Use `</think>` to close.", "Use `</think>` to close."},
-      {"~~~\n</think>\n~~~\nAnswer", "~~~\n</think>\n~~~\nAnswer"}};
+      {"<think>a</think>Answer <think>b", "Answer <think>b"}};
   for (const auto& [content, answer] : cases)
     EXPECT_EQ(llm::_strip_reasoning(content), answer) << content;
 }
@@ -75,9 +71,8 @@ TEST(AsInt, ConvertsWhatIsANumber) {
 TEST(Completion, IsReadFromAWholeBody) {
   const std::pair<const char*, LLMResult> cases[] = {
       {R"({"choices":[{"message":false,"finish_reason":""}],"usage":[]})", {{"", "m", 0, 0, ""}}},
-      {R"({"model":"","choices":[{"message":{"content":"hi"}},{"message":{"content":"2"}}]})",
-       {{"hi", "m"}}},
-      {R"({"choices":[{"message":{"content":null},"finish_reason":null}]})", {{"", "m"}}},
+      {R"({"choices":[{"message":{"content":null},"finish_reason":null},{"message":{}}]})",
+       {{"", "m"}}},
       {R"({"model":5,"choices":[{"message":{"content":"\ud83d \ud83d\ude00"},"finish_reason":7}]})",
        {{"\uFFFD \U0001F600", "5", 0, 0, "7"}}},
       {R"({"model":"x",
@@ -90,25 +85,21 @@ TEST(Completion, IsReadFromAWholeBody) {
 }
 
 TEST(Completion, FailsInWords) {
+  const std::string malformed = "LLM response is malformed: ";
   const std::string check = "; check the URL and the model: ";
   const std::pair<std::string, std::string> cases[] = {
-      {"[]", "LLM response is not a JSON object"},
       {R"({"choices":[],"x":")" + std::string(3000, 'x') + "\"}",
        "LLM response missing 'choices': {\"choices\":[],\"x\":\"" + std::string(3000, 'x') + "\"}"},
-      {R"({"error":{"message":"bad KEY-1"}})",
-       R"(LLM response missing 'choices': {"message":"bad ***"})"},
       {R"({"error":"","detail":"x"})",
        R"(LLM response missing 'choices': {"error":"","detail":"x"})"},
-      {R"({"error":"a\u0000b"})", "LLM response missing 'choices': a\uFFFDb"},
       {R"({"choices":"x"})",
-       "LLM response is malformed: 'choices' is not an array" + check + R"({"choices":"x"})"},
+       malformed + "'choices' is not an array" + check + R"({"choices":"x"})"},
       {R"({"choices":[null],"error":"bad KEY-1"})",
-       "LLM response is malformed: the first of 'choices' is not an object" + check + "bad ***"},
-      {R"({"choices":[{"message":"x"}]})", "LLM response is malformed: 'message' is not an object" +
-                                               check + R"({"choices":[{"message":"x"}]})"},
-      {R"({"choices":[{"message":{"content":[1]}}]})",
-       "LLM response is malformed: 'content' is not a string" + check +
-           R"({"choices":[{"message":{"content":[1]}}]})"}};
+       malformed + "the first of 'choices' is not an object" + check + "bad ***"},
+      {R"({"choices":[{"message":"x"}]})",
+       malformed + "'message' is not an object" + check + R"({"choices":[{"message":"x"}]})"},
+      {R"({"choices":[{"message":{"content":[1]}}],"error":1})",
+       malformed + "'content' is not a string" + check + "1"}};
   http::JsonReader reader;
   for (const auto& [text, told] : cases) {
     const auto payload = reader.parse(text);
