@@ -3,8 +3,8 @@
 //
 //   peers NAME URL CA_FILE RETRIES SECONDS SEED LOG
 //
-// Each call has a path of its own, so that LOG, with lines "CLIENT_PORT PATH", tells whether a
-// request came twice. Prints a row of a table, then the texts of the errors.
+// Each call has a path of its own, so that LOG, with the path of a request a line, tells whether
+// one came twice. Prints a row of a table, then the texts of the errors.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -12,8 +12,6 @@
 #include <map>
 #include <mutex>
 #include <random>
-#include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,16 +30,24 @@ constexpr int CALLERS = 16;
 // So many make the same pauses, to have several connections idle at a time.
 constexpr int GANG = 8;
 
-// One request in so many may meet a server that closes in the very moment of sending. No client can
+// One call in so many may meet a server that closes in the very moment of sending. No client can
 // see that, and only a retry helps.
-constexpr int REQUESTS_PER_RACE = 50;
+constexpr int CALLS_PER_RACE = 50;
 
-// What was made, and what the server saw of it.
-struct Counts {
-  std::map<std::string, int> attempts, requests;  // by path
-  std::map<std::string, int> errors;              // by text
-  std::set<std::string> ports;
-  int failed = 0;
+// The attempts and the requests of one call.
+struct Made {
+  int attempts = 0;
+  int requests = 0;
+};
+
+// What all callers share.
+struct Run {
+  std::string url;
+  int retries;
+  std::shared_ptr<http::Transport> transport;
+  std::mutex mutex{};
+  std::map<std::string, Made> calls{};  // by path
+  std::vector<std::string> errors{};
 };
 
 // Half of the pauses are about a second, when the server closes.
@@ -51,102 +57,49 @@ std::chrono::duration<double> pause(std::mt19937_64& dice) {
       std::uniform_real_distribution(near ? 0.97 : 0.0, near ? 1.03 : 3.0)(dice));
 }
 
-class Run {
- public:
-  Run(std::string name, std::string url, const std::string& ca_file, int retries)
-      : _name(std::move(name)),
-        _url(std::move(url)),
-        _retries(retries),
-        _transport(http::make_transport({.ca_file = ca_file})) {}
-
-  Counts make(std::chrono::seconds period, std::uint64_t seed) {
-    const auto end = http::Clock::now() + period;
-    std::vector<std::jthread> callers;
-    callers.reserve(CALLERS);
-    for (unsigned i = 0; i < CALLERS; ++i) {
-      callers.emplace_back([this, end, i, seed] {
-        std::mt19937_64 dice(seed * CALLERS + i / GANG);
-        for (int n = 0; http::Clock::now() < end; ++n) {
-          call(_name + "." + std::to_string(i) + "." + std::to_string(n) + "/", n);
-          std::this_thread::sleep_for(pause(dice));
-        }
-      });
-    }
-    callers.clear();
-    return std::move(_made);
+void call(Run& run, const std::string& path, bool stream) {
+  Made made{.attempts = 1};
+  const auto wait = [&](double period_s, auto& should_stop, auto deadline) {
+    http::wait_unless_stopped(period_s, should_stop, deadline);
+    ++made.attempts;
+  };
+  std::string error;
+  try {
+    const llm::LLMClient client({.base_url = run.url + path,
+                                 .model = "m",
+                                 .api_key = getenv("TOVREN_LLM_API_KEY"),  // NOLINT
+                                 .max_retries = run.retries,
+                                 .stream = stream},
+                                {.transport = run.transport, .wait = wait});
+    const std::string answer = client.chat({llm::user(path)}).content();
+    if (answer.find(path) == std::string::npos) error = "the answer of another call: " + answer;
+  } catch (const llm::LLMError& failure) {
+    error = failure.what();
   }
-
- private:
-  // The server answers every other call by itself, and passes on those between.
-  void call(const std::string& id, int number) {
-    const std::string folder = number % 2 != 0 ? "/v1/" : "/alone/";
-    int attempts = 1;
-    const auto wait = [&](double period_s, auto& should_stop, auto deadline) {
-      http::wait_unless_stopped(period_s, should_stop, deadline);
-      ++attempts;
-    };
-    std::string error;
-    try {
-      const llm::LLMClient client({.base_url = _url + folder + id,
-                                   .model = "m",
-                                   .api_key = getenv("TOVREN_LLM_API_KEY"),  // NOLINT
-                                   .max_retries = _retries,
-                                   .stream = number % 4 < 2},
-                                  {.transport = _transport, .wait = wait});
-      const std::string answer = client.chat({llm::user(id)}).content();
-      if (answer.find(id) == std::string::npos) error = "the answer of another call: " + answer;
-    } catch (const llm::LLMError& failure) {
-      error = failure.what();
-    }
-    const std::lock_guard lock(_mutex);
-    _made.attempts[folder + id + "chat/completions"] = attempts;
-    if (error.empty()) return;
-    ++_made.failed;
-    ++_made.errors[error];
-  }
-
-  std::string _name, _url;
-  int _retries;
-  std::shared_ptr<http::Transport> _transport;
-  std::mutex _mutex;
-  Counts _made;
-};
-
-void read(const std::string& log, Counts& counts) {
-  std::ifstream file(log);
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words(line);
-    std::string port;
-    std::string path;
-    words >> port >> path;
-    if (!counts.attempts.contains(path)) continue;  // another run's, or a complaint
-    counts.ports.insert(port);
-    ++counts.requests[path];
-  }
+  const std::lock_guard lock(run.mutex);
+  run.calls[path + "chat/completions"] = made;
+  if (!error.empty()) run.errors.push_back(error);
 }
 
 // Prints a row of the table and the errors; true if all is well.
-bool judge(const std::string& name, int retries, Counts made) {
-  int attempts = 0;
+bool judge(const std::string& name, const Run& run) {
   int requests = 0;
   int unasked = 0;
-  for (const auto& [path, count] : made.attempts) {
-    attempts += count;
-    requests += made.requests[path];
-    unasked += std::max(0, made.requests[path] - count);
+  for (const auto& [path, made] : run.calls) {
+    requests += made.requests;
+    unasked += std::max(0, made.requests - made.attempts);
   }
-  const auto calls = static_cast<int>(made.attempts.size());
-  std::printf("%-18s%8d%8d%8d%10d%10d%12zu%9d\n", name.c_str(), retries, calls, made.failed,
-              attempts, requests, made.ports.size(), unasked);
-  int races = 0;
-  for (const auto& [text, count] : made.errors) {
-    std::printf("  %4d x %s\n", count, text.c_str());
-    const bool broke = text.find("connection broke") != std::string::npos;
-    const bool race = broke || text.find("empty reply") != std::string::npos;
-    races += retries == 0 && race ? count : 0;
-  }
-  return made.failed == races && races * REQUESTS_PER_RACE <= calls && unasked == 0 &&
-         requests >= calls - made.failed;
+  const auto calls = static_cast<int>(run.calls.size());
+  const auto failed = static_cast<int>(run.errors.size());
+  std::printf("%-18s%8d%8d%8d%10d%9d\n", name.c_str(), run.retries, calls, failed, requests,
+              unasked);
+  for (const std::string& error : run.errors) std::printf("  %s\n", error.c_str());
+  const auto races = std::ranges::count_if(run.errors, [](const std::string& error) {
+    return error.find("connection broke") != std::string::npos ||
+           error.find("empty reply") != std::string::npos;
+  });
+  return failed == races && failed * CALLS_PER_RACE <= (run.retries == 0 ? calls : 0) &&
+         unasked == 0 && requests >= calls - failed;
 }
 
 }  // namespace
@@ -157,12 +110,31 @@ int main(int argc, char** argv) {
     std::fputs("usage: peers NAME URL CA_FILE RETRIES SECONDS SEED LOG\n", stderr);
     return 2;
   }
-  const int retries = std::stoi(arguments[3]);
+  const std::string& name = arguments[0];
+  Run run{.url = arguments[1],
+          .retries = std::stoi(arguments[3]),
+          .transport = http::make_transport({.ca_file = arguments[2]})};
   const int seconds = std::stoi(arguments[4]);
+  const auto end = http::Clock::now() + std::chrono::seconds(seconds);
   alarm(static_cast<unsigned>(seconds) + 200);  // a call that never returns ends the run
-  Run run(arguments[0], arguments[1], arguments[2], retries);
-  Counts made = run.make(std::chrono::seconds(seconds), std::stoul(arguments[5]));
+  std::vector<std::jthread> callers;
+  for (int i = 0; i < CALLERS; ++i) {
+    callers.emplace_back([&, i] {
+      std::mt19937_64 dice(std::stoul(arguments[5]) * CALLERS + static_cast<unsigned>(i / GANG));
+      for (int n = 0; http::Clock::now() < end; ++n) {
+        // The server answers every other call by itself, and passes on those between.
+        const std::string folder = (n % 2 != 0 ? "/v1/" : "/alone/") + name;
+        call(run, folder + "." + std::to_string(i) + "." + std::to_string(n) + "/", n % 4 < 2);
+        std::this_thread::sleep_for(pause(dice));
+      }
+    });
+  }
+  callers.clear();
   std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the server writes its log
-  read(arguments[6], made);
-  return judge(arguments[0], retries, made) ? 0 : 1;
+  std::ifstream log(arguments[6]);
+  for (std::string path; std::getline(log, path);) {
+    const auto made = run.calls.find(path);
+    if (made != run.calls.end()) ++made->second.requests;  // or it is another run's
+  }
+  return judge(name, run) ? 0 : 1;
 }
