@@ -1,6 +1,4 @@
 // Records, and how a client is built from them.
-#include <climits>
-#include <cmath>
 #include <concepts>
 #include <cstdlib>
 #include <type_traits>
@@ -104,25 +102,6 @@ TEST(Client, NamesWhatIsMissing) {
     EXPECT_EQ(LLMClient(config).missing_settings(), missing);
     EXPECT_EQ(LLMClient(config).is_configured(), missing.empty()) << missing;
   }
-}
-
-TEST(Client, RefusesBadTimeLimits) {
-  for (const double timeout_s : {-5.0, std::nan("")}) {
-    const LLMClient client(
-        {.base_url = "http://h", .model = "m", .api_key = "k", .timeout_s = timeout_s});
-    const auto text = text_of<llm::LLMError>([&] { std::ignore = client.chat({}); });
-    EXPECT_TRUE(contains(text, "timeout_s")) << text;
-  }
-}
-
-TEST(Client, MayRetryForEver) {
-  const auto transport =
-      std::make_shared<Playback>(std::vector<Reply>{{.status = 503}, {.status = 418}});
-  const LLMClient client(
-      {.base_url = "http://h", .model = "m", .api_key = "k", .max_retries = INT_MAX},
-      {.transport = transport, .wait = [](double, auto&, auto) {}});
-  EXPECT_THROW(std::ignore = client.chat({}), llm::LLMError);
-  EXPECT_EQ(transport->requests().size(), 2U);
 }
 
 TEST(Factory, TakesEverythingFromTheConfigurationButTheKey) {
