@@ -5,13 +5,10 @@
 #include "endpoint/completion.hpp"
 
 namespace endpoint {
-namespace {
 
-Handler sending(int status, const std::string& body, const std::string& type = "application/json") {
+Handler sending(int status, const std::string& body, const std::string& type) {
   return [=](auto& exchange) { exchange.reply(status, body, type); };
 }
-
-}  // namespace
 
 Handler answering(std::string text, std::string finish_reason) {
   return [answer = Answer{std::move(text), std::move(finish_reason)}](auto& exchange) {
@@ -28,10 +25,6 @@ Endpoint::Endpoint(Handler chat, const loopback::Options& options)
 void Endpoint::does(Handler handler) {
   const std::lock_guard lock(_mutex);
   _handlers.push_back(std::move(handler));
-}
-
-void Endpoint::replies(int status, const std::string& body, const std::string& type) {
-  does(sending(status, body, type));
 }
 
 void Endpoint::exchanges(int status, const std::string& body) {

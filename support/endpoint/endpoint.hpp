@@ -13,6 +13,10 @@ namespace endpoint {
 
 using Handler = loopback::Server::Handler;
 
+/// A handler that sends a whole reply.
+[[nodiscard]] Handler sending(int status, const std::string& body,
+                              const std::string& type = "application/json");
+
 /// A handler that answers with `text`, streamed if a stream is asked for.
 [[nodiscard]] Handler answering(std::string text, std::string finish_reason = "stop");
 
@@ -28,7 +32,9 @@ class Endpoint {
     does(answering(text, finish_reason));
   }
 
-  void replies(int status, const std::string& body, const std::string& type = "application/json");
+  void replies(int status, const std::string& body, const std::string& type = "application/json") {
+    does(sending(status, body, type));
+  }
 
   /// Sets what requests for a Copilot token get.
   void exchanges(int status, const std::string& body);

@@ -7,26 +7,23 @@
 #include <spdlog/sinks/ostream_sink.h>
 #include <spdlog/spdlog.h>
 
+#include "endpoint/endpoint.hpp"
 #include "openai/loader.hpp"
 #include "support.hpp"
 
 namespace {
 
 using namespace support;
+using endpoint::Handler;
+using endpoint::sending;
 namespace openai = tovren_mapstead::openai;
 
 const bool LIBRARY = std::string_view(std::getenv("EXPECTED_PATH")) == "Library";
 const std::string KEY = "sk-KEY-12345";
 constexpr const char* EVENT_STREAM = "text/event-stream";
 
-struct Script {
-  int status;  // 0: the connection breaks
-  std::string body;
-  const char* type = "application/json";
-};
-
-Script stream(const std::string& body) {
-  return {200, body, EVENT_STREAM};
+Handler stream(const std::string& body) {
+  return sending(200, body, EVENT_STREAM);
 }
 
 std::string event(const std::string& json) {
@@ -37,51 +34,38 @@ std::string delta(const std::string& content, const std::string& rest = "") {
   return event(R"({"model":"x","choices":[{"delta":{"content":")" + content + "\"}" + rest + "}]}");
 }
 
-Script whole(const std::string& content) {
-  return {200, R"({"model":"x","choices":[{"message":{"content":)" + content +
-                   R"(},"finish_reason":"stop"}],)"
-                   R"("usage":{"prompt_tokens":1,"completion_tokens":"2"}})"};
+Handler whole(const std::string& content) {
+  return sending(200, R"({"model":"x","choices":[{"message":{"content":)" + content +
+                          R"(},"finish_reason":"stop"}],)"
+                          R"("usage":{"prompt_tokens":1,"completion_tokens":"2"}})");
 }
 
 const std::string FINISH = R"(,"finish_reason":"stop")";
 const std::string USAGE =
     event(R"({"choices":[],"usage":{"prompt_tokens":1,"completion_tokens":2.0}})");
 const std::string EVENTS = delta("<think>a</think> h") + delta("i", FINISH) + USAGE;
-const Script STREAMED = stream(EVENTS + "data: [DONE]\n\n");
-const Script WHOLE = whole("\"hi\"");
+const Handler STREAMED = stream(EVENTS + "data: [DONE]\n\n");
+const Handler WHOLE = whole("\"hi\"");
 // Names both features: JSON mode goes first.
-const Script NO_JSON{400, "no Response_Format, no Streams"};
-const Script NO_STREAM{400, "Stream?"};
+const Handler NO_JSON = sending(400, "no Response_Format, no Streams");
+const Handler NO_STREAM = sending(400, "Stream?");
+const Handler BREAK = [](Exchange& exchange) { exchange.reset(); };
 const LLMResult HI{{"hi", "x", 1, 2, "stop"}};
 
-// A server that replies as it is told and keeps the requests.
 class Paths : public testing::Test {
  protected:
   // `replies`: one after the other, the last one again and again.
-  LLMResult ask(std::vector<Script> replies, bool stream, bool json) {
-    {
-      const std::lock_guard lock(_mutex);
-      _replies = std::move(replies);
-      requests.clear();
-    }
+  LLMResult ask(const std::vector<Handler>& replies, bool stream, bool json) {
+    server.forget();
+    for (const Handler& reply : replies) server.does(reply);
     const LLMClient client(
-        {.base_url = _server.url() + "//", .model = "m", .api_key = KEY, .stream = stream},
+        {.base_url = server.url() + "//", .model = "m", .api_key = KEY, .stream = stream},
         {.wait = [](double, auto&, auto) {}});
     return client.chat({llm::system("Be brief"), llm::user("Hello")},
                        {.temperature = 0.0, .max_tokens = 9, .response_json = json});
   }
 
-  std::vector<loopback::Request> requests;
-
- private:
-  std::mutex _mutex;
-  std::vector<Script> _replies;
-  Server _server{[this](Exchange& exchange) {
-    const std::lock_guard lock(_mutex);
-    const Script& script = _replies[std::min(requests.size(), _replies.size() - 1)];
-    requests.push_back(exchange.request());
-    script.status == 0 ? exchange.reset() : exchange.reply(script.status, script.body, script.type);
-  }};
+  endpoint::Endpoint server;
 };
 
 TEST_F(Paths, SendTheSameRequest) {
@@ -89,9 +73,9 @@ TEST_F(Paths, SendTheSameRequest) {
       R"({"model":"m","messages":[{"role":"system","content":"Be brief"},)"
       R"({"role":"user","content":"Hello"}],"temperature":0.0,"max_tokens":9)";
   ask({WHOLE}, false, false);
-  EXPECT_EQ(requests.at(0).body, common + "}");
+  EXPECT_EQ(server.asked().at(0).body, common + "}");
   ask({STREAMED}, true, true);
-  const loopback::Request& request = requests.at(0);
+  const loopback::Request request = server.asked().at(0);
   EXPECT_EQ(request.body, common + R"(,"stream":true,"stream_options":{"include_usage":true},)"
                                    R"("response_format":{"type":"json_object"}})");
   EXPECT_EQ(request.method + request.target, "POST/chat/completions");
@@ -106,7 +90,7 @@ TEST_F(Paths, WarnOfWhatTheProviderRejects) {
   logger->set_pattern("%l %v");
   spdlog::register_logger(logger);
   EXPECT_EQ(ask({NO_STREAM, NO_JSON, WHOLE}, true, true), HI);
-  EXPECT_TRUE(contains(requests.at(1).body, "response_format"));
+  EXPECT_TRUE(contains(server.asked().at(1).body, "response_format"));
   spdlog::drop(logger->name());
   EXPECT_EQ(log.str(),
             "warning provider rejected streaming; retrying without it\n"
@@ -119,11 +103,11 @@ TEST_F(Paths, LeadToTheSameAnswers) {
   struct Case {
     const char* name;
     std::string asked;  // a letter a request: b both features, s streaming, j JSON mode, - neither
-    std::vector<Script> replies;
+    std::vector<Handler> replies;
     std::variant<LLMResult, std::string> outcome = HI;  // or part of the error's text
   };
 
-  const Script refusal{200, R"({"error":")" + KEY + "\"}"};
+  const Handler refusal = sending(200, R"({"error":")" + KEY + "\"}");
   const Case cases[] = {
       {"whole where a stream was asked for", "s", {WHOLE}},
       // The library's whole replies are passed on as they are.
@@ -137,7 +121,8 @@ TEST_F(Paths, LeadToTheSameAnswers) {
        LLMResult{{"\U0001F600\uFFFD", "x"}}},
       {"no content, as with calls of tools, and empty members",
        "-",
-       {{200, R"({"model":"","choices":[{"message":{"content":null},"finish_reason":""}]})"}},
+       {sending(200,
+                R"({"model":"","choices":[{"message":{"content":null},"finish_reason":""}]})")},
        LLMResult{{"", "m", 0, 0, ""}}},
       {"empty members and two choices",
        "s",
@@ -148,13 +133,13 @@ TEST_F(Paths, LeadToTheSameAnswers) {
        "s",
        {stream(EVENTS + event(R"({"usage":{"prompt_tokens":null,"completion_tokens":null}})"))}},
       {"neither JSON mode nor streams", "bs-", {NO_JSON}, "HTTP 400"},
-      {"busy, then broken off", "sss", {{503, ""}, {0, ""}, STREAMED}},
+      {"busy, then broken off", "sss", {sending(503, ""), BREAK, STREAMED}},
       {"cut in a character", "ss", {stream(delta("x").substr(0, 51) + "\xC3"), STREAMED}},
-      {"bad key", "s", {{401, KEY}}, "failed with HTTP 401 (check the API key): ***"},
+      {"bad key", "s", {sending(401, KEY)}, "failed with HTTP 401 (check the API key): ***"},
       {"no choices", "-", {refusal}, "response missing 'choices': "},
       {"no choices where a stream was asked for", "s", {refusal}, "choices"},
-      {"no JSON", "-", {{200, "<" + KEY}}, "the reply is not JSON"},
-      {"no object", "-", {{200, "[]"}}, "is not a JSON object"},
+      {"no JSON", "-", {sending(200, "<" + KEY)}, "the reply is not JSON"},
+      {"no object", "-", {sending(200, "[]")}, "is not a JSON object"},
       {"an error after the answer",
        "s",
        {stream(EVENTS + event(R"({"error":1,"model":"y","usage":{"prompt_tokens":9},)"
@@ -182,7 +167,7 @@ TEST_F(Paths, LeadToTheSameAnswers) {
       EXPECT_FALSE(contains(text, "sk-KE")) << text;
     }
     std::string asked;
-    for (const loopback::Request& request : requests) {
+    for (const loopback::Request& request : server.asked()) {
       const bool streamed = contains(request.body, R"("stream":true)");
       asked += "-jsb"[2 * streamed + contains(request.body, "response_format")];
       EXPECT_EQ(request.headers.at("accept") == EVENT_STREAM, streamed);
@@ -196,8 +181,8 @@ TEST(Binding, ShowsNoKey) {
   if (!LIBRARY) GTEST_SKIP() << "no library";
 
   const std::string error = R"({"error":")" + KEY + R"(\u0000!"})";
-  for (const Script& script : {stream(event(error)), Script{200, error}}) {
-    Server server([&](Exchange& exchange) { exchange.reply(200, script.body, script.type); });
+  for (const Handler& reply : {stream(event(error)), sending(200, error)}) {
+    const Server server(reply);
     const auto client = openai::load_library().open({.base_url = server.url(), .api_key = KEY});
     const auto text = text_of<openai::OpenAIError>([&] {
       std::get<1>(client->create_chat_completion({.model = "m", .messages = {}, .stream = true}))
