@@ -52,7 +52,6 @@ TEST(Library, MayFailInEveryWay) {
       {"409", false, tries},
       {"422", false, failed},
       {"429", false, tries},
-      {"500", false, tries},
       {"501", false, tries},
       {"599", false, tries + "status ***"},
       {"600", false, failed},

@@ -18,7 +18,7 @@ using endpoint::Handler;
 using endpoint::sending;
 namespace openai = tovren_mapstead::openai;
 
-const bool LIBRARY = std::string_view(std::getenv("EXPECTED_PATH")) == "Library";
+const bool LIBRARY = std::string_view(std::getenv("LD_LIBRARY_PATH")) != "";
 const std::string KEY = "sk-KEY-12345";
 constexpr const char* EVENT_STREAM = "text/event-stream";
 
