@@ -1,7 +1,7 @@
 # Runs the example NAME against a test endpoint.
 # PROGRAM: the example; WITH: with_endpoint; SOURCE: this repository; WORK: a folder to work in
 cmake_minimum_required(VERSION 3.25)
-set(ENV ${CMAKE_COMMAND} -E env)
+set(run ${WITH} ${PROGRAM} {url} m)
 
 # expect(STATUS STDOUT STDERR COMMAND...): checks a command's exit status, and its output by regular
 # expressions.
@@ -16,23 +16,24 @@ endfunction()
 
 # expect_no_description(ANSWER WHY): checks how `json_mode` refuses an answer.
 function(expect_no_description answer why)
-  expect(1 "^$" "^json_mode: the answer [^\n]*${why}[^\n]*\n$"
-         ${ENV} "ENDPOINT_ANSWER=${answer}" ${WITH} ${PROGRAM} {url} m "a tale")
+  set(ENV{ENDPOINT_ANSWER} ${answer})
+  expect(1 "^$" "^json_mode: the answer [^\n]*${why}[^\n]*\n$" ${run} "a tale")
 endfunction()
 
 # expect_on_terminal(ANSWER SHOWN): checks what `ask` shows of an answer.
 function(expect_on_terminal answer shown)
-  expect(0 "${shown}\nmodel=" "^$" ${ENV} "ENDPOINT_ANSWER=${answer}"
+  set(ENV{ENDPOINT_ANSWER} ${answer})
+  expect(0 "${shown}\nmodel=" "^$"
          script -qec "${WITH} ${PROGRAM} --base-url {url} --model m --prompt Why?" /dev/null)
 endfunction()
 
 if(NAME STREQUAL quickstart)
-  expect(0 "^m was asked: Why\\?\n$" "^$" ${WITH} ${PROGRAM} {url} m Why?)
+  expect(0 "^m was asked: Why\\?\n$" "^$" ${run} Why?)
   expect(1 "^$" "^quickstart: cannot write[^\n]*\n$"
          ${WITH} sh -c "\"$0\" $1 m >/dev/full" ${PROGRAM} {url})
 
 elseif(NAME STREQUAL json_mode)
-  expect(0 "^m was asked: a tale\n- demo\n- loopback\n$" "^$" ${WITH} ${PROGRAM} {url} m "a tale")
+  expect(0 "^m was asked: a tale\n- demo\n- loopback\n$" "^$" ${run} "a tale")
   string(REPEAT "x" 6001 long)
   expect_no_description("text" "is not JSON")
   expect_no_description("{\"summary\": \"s\", \"tags\": [1]}" "another shape")
@@ -60,9 +61,10 @@ elseif(NAME STREQUAL ask)
 
 elseif(NAME STREQUAL event_loop)
   string(REPEAT "m was asked: [abcdef]\n" 6 answers)
-  expect(0 "^${answers}$" "^(tick\n)*$" ${WITH} ${PROGRAM} {url} m 60 a b c d e f)
+  expect(0 "^${answers}$" "^(tick\n)*$" ${run} 60 a b c d e f)
+  set(ENV{ENDPOINT_LIMIT} 1)
   expect(1 "^m was asked: [^\n]*\n$" "^tick\ntick\n.*5 calls were stopped\n$"
-         ${ENV} ENDPOINT_LIMIT=1 ${WITH} ${PROGRAM} {url} m 1 a b c d e f)
+         ${run} 1 a b c d e f)
 
 elseif(NAME STREQUAL wiki)
   # A tree with files that are not text, a loop of links, and hidden files.
@@ -78,18 +80,19 @@ elseif(NAME STREQUAL wiki)
   file(WRITE ${tree}/c/d/d.txt "text\n${long}")
   file(WRITE ${tree}/b/latin1.txt "${bytes}\n")
   file(CREATE_LINK . ${tree}/loop SYMBOLIC)
-  set(wiki ${WITH} ${PROGRAM} {url} m ${tree})
   expect(1 "^$" "^\n[^\n]*HTTP 401[^\n]*\n\n0 of 4 pages\n$"
-         ${WITH} ${ENV} TOVREN_LLM_API_KEY=another ${PROGRAM} {url} m ${tree} ${WORK}/none)
+         ${WITH} env TOVREN_LLM_API_KEY=another ${PROGRAM} {url} m ${tree} ${WORK}/none)
   # The endpoint never answers the fourth call.
+  set(ENV{ENDPOINT_LIMIT} 3)
   expect(130 "^$" "\n3 of 4 pages\n$"
-         ${ENV} ENDPOINT_LIMIT=3 timeout --preserve-status -s INT 2 ${wiki} ${WORK}/part)
-  foreach(run IN ITEMS first second)  # the second must not describe the pages of the first
-    expect(0 "^$" "4 of 4 pages\n$" ${wiki} ${tree}/wiki)
+         timeout --preserve-status -s INT 2 ${run} ${tree} ${WORK}/part)
+  unset(ENV{ENDPOINT_LIMIT})
+  foreach(time IN ITEMS first second)  # the second must not describe the pages of the first
+    expect(0 "^$" "4 of 4 pages\n$" ${run} ${tree} ${tree}/wiki)
     file(READ ${tree}/wiki/index.md index)
     string(REGEX MATCHALL "<[^>]*>" links "${index}")
     if(NOT links STREQUAL "<./wiki.md>;<./b/wiki.md>;<./c/d/wiki.md>;<./e f/wiki.md>")
-      message(SEND_ERROR "${run}: ${links}")
+      message(SEND_ERROR "${time}: ${links}")
     endif()
   endforeach()
   file(READ ${tree}/wiki/c/d/wiki.md page)

@@ -1,34 +1,8 @@
 #include "endpoint/completion.hpp"
 
 #include <algorithm>
-#include <vector>
 
 namespace endpoint {
-namespace {
-
-// The answer in pieces of some bytes, the finish reason, the token counts and the end marker.
-std::vector<std::string> events_of(const Json& model, const Json& usage, const Answer& answer) {
-  constexpr std::size_t PIECE_BYTES = 24;
-  std::vector<std::string> events;
-  const auto add = [&](const Json& choices, const Json& counts) {
-    const Json event{{"model", model}, {"choices", choices}, {"usage", counts}};
-    events.push_back("data: " + event.dump() + "\n\n");
-  };
-  const auto choice = [](const Json& delta, const Json& finish_reason) {
-    return Json::array({{{"index", 0}, {"delta", delta}, {"finish_reason", finish_reason}}});
-  };
-  for (std::string_view rest = answer.text; !rest.empty();) {
-    const std::string_view piece = start_of(rest, PIECE_BYTES);
-    rest.remove_prefix(piece.size());
-    add(choice({{"content", piece}}, nullptr), nullptr);
-  }
-  add(choice(Json::object(), answer.finish_reason), nullptr);
-  add(Json::array(), usage);
-  events.emplace_back("data: [DONE]\n\n");
-  return events;
-}
-
-}  // namespace
 
 std::string_view start_of(std::string_view text, std::size_t bytes) {
   std::size_t size = std::min(bytes, text.size());
@@ -38,25 +12,37 @@ std::string_view start_of(std::string_view text, std::size_t bytes) {
 
 void reply(loopback::Exchange& exchange, const Json& asked, const Answer& answer,
            std::chrono::milliseconds pause, std::size_t chunk_bytes) {
-  const Json& model = asked.at("model");
+  constexpr std::size_t PIECE_BYTES = 24;
   const Json usage{{"prompt_tokens", exchange.request().body.size() / BYTES_PER_TOKEN},
                    {"completion_tokens", answer.text.size() / BYTES_PER_TOKEN}};
+  const auto body = [model = asked.at("model")](const Json& choices, const Json& counts) {
+    return Json{{"model", model}, {"choices", choices}, {"usage", counts}}.dump();
+  };
+  const auto choice = [](const char* part, const Json& value, const Json& finish_reason) {
+    return Json::array({{{"index", 0}, {part, value}, {"finish_reason", finish_reason}}});
+  };
   if (!asked.value("stream", false)) {
-    const Json choice{{"index", 0},
-                      {"message", {{"role", "assistant"}, {"content", answer.text}}},
-                      {"finish_reason", answer.finish_reason}};
-    const Json whole{{"model", model}, {"choices", Json::array({choice})}, {"usage", usage}};
-    return exchange.reply(200, whole.dump());
+    const Json message{{"role", "assistant"}, {"content", answer.text}};
+    return exchange.reply(200, body(choice("message", message, answer.finish_reason), usage));
   }
-  exchange.start_stream();
-  for (const std::string& event : events_of(model, usage, answer)) {
+  const auto send = [&](const std::string& data) {
     exchange.pause(pause);
+    const std::string event = "data: " + data + "\n\n";
     for (std::string_view rest = event; !rest.empty();) {
       const std::string_view some = rest.substr(0, chunk_bytes);
-      if (!exchange.chunk(some)) return;
+      exchange.chunk(some);
       rest.remove_prefix(some.size());
     }
+  };
+  exchange.start_stream();
+  for (std::string_view rest = answer.text; !rest.empty();) {
+    const std::string_view piece = start_of(rest, PIECE_BYTES);
+    rest.remove_prefix(piece.size());
+    send(body(choice("delta", {{"content", piece}}, nullptr), nullptr));
   }
+  send(body(choice("delta", Json::object(), answer.finish_reason), nullptr));
+  send(body(Json::array(), usage));
+  send("[DONE]");
   exchange.end_stream();
 }
 

@@ -6,9 +6,8 @@
 
 namespace endpoint {
 
-Handler sending(int status, std::string body, std::string type, std::string headers) {
-  return [status, body = std::move(body), type = std::move(type), headers = std::move(headers)](
-             loopback::Exchange& exchange) { exchange.reply(status, body, type, headers); };
+Handler sending(int status, const std::string& body, const std::string& type) {
+  return [=](auto& exchange) { exchange.reply(status, body, type); };
 }
 
 Handler answering(std::string text, std::string finish_reason) {

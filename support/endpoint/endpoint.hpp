@@ -14,8 +14,8 @@ namespace endpoint {
 using Handler = loopback::Server::Handler;
 
 /// A handler that sends a whole reply.
-[[nodiscard]] Handler sending(int status, std::string body, std::string type = "application/json",
-                              std::string headers = "");
+[[nodiscard]] Handler sending(int status, const std::string& body,
+                              const std::string& type = "application/json");
 
 /// A handler that answers with `text`, streamed if a stream is asked for.
 [[nodiscard]] Handler answering(std::string text, std::string finish_reason = "stop");
@@ -28,12 +28,12 @@ class Endpoint {
 
   void does(Handler handler);
 
-  void replies(int status, const std::string& body, const std::string& type = "application/json") {
-    does(sending(status, body, type));
-  }
-
   void answers(const std::string& text, const std::string& finish_reason = "stop") {
     does(answering(text, finish_reason));
+  }
+
+  void replies(int status, const std::string& body, const std::string& type = "application/json") {
+    does(sending(status, body, type));
   }
 
   /// Sets what requests for a Copilot token get.

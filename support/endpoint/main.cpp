@@ -15,21 +15,19 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <exception>
+#include <cstring>
 #include <iostream>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "endpoint/completion.hpp"
-#include "endpoint/endpoint.hpp"
+#include "loopback/server.hpp"
 
 namespace {
 
@@ -37,9 +35,9 @@ using endpoint::Json;
 
 constexpr const char* KEY = "with-endpoint-test-key";
 
-int limit_of_requests() {
-  const char* const text = std::getenv("ENDPOINT_LIMIT");  // NOLINT(concurrency-mt-unsafe)
-  return text == nullptr ? INT_MAX : std::stoi(text);
+std::string variable(const char* name, const std::string& otherwise) {
+  const char* const text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
+  return text == nullptr ? otherwise : text;
 }
 
 // What the model says to a request, as far as its limit of tokens allows.
@@ -55,8 +53,7 @@ endpoint::Answer answer_to(const Json& asked) {
   if (asked.contains("response_format")) {
     text = Json{{"summary", text}, {"tags", {"demo", "loopback"}}}.dump();
   }
-  const char* const given = std::getenv("ENDPOINT_ANSWER");  // NOLINT(concurrency-mt-unsafe)
-  if (given != nullptr) text = given;
+  text = variable("ENDPOINT_ANSWER", text);
   const auto limit = asked.value("max_tokens", std::size_t{4096}) * endpoint::BYTES_PER_TOKEN;
   if (text.size() <= limit) return {.text = text};
   return {.text = std::string(endpoint::start_of(text, limit)), .finish_reason = "length"};
@@ -67,9 +64,6 @@ void serve(loopback::Exchange& exchange) {
   const auto key = request.headers.find("authorization");
   if (key == request.headers.end() || key->second != std::string("Bearer ") + KEY) {
     return exchange.reply(401, "the API key is not that of this endpoint", "text/plain");
-  }
-  if (request.method != "POST" || !request.target.ends_with("/chat/completions")) {
-    return exchange.reply(404, "there is nothing but POST .../chat/completions", "text/plain");
   }
   try {
     const Json asked = Json::parse(request.body);
@@ -85,9 +79,8 @@ int run(char** command, std::string url) {
     if (*argument == std::string_view("{url}")) *argument = url.data();
   }
   pid_t child = 0;
-  const int error = posix_spawnp(&child, command[0], nullptr, nullptr, command, environ);
-  if (error != 0) {
-    std::cerr << command[0] << ": " << std::generic_category().message(error) << "\n";
+  if (const int error = posix_spawnp(&child, command[0], nullptr, nullptr, command, environ)) {
+    std::cerr << command[0] << ": " << std::strerror(error) << "\n";  // NOLINT
     return 127;
   }
   std::signal(SIGINT, SIG_IGN);  // Ctrl-C reaches the command, too, and is for it to judge
@@ -104,15 +97,10 @@ int main(int argc, char** argv) {
     std::cerr << "usage: with_endpoint COMMAND ARG...\n";
     return 2;
   }
-  try {
-    setenv("TOVREN_LLM_API_KEY", KEY, 1);  // NOLINT(concurrency-mt-unsafe): no threads yet
-    setenv("no_proxy", "*", 1);            // NOLINT(concurrency-mt-unsafe): no threads yet
-    std::atomic<int> left = limit_of_requests();
-    const endpoint::Endpoint served(
-        [&](auto& exchange) { left-- > 0 ? serve(exchange) : exchange.stall(); });
-    return run(argv + 1, served.url() + "/v1");
-  } catch (const std::exception& error) {
-    std::cerr << "with_endpoint: " << error.what() << "\n";
-    return 127;
-  }
+  setenv("TOVREN_LLM_API_KEY", KEY, 1);  // NOLINT(concurrency-mt-unsafe): no threads yet
+  setenv("no_proxy", "*", 1);            // NOLINT(concurrency-mt-unsafe): no threads yet
+  std::atomic<int> left = std::stoi(variable("ENDPOINT_LIMIT", "1000000"));
+  const loopback::Server server(
+      [&](auto& exchange) { left-- > 0 ? serve(exchange) : exchange.stall(); });
+  return run(argv + 1, server.url() + "/v1");
 }

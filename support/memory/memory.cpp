@@ -12,51 +12,44 @@
 
 namespace {
 
-std::atomic<std::size_t> used = 0;
-std::atomic<std::size_t> most = 0;
+std::atomic<std::ptrdiff_t> used = 0;
+std::atomic<std::ptrdiff_t> most = 0;
 thread_local std::ptrdiff_t own = 0;
 thread_local std::size_t until_failure = 0;  // 0: none is to fail
 thread_local bool has_failed = false;
 
-void count_in(void* block) {
-  const std::size_t size = malloc_usable_size(block);
-  own += static_cast<std::ptrdiff_t>(size);
-  const std::size_t now = used += size;
-  for (std::size_t seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {
+// `sign`: 1 for a block that comes into use, -1 for one that goes out of it.
+void count(void* block, int sign) {
+  const auto size = sign * static_cast<std::ptrdiff_t>(malloc_usable_size(block));
+  own += size;
+  const std::ptrdiff_t now = used += size;
+  for (std::ptrdiff_t seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {
   }
 }
 
-void count_out(void* block) {
-  const std::size_t size = malloc_usable_size(block);
-  own -= static_cast<std::ptrdiff_t>(size);
-  used -= size;
-}
-
 bool refused() {
-  if (until_failure == 0) return false;
-  --until_failure;
-  if (until_failure > 0) return false;
+  if (until_failure == 0 || --until_failure > 0) return false;
   return has_failed = true;
 }
 
 void* allocate(std::size_t size) {
   void* const block = refused() ? nullptr : std::malloc(size == 0 ? 1 : size);
-  if (block != nullptr) count_in(block);
+  if (block != nullptr) count(block, 1);
   return block;
 }
 
 void release(void* block) {
   if (block == nullptr) return;
-  count_out(block);
+  count(block, -1);
   std::free(block);
 }
 
 void* allocate_again(void* block, std::size_t size) {
   if (block == nullptr) return allocate(size);
   if (refused()) return nullptr;
-  count_out(block);
+  count(block, -1);
   void* const moved = std::realloc(block, size);
-  count_in(moved != nullptr ? moved : block);
+  count(moved != nullptr ? moved : block, 1);
   return moved;
 }
 
@@ -79,16 +72,13 @@ void* allocate_zeros(std::size_t count, std::size_t size) {
 
 namespace memory {
 
-std::size_t in_use() {
-  return used;
-}
-
-std::size_t peak() {
+std::ptrdiff_t forget_peak() {
+  most = used.load();
   return most;
 }
 
-void forget_peak() {
-  most = used.load();
+std::ptrdiff_t peak() {
+  return most;
 }
 
 std::ptrdiff_t balance() {

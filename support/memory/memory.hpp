@@ -6,10 +6,10 @@
 
 namespace memory {
 
-/// Bytes that are in use now, and the most that were since `forget_peak`; of all threads.
-[[nodiscard]] std::size_t in_use();
-[[nodiscard]] std::size_t peak();
-void forget_peak();
+/// The most bytes that were in use at once since `forget_peak`, which returns those that are now;
+/// of all threads.
+[[nodiscard]] std::ptrdiff_t peak();
+std::ptrdiff_t forget_peak();
 
 /// Bytes in use that this thread has allocated, less those that it has freed.
 [[nodiscard]] std::ptrdiff_t balance();

@@ -44,7 +44,14 @@ class Client final : public OpenAI {
  public:
   using Whole = std::variant<Completion, std::unique_ptr<ChunkStream>>;
 
-  explicit Client(ClientArguments arguments) : _made_with(std::move(arguments)) {}
+  explicit Client(ClientArguments arguments) : _made_with(std::move(arguments)) { ++alive; }
+
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  ~Client() override { --alive; }
+
+  static inline int alive = 0;
 
   Whole create_chat_completion(const CreateArguments& asked) override {
     const std::string& model = asked.model;
@@ -78,7 +85,8 @@ class Client final : public OpenAI {
 };
 
 std::unique_ptr<OpenAI> open(const ClientArguments& with) {
-  if (with.base_url == "http://no.client") return nullptr;
+  // That of an earlier attempt must be gone.
+  if (with.base_url == "http://no.client" || Client::alive > 0) return nullptr;
   return std::make_unique<Client>(with);
 }
 

@@ -1,7 +1,7 @@
 // What the documentation says in tables and not in code, tried out.
 #include <algorithm>
 #include <cmath>
-#include <string_view>
+#include <iterator>
 
 #include "faults/faults.hpp"
 #include "snippets/snippets.hpp"
@@ -9,121 +9,98 @@
 namespace snippets {
 namespace {
 
+using faults::Asked;
+using faults::Bound;
+using faults::Call;
+using faults::End;
 using faults::Outcome;
+using loopback::Exchange;
 
-// Makes calls, and keeps what each failure comes to.
-class Failures {
- public:
-  std::vector<Outcome> all;
-
+// How calls end that fail in all the ways which docs/errors.md tells of.
+std::vector<Outcome> outcomes() {
+  const auto refusing = [](int status) {
+    return [status](Exchange& exchange) { exchange.reply(status, "no"); };
+  };
+  const auto stalling = [](Exchange& exchange) { exchange.stall(); };
+  // Leaves a connection behind for the second attempt.
+  const auto resetting_the_second = [first = true](Exchange& exchange) mutable {
+    std::exchange(first, false) ? exchange.reply(503, "busy") : exchange.reset();
+  };
+  const auto refusing_its_token = [](Exchange& exchange) {
+    const bool asks_for_token = exchange.request().method == "GET";
+    exchange.reply(asks_for_token ? 200 : 401, R"({"token":"made-up","expires_at":9e9})");
+  };
+  std::vector<Call> calls{
+      {.name = "no key", .key = ""},
+      {.name = "odd key", .key = "sk-made-up\n"},
+      {.name = "odd URL", .url = "http://a b"},
+      {.name = "no server", .url = loopback::refused_url()},
+      {.name = "too long to look up", .url = "http://" + std::string(70, 'x') + ".invalid"},
+      {.name = "untrusted", .options = {.tls = true}, .trusted = false},
+      {.name = "no TLS", .scheme = "https"},
+      {.name = "busy, then reset", .serve = resetting_the_second},
+      {.name = "no next attempt",
+       .serve = refusing(503),
+       .bound = Bound::deadline,
+       .until = 300ms,
+       .wait = http::wait_unless_stopped},
+      {.name = "too late", .bound = Bound::deadline, .until = 0ms},
+      {.name = "stopped", .bound = Bound::stop, .until = 0ms},
+      {.name = "late", .serve = stalling, .bound = Bound::deadline},
+      {.name = "stopped meanwhile", .serve = stalling, .bound = Bound::stop},
+      {.name = "refused token", .serve = refusing_its_token, .asked = Asked::token}};
+  for (const int status : {401, 403, 418, 503}) {
+    calls.push_back({.name = "no token", .serve = refusing(status), .asked = Asked::token});
+  }
   // The faults of the catalogue that end by themselves or by a timeout.
-  void provoke_catalogue() {
-    for (const faults::Fault& fault : faults::catalogue()) {
-      const bool times_out = fault.streamed.end == faults::End::timeout;
-      const bool ends = times_out || fault.streamed.end == faults::End::soon;
-      if (fault.act == faults::Act::flood || !ends) continue;
-      serve([&](auto& exchange) { play(exchange, fault); });
-      ask({.base_url = server.url(), .timeout_s = times_out ? 0.1 : 10, .max_retries = 0});
-    }
+  for (const faults::Fault& fault : faults::catalogue()) {
+    const End end = fault.streamed.end;
+    if (fault.act == faults::Act::flood || (end != End::soon && end != End::timeout)) continue;
+    calls.push_back({.name = fault.name,
+                     .serve = [&](Exchange& exchange) { play(exchange, fault); },
+                     .timeout_s = end == End::timeout ? 0.1 : 10,
+                     .attempts = 1});
   }
-
-  // Settings, and what is asked.
-  void provoke_settings() {
-    const loopback::Server tls([](auto& exchange) { exchange.close(); }, {.tls = true});
-    for (const std::string& url :
-         {std::string(), std::string("ftp://h"), std::string("http://a b"), tls.url(),
-          "https" + server.url().substr(4), loopback::refused_url(),
-          "http://" + std::string(70, 'x') + ".invalid"}) {  // too long to be looked up
-      ask({.base_url = url});
-    }
-    ask({.base_url = server.url(), .api_key = "sk-made-up\n"});
-    ask({.base_url = server.url()}, {}, {llm::user("\xff")});
-    ask({.base_url = server.url()}, {.temperature = std::nan("")});
+  std::vector<Outcome> all{
+      faults::outcome_of([] { return llm::LLMClient({.base_url = "ftp://h"}).model(); }),
+      faults::outcome_of([] { return client.chat({llm::user("\xff")}).content(); }),
+      faults::outcome_of([] { return client.chat({}, {.temperature = NAN}).content(); })};
+  std::ranges::transform(calls, std::back_inserter(all), faults::make);
+  const loopback::Server proxy(refusing(503));
+  for (const std::string& url : {proxy.url(), loopback::refused_url()}) {
+    setenv("https_proxy", url.c_str(), 1);
+    all.push_back(faults::make({.name = "proxy", .url = "https://h"}));
   }
+  return all;
+}
 
-  // A second attempt, and bounds.
-  void provoke_bounds() {
-    const llm::LLMConfig::Fields fields{.base_url = server.url(), .max_retries = 1};
-    serve(endpoint::sending(503, "busy"));  // leaves a connection behind for the second attempt
-    server.does([](auto& exchange) { exchange.reset(); });
-    ask(fields);
-    keep([] {  // a second before the next attempt is too long
-      return client.chat({}, {.deadline = http::Clock::now() + 300ms}).content();
-    });
-    serve([](auto& exchange) { exchange.stall(); });
-    ask(fields, {.deadline = http::Clock::now()});
-    ask(fields, {.deadline = http::Clock::now() + 100ms});
-    ask(fields, {.should_stop = [] { return true; }});
-    ask(fields, {.should_stop = [asked = 0]() mutable { return ++asked > 5; }});
-  }
-
-  // Copilot, and a proxy that refuses or is not there.
-  void provoke_others() {
-    for (const int status : {401, 403, 418, 503, 200}) {
-      serve(endpoint::sending(401, "no"));
-      if (status != 200) server.exchanges(status, "no");
-      ask({.provider = "copilot", .base_url = "https://h"}, {}, {}, loopback::detour(server.url()));
-    }
-    const loopback::Server proxy([](auto& exchange) { exchange.reply(503, ""); });
-    for (const std::string& url : {proxy.url(), loopback::refused_url()}) {
-      setenv("https_proxy", url.c_str(), 1);
-      ask({.base_url = "https://h"});
-      unsetenv("https_proxy");
-    }
-  }
-
- private:
-  static void serve(const endpoint::Handler& handler) {
-    server.forget();
-    server.does(handler);
-  }
-
-  void keep(const std::function<std::string()>& call) {
-    const Outcome seen = faults::outcome_of(call);
-    if (seen.end != "answer") all.push_back(seen);
-  }
-
-  void ask(llm::LLMConfig::Fields fields, const llm::ChatOptions& options = {},
-           const llm::Messages& about = {},
-           const std::shared_ptr<http::Transport>& transport = http::make_transport()) {
-    fields.model = "m";
-    if (!fields.api_key) fields.api_key = "sk-made-up-key";
-    keep([&] {
-      return llm::LLMClient(fields, {.transport = transport, .wait = [](double, auto&, auto) {}})
-          .chat(about, options)
-          .content();
-    });
-  }
-};
-
-// A row of a table that begins with an error's text, "…" for what varies.
+// A row of a table that begins with a text, "…" for what varies. The table of errors has their type
+// in the second column.
 struct Row {
-  std::vector<std::string> cells;
+  std::string pattern, second;
   int line;
   bool seen = false;
 
   [[nodiscard]] bool shows(const std::string& text) const {
     const std::string any = "…";
-    const std::string& pattern = cells[0];
-    if (pattern.find(any) == std::string::npos) return text == pattern;
-    return text.starts_with(pattern.substr(0, pattern.find(any))) &&
+    const std::size_t first = pattern.find(any);
+    if (first == std::string::npos) return text == pattern;
+    return text.starts_with(pattern.substr(0, first)) &&
            text.ends_with(pattern.substr(pattern.rfind(any) + any.size()));
   }
 };
 
-// The rows of docs/errors.md: those of errors have three cells, those of last failures two.
 std::vector<Row> rows() {
   std::vector<Row> found;
   std::ifstream page(ERRORS_PAGE);
   int number = 0;
   for (std::string line; ++number, std::getline(page, line);) {
-    if (!line.starts_with("| `") || line.find("::") < line.find(" |")) continue;
-    Row row{.cells = {}, .line = number};
-    for (std::size_t begin = 2, end = 0; (end = line.find(" |", begin)) != std::string::npos;) {
-      row.cells.push_back(line.substr(begin, end - begin));
-      begin = end + 3;
-    }
-    std::erase(row.cells[0], '`');
+    const std::size_t first = line.find(" |", 1);
+    if (!line.starts_with("| `") || line.find("::") < first) continue;
+    Row row{.pattern = line.substr(2, first - 2),
+            .second = line.substr(first + 3, line.find(" |", first + 3) - first - 3),
+            .line = number};
+    std::erase(row.pattern, '`');
     found.push_back(row);
   }
   return found;
@@ -132,25 +109,20 @@ std::vector<Row> rows() {
 }  // namespace
 
 void every_row_is_provoked() {
-  Failures failures;
-  failures.provoke_catalogue();
-  failures.provoke_settings();
-  failures.provoke_bounds();
-  failures.provoke_others();
   std::vector<Row> rows = snippets::rows();
-  const auto show = [&](const std::string& text, const std::string& end) {
+  const auto show = [&](const std::string& text, const std::string& type) {
     const auto row = std::ranges::find_if(rows, [&](const Row& each) {
-      return each.cells.size() == (end.empty() ? 2 : 3) && each.shows(text);
+      return each.shows(text) && (type.empty() || each.second == type);
     });
-    check(row != rows.end(), "no row shows: " + text.substr(0, 300));
-    check(end.empty() || row->cells[1] == end, end, row->line);
+    check(row != rows.end(), "no row shows: " + type + ": " + text.substr(0, 300));
     row->seen = true;
   };
   const std::string words = "last failure: ";
-  for (const Outcome& failure : failures.all) {
-    show(failure.text, failure.end);
-    const std::size_t at = failure.text.find(words);
-    if (at != std::string::npos) show(failure.text.substr(at + words.size()), "");
+  for (const Outcome& outcome : outcomes()) {
+    if (outcome.end == "answer") continue;
+    show(outcome.text, outcome.end);
+    const std::size_t at = outcome.text.find(words);
+    if (at != std::string::npos) show(outcome.text.substr(at + words.size()), "");
   }
   for (const Row& row : rows) check(row.seen, "nothing shows the row", row.line);
 }

@@ -42,11 +42,6 @@ inline const llm::LLMClient client({.base_url = server.url() + "/v1",
 inline const llm::Messages messages{llm::system("You answer in JSON."),
                                     llm::user("Where are retries made?")};
 
-/// Makes a call with these settings that ends at the server wherever it was meant to go, and checks
-/// that this was `origin` and `path`.
-void carried(const llm::LLMConfig& config, const std::string& origin, const std::string& path,
-             int line = __builtin_LINE());
-
 /// Each row of the tables of docs/errors.md, which are for errors and for last failures, shows a
 /// failure that is provoked here, and each failure that is provoked is shown by a row.
 void every_row_is_provoked();

@@ -1,7 +1,7 @@
 // Whole calls: how they end. What they send and the outcomes of attempts are compared in
 // paths_test.cpp.
-#include <fcntl.h>
-#include <unistd.h>
+#include <climits>
+#include <cmath>
 
 #include "tovren_mapstead/engines/llm/fake.hpp"
 
@@ -10,6 +10,7 @@
 namespace {
 
 using namespace support;
+using llm::LLMConfig;
 
 const llm::Messages HELLO{llm::user("Hello")};
 const Reply STREAMED{.pieces = {"data: {\"choices\":[{\"delta\":{\"content\":\"hi\"}}]}\n\n"},
@@ -18,11 +19,25 @@ const LLMResult HI({.content = "hi", .model = "m"});
 
 // A client over played replies, its waits noted instead of waited.
 struct Scene {
-  explicit Scene(std::vector<Reply> replies, bool stream = true)
+  explicit Scene(std::vector<Reply> replies, LLMConfig::Fields fields = {})
       : transport(std::make_shared<Playback>(std::move(replies))),
-        client({.base_url = "http://h", .model = "m", .api_key = "sk-KEY-12345", .stream = stream},
+        client(complete(std::move(fields)),
                {.transport = transport,
                 .wait = [this](double s, auto&, auto) { waits.push_back(s); }}) {}
+
+  static LLMConfig complete(LLMConfig::Fields fields) {
+    fields.base_url = "http://h";
+    fields.model = "m";
+    fields.api_key = "sk-KEY-12345";
+    return LLMConfig(std::move(fields));
+  }
+
+  LLMResult chat(const llm::ChatOptions& options = {}) { return client.chat(HELLO, options); }
+
+  // The text of the error that a call ends in.
+  std::string error() {
+    return text_of<llm::LLMError>([&] { chat(); });
+  }
 
   std::shared_ptr<Playback> transport;
   std::vector<double> waits;
@@ -32,15 +47,12 @@ struct Scene {
 // Made before `main`, and before what the library makes when it is loaded. What it logs is nothing
 // for those who build this.
 const LLMResult EARLY = [] {
-  const int kept = dup(STDERR_FILENO);
-  const int nowhere = open("/dev/null", O_WRONLY);
-  dup2(nowhere, STDERR_FILENO);
+  testing::internal::CaptureStderr();
   const Reply no_json{.status = 400, .pieces = {"no response_format"}};
   const Reply thought{
       .pieces = {R"({"choices":[{"message":{"content":"<think>`a`</think>hi"}}]})"}};
-  LLMResult result = Scene({no_json, thought}, false).client.chat(HELLO, {.response_json = true});
-  dup2(kept, STDERR_FILENO);
-  close(kept), close(nowhere);
+  LLMResult result = Scene({no_json, thought}, {.stream = false}).chat({.response_json = true});
+  std::ignore = testing::internal::GetCapturedStderr();
   return result;
 }();
 
@@ -49,51 +61,48 @@ TEST(Chat, WorksBeforeMain) {
 }
 
 TEST(Chat, TakesFromTheConfigurationWhatTheCallLeavesOpen) {
-  const auto transport = std::make_shared<Playback>(std::vector{STREAMED});
-  const LLMClient client(
-      {.base_url = "http://h", .model = "m", .api_key = "k", .temperature = 0.7, .max_tokens = 99},
-      {.transport = transport});
-  std::ignore = client.chat({});
-  std::ignore = client.chat({}, {.temperature = 0.0, .max_tokens = 0});
-  const auto& sent = transport->requests();
+  Scene scene({STREAMED}, {.temperature = 0.7, .max_tokens = 99});
+  scene.chat();
+  scene.chat({.temperature = 0.0, .max_tokens = 0});
+  const auto& sent = scene.transport->requests();
   EXPECT_TRUE(contains(sent.at(0).body, R"("temperature":0.7,"max_tokens":99,)"));
   EXPECT_TRUE(contains(sent.at(1).body, R"("temperature":0.0,"max_tokens":0,)"));
 }
 
 TEST(Chat, RefusesWhatCannotBeSent) {
-  Scene scene({STREAMED});
-  const auto text =
-      text_of<llm::LLMError>([&] { std::ignore = scene.client.chat({llm::user("\xff")}); });
-  EXPECT_TRUE(text.starts_with("LLM request cannot be written as JSON: ")) << text;
-  EXPECT_TRUE(scene.transport->requests().empty());
+  const std::tuple<LLMClient, llm::Messages, std::string> cases[] = {
+      // client, messages, how the error's text begins
+      {Scene({STREAMED}).client, {llm::user("\xff")}, "LLM request cannot be written as JSON: "},
+      {Scene({STREAMED}, {.timeout_s = -5}).client, HELLO,
+       "LLM timeout_s is negative or not finite"},
+      {Scene({STREAMED}, {.timeout_s = std::nan("")}).client, HELLO, "LLM timeout_s is negative"},
+      {LLMClient({.base_url = "http://h", .model = "m"}), HELLO,
+       "LLM is not configured (need generation.base_url, generation.model, and the "
+       "TOVREN_LLM_API_KEY environment variable)."}};
+  for (const auto& [client, messages, told] : cases) {
+    const auto text = text_of<llm::LLMError>([&] { std::ignore = client.chat(messages); });
+    EXPECT_TRUE(text.starts_with(told)) << text;
+  }
+}
 
-  const LLMClient unconfigured({.base_url = "http://h", .model = "m"});
-  EXPECT_EQ(text_of<llm::LLMError>([&] { std::ignore = unconfigured.chat(HELLO); }),
-            "LLM is not configured (need generation.base_url, generation.model, and the "
-            "TOVREN_LLM_API_KEY environment variable).");
+TEST(Chat, MayRetryForEver) {
+  Scene scene({{.status = 503}, {.status = 418}}, {.max_retries = INT_MAX});
+  EXPECT_TRUE(contains(scene.error(), "HTTP 418"));
 }
 
 TEST(Chat, EndsInTheClientsOwnErrors) {
   Scene scene({Reply{.status = 503}});
-  const auto chat = [&](const llm::ChatOptions& options) {
-    std::ignore = scene.client.chat(HELLO, options);
-  };
-  EXPECT_THROW(chat({.deadline = http::Clock::time_point::min()}), llm::LLMTimeout);
+  EXPECT_THROW(scene.chat({.deadline = http::Clock::time_point::min()}), llm::LLMTimeout);
   const auto breaks = [asked = 0]() mutable { return ++asked > 1 ? throw 7 : false; };
-  EXPECT_THROW(chat({.should_stop = breaks}), int);
+  EXPECT_THROW(scene.chat({.should_stop = breaks}), int);
   EXPECT_TRUE(scene.transport->requests().empty());
   const LLMClient waiting(scene.client.config(), {.transport = scene.transport});
   const auto start = http::Clock::now();
   EXPECT_THROW(std::ignore = waiting.chat(HELLO, {.deadline = start + 900ms}), llm::LLMTimeout);
-  EXPECT_EQ(scene.transport->requests().size(),
-            1U);  // the next would come too late, so it fails now
-  EXPECT_LT(seconds_since(start), 0.8);
-  EXPECT_THROW(chat({}), llm::LLMError);
+  EXPECT_LT(seconds_since(start), 0.8);  // the next attempt would come too late, so it fails now
+  EXPECT_EQ(scene.transport->requests().size(), 1U);
+  EXPECT_THROW(scene.chat(), llm::LLMError);
   EXPECT_EQ(scene.waits, (std::vector<double>{1, 2}));
-}
-
-TEST(Chat, TakesNoStreamThatItDidNotAskFor) {
-  EXPECT_THROW(std::ignore = Scene({STREAMED}, false).client.chat(HELLO), llm::LLMError);
 }
 
 TEST(Failures, TellAProgramTheirStatusAndWhetherLaterMayBeBetter) {
@@ -102,54 +111,44 @@ TEST(Failures, TellAProgramTheirStatusAndWhetherLaterMayBeBetter) {
     Reply reply;
     std::optional<int> status;
     bool later;
+    llm::ChatOptions options{};
   };
 
   const http::TransportError silent("no data", true);
   const http::TransportError untrusted("cannot trust", false);
-  const Case cases[] = {{"a wrong key", llm::fake::status(401), 401, false},
-                        {"a rate limit", llm::fake::status(429), 429, true},
-                        {"silence", {.failure = silent}, std::nullopt, true},
-                        {"a certificate", {.failure = untrusted}, std::nullopt, false},
-                        {"no choices", {.pieces = {"{}"}}, std::nullopt, false}};
-  const auto check = [](const Case& c, const llm::ChatOptions& options) {
+  const Case cases[] = {
+      {"a wrong key", llm::fake::status(401), 401, false},
+      {"a rate limit", llm::fake::status(429), 429, true},
+      {"silence", {.failure = silent}, std::nullopt, true},
+      {"a certificate", {.failure = untrusted}, std::nullopt, false},
+      {"no choices", {.pieces = {"{}"}}, std::nullopt, false},
+      {"late", {.status = 503}, std::nullopt, true, {.deadline = 0s}},
+      {"stopped", {.status = 503}, std::nullopt, false, {.should_stop = [] { return true; }}}};
+  for (const Case& c : cases) {
     try {
-      std::ignore = Scene({c.reply}).client.chat(HELLO, options);
+      Scene({c.reply}).chat(c.options);
       ADD_FAILURE() << c.name;
     } catch (const llm::LLMError& error) {
       EXPECT_EQ(http::status_of(error), c.status) << c.name;
       EXPECT_EQ(http::may_succeed_later(error), c.later) << c.name;
     }
-  };
-  for (const Case& c : cases) check(c, {});
-  check({"late", llm::fake::status(503), std::nullopt, true}, {.deadline = 0s});
-  check({"stopped", llm::fake::status(503), std::nullopt, false},
-        {.should_stop = [] { return true; }});
-}
-
-TEST(Chat, TellsAUsedUpQuotaFromARateLimit) {
-  Scene scene({llm::fake::status(429, "insufficient_quota")});
-  const auto text = text_of<llm::LLMError>([&] { std::ignore = scene.client.chat(HELLO); });
-  EXPECT_TRUE(contains(text, "the account's quota is used up")) << text;
+  }
 }
 
 TEST(Chat, QuotesTheStartOfARefusal) {
-  Scene refusing({Reply{.status = 418, .pieces = {std::string(600, 'x')}}});
-  const auto text = text_of<llm::LLMError>([&] { std::ignore = refusing.client.chat(HELLO); });
+  const auto text = Scene({{.status = 418, .pieces = {std::string(600, 'x')}}}).error();
   EXPECT_TRUE(text.ends_with(" " + std::string(500, 'x'))) << text;
 }
 
 TEST(Chat, TakesPeriodsAndStopTokens) {
   std::stop_source source;
   Scene scene({STREAMED});
-  const auto chat = [&](const llm::ChatOptions& options) {
-    return scene.client.chat(HELLO, options);
-  };
   for (const http::Clock::duration period :
        {http::Clock::duration(30s), http::Clock::duration::max()}) {
-    EXPECT_EQ(chat({.should_stop = source.get_token(), .deadline = period}), HI);
+    EXPECT_EQ(scene.chat({.should_stop = source.get_token(), .deadline = period}), HI);
   }
   source.request_stop();
-  EXPECT_THROW(chat({.should_stop = source.get_token()}), llm::LLMStopped);
+  EXPECT_THROW(scene.chat({.should_stop = source.get_token()}), llm::LLMStopped);
 }
 
 TEST(Chat, ServesManyThreadsOverAConnectionEach) {
