@@ -31,13 +31,11 @@ std::vector<Outcome> outcomes() {
     exchange.reply(asks_for_token ? 200 : 401, R"({"token":"made-up","expires_at":9e9})");
   };
   std::vector<Call> calls{
-      {.name = "no key", .key = ""},
-      {.name = "odd key", .key = "sk-made-up\n"},
       {.name = "odd URL", .url = "http://a b"},
       {.name = "no server", .url = loopback::refused_url()},
       {.name = "too long to look up", .url = "http://" + std::string(70, 'x') + ".invalid"},
       {.name = "untrusted", .options = {.tls = true}, .trusted = false},
-      {.name = "no TLS", .scheme = "https"},
+      {.name = "no TLS", .host = "localhost"},
       {.name = "busy, then reset", .serve = resetting_the_second},
       {.name = "no next attempt",
        .serve = refusing(503),
@@ -61,7 +59,12 @@ std::vector<Outcome> outcomes() {
                      .timeout_s = end == End::timeout ? 0.1 : 10,
                      .attempts = 1});
   }
+  const auto without = [](const char* key) {
+    const llm::LLMClient caller({.base_url = server.url(), .model = "m", .api_key = key});
+    return faults::outcome_of([&] { return caller.chat({}).content(); });
+  };
   std::vector<Outcome> all{
+      without(""), without("sk-made-up\n"),
       faults::outcome_of([] { return llm::LLMClient({.base_url = "ftp://h"}).model(); }),
       faults::outcome_of([] { return client.chat({llm::user("\xff")}).content(); }),
       faults::outcome_of([] { return client.chat({}, {.temperature = NAN}).content(); })};
