@@ -109,13 +109,58 @@ TEST(Completion, FailsInWords) {
   }
 }
 
+LLMResult decode(const std::vector<std::string>& events) {
+  return play({.pieces = events},
+              [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); });
+}
+
 TEST(Stream, IsBoundedInLength) {
-  const std::string event =
-      R"(data: {"choices":[{"delta":{"content":")" + std::string(8 << 20, 'x') + "\"}}]}\n\n";
-  const auto decode = [](http::Response& reply) { return llm::_parse_sse_stream(reply, "m"); };
-  const auto text =
-      text_of<llm::LLMError>([&] { play({.pieces = std::vector(9, event)}, decode); });
-  EXPECT_TRUE(contains(text, "longer than 64 MiB")) << text;
+  for (const int first : {1, 8 << 20}) {  // an event is read otherwise if it is like a short one
+    std::vector<std::string> events;
+    for (int bytes = first; events.size() < 10; bytes = 8 << 20) {
+      events.push_back(R"(data: {"choices":[{"delta":{"content":")" +
+                       std::string(static_cast<std::size_t>(bytes), 'x') + "\"}}]}\n\n");
+    }
+    const auto text = text_of<llm::LLMError>([&] { std::ignore = decode(events); });
+    EXPECT_TRUE(contains(text, "longer than 64 MiB")) << text;
+  }
+}
+
+// The answer is that of the same stream with a number in each event, none of which is like another.
+TEST(Stream, ReadsAnEventThatRepeatsTheLastOneLikeAnyOther) {
+  const std::string usual = R"(,"model":"x","choices":[{"delta":{"content":"~"}}]})";
+  const std::string other = R"(,"model":"y","choices":[{"delta":{"content":"~"}}]})";
+  const std::string last =
+      R"(,"choices":[{"delta":{"content":"~"},"finish_reason":"stop"}],"usage":{"prompt_tokens":1}})";
+  // An event, and what stands in it at the "~".
+  const std::pair<std::string, std::vector<const char*>> parts[] = {
+      {usual,
+       {"a", "b", "", "\xc3\xbc", R"(\n\"\\\/\t)", "\"", "\\", "c\\", "d\x01", "another text"}},
+      {usual, {"e", "f", R"(g\u0041h)", "i", "j", R"(\ud83d)", R"(\ude00)", "k", "l"}},
+      {usual, {R"(x","model":"z)", R"(m"}},{"delta":{"content":"n)", "o"}},
+      {other, {"p"}},
+      {usual, {"p"}},
+      {other, {R"(\u0041)"}},
+      {usual, {"q", "r"}},
+      {R"(,"content":"~","choices":[{"delta":{"content":"s"}}]})", {"1", "2", "3"}},
+      {R"(,"content":"~","choices":[{"delta":{"content":"another text"}}]})", {"1", "2"}},
+      {R"(,"choices":[{"delta":{"content":"~","content":"t"}}]})", {"1", "2", "3"}},
+      {R"(,"choices":[{"delta":{"x\"content":"~","content" : "u"}}]})", {"1", "2", "3"}},
+      {R"(,"choices":[{"delta":{"content" : "~"}},{"delta":{"content":"1"}}]})", {"v", "w"}},
+      {last, {"x", "y"}},
+      {R"(,"error":"no","choices":[{"delta":{"content":"~"}}]})", {"1", "2"}},
+      {usual, {"z"}}};
+  std::vector<std::string> repeated, varied;
+  for (const auto& [event, texts] : parts) {
+    for (const std::string text : texts) {
+      std::string rest = event;
+      rest.replace(rest.find('~'), 1, text).append("\n\n");
+      repeated.push_back(R"(data: {"n":0)" + rest);
+      varied.push_back(R"(data: {"n":)" + std::to_string(varied.size()) + rest);
+      EXPECT_EQ(decode(repeated), decode(varied)) << rest;
+    }
+  }
+  EXPECT_TRUE(decode(repeated).content().ends_with("tttuuuvwxyz")) << decode(repeated).content();
 }
 
 }  // namespace

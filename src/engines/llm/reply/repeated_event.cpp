@@ -1,6 +1,7 @@
 #include "engines/llm/reply/repeated_event.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "tovren_mapstead/engines/http/utf8.hpp"
 
@@ -54,12 +55,13 @@ bool RepeatedEvent::append_text(std::string_view payload, std::string& out) {
 }
 
 // What looks like the text may be a part of another string or belong to another object. It is the
-// text if the event with other characters in its place has these for its text.
-void RepeatedEvent::learn(std::string_view payload, http::JsonReader& reader) {
+// text if another text comes of the event with other characters in its place.
+void RepeatedEvent::learn(std::string_view payload, const http::JsonValue& text,
+                          http::JsonReader& reader) {
   constexpr std::string_view NAME = "\"content\"";
   constexpr std::string_view OTHER = "another text";
   _before.clear();
-  if (_credit == 0 || payload.size() > MAX_LEARNT_BYTES) return;
+  if (_credit == 0 || payload.size() > MAX_LEARNT_BYTES || text.text() == OTHER) return;
   const std::size_t name = payload.find(NAME);
   if (name == std::string_view::npos) return;
   const std::size_t quote = payload.find_first_not_of(": ", name + NAME.size());
@@ -67,12 +69,11 @@ void RepeatedEvent::learn(std::string_view payload, http::JsonReader& reader) {
   const std::size_t end = payload.find_first_of("\"\\", quote + 1);
   if (end == std::string_view::npos || payload[end] == '\\') return;
   --_credit;
-  const std::string before(payload.substr(0, quote + 1));
+  std::string before(payload.substr(0, quote + 1));
   std::string after(payload.substr(end));
-  if (payload.substr(quote + 1, end - quote - 1) == OTHER) return;
-  const http::JsonValue variant = reader.parse(std::string(before).append(OTHER).append(after));
+  const http::JsonValue variant = reader.parse(before + std::string(OTHER) + after);
   if (_text_of(variant).text() != OTHER) return;
-  _before = before;
+  _before = std::move(before);
   _after = std::move(after);
 }
 

@@ -25,7 +25,7 @@ class RepeatedEvent {
 
   /// Learns an event in place of the one before. Finds out where its text is by parsing a variant
   /// of it with `reader`; no longer does so if no event like a learnt one comes.
-  void learn(std::string_view payload, http::JsonReader& reader);
+  void learn(std::string_view payload, const http::JsonValue& text, http::JsonReader& reader);
 
  private:
   TextOf _text_of;

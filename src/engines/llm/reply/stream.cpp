@@ -151,8 +151,9 @@ LLMResult _parse_sse_stream(http::Response& response, const std::string& fallbac
     if (answer.add_repeated(*payload, last)) continue;
     const JsonValue event = events.parse(*payload);
     if (!event.present()) continue;
-    if (add_event(Members(event), response.secrets(), answer)) {
-      last.learn(*payload, response.reader());
+    const Members members(event);
+    if (add_event(members, response.secrets(), answer)) {
+      last.learn(*payload, members.content, response.reader());
     }
   }
   return std::move(answer).finish();
