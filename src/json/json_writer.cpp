@@ -20,8 +20,6 @@ namespace {
 constexpr std::array<char, 256> ESCAPES = [] {
   std::array<char, 256> table{};
   for (std::size_t c = 0; c < 0x20; ++c) table.at(c) = 'u';
-  table['\b'] = 'b';
-  table['\f'] = 'f';
   table['\n'] = 'n';
   table['\r'] = 'r';
   table['\t'] = 't';

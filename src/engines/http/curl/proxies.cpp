@@ -106,7 +106,6 @@ std::optional<Proxy> Proxies::find(std::string_view scheme, std::string_view hos
   if (parsed && std::ranges::find(SCHEMES, parts.scheme) == SCHEMES.end()) {
     reason = "unsupported scheme";
   }
-  if (parsed && parts.host.empty()) reason = "no host";
   if (!reason.empty()) {  // does not quote the URL, which may hold a password
     throw TransportError("malformed URL of the proxy for " + std::string(scheme) + " (" + reason +
                              "); check the proxy variables",
