@@ -140,6 +140,7 @@ class Soak {
     const Outcome due = faults::predict(
         script.faults, script.path == WHOLE ? faults::Asked::whole : faults::Asked::streamed,
         ATTEMPTS);
+    seen.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     const std::lock_guard lock(_mutex);
     seen.requests = std::exchange(_requests[number], 0);
     _requests.erase(number);
