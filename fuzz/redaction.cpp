@@ -42,8 +42,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       require(gone.empty() || masked.find(gone) == std::string::npos, masked);
     require(masked.find(spelt) == std::string::npos, masked);
   }
-  if (const std::string plain = before + after;
-      plain.find(secret) == std::string::npos && plain.find_first_of("\\%") == std::string::npos)
+  constexpr std::size_t FIRST_IN_BASE64 = 8;  // bytes of a secret that is looked for in Base64
+  const std::string plain = before + after;
+  if (secret.size() < FIRST_IN_BASE64 && plain.find(secret) == std::string::npos &&
+      plain.find_first_of("\\%") == std::string::npos)
     require(http::redact(plain, {secret}) == plain, plain);
   return 0;
 }
