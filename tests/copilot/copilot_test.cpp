@@ -120,7 +120,8 @@ TEST_F(Copilot, AnswersWithATokenThatItKeeps) {
   EXPECT_EQ(sent.at("authorization"), "Bearer tid=1;exp=9:x");
   EXPECT_EQ(sent.at("copilot-integration-id"), "vscode-chat");
   EXPECT_TRUE(sent.contains("openai-intent"));
-  for (const char* const name : {"editor-version", "editor-plugin-version", "user-agent"}) {
+  for (const char* const name :
+       {"editor-version", "editor-plugin-version", "user-agent", "x-github-api-version"}) {
     EXPECT_EQ(sent.at(name), asked.at(name));
   }
 }
@@ -212,6 +213,8 @@ TEST_F(Copilot, FindsCredentialsInTheirOrder) {
   setenv("XDG_CONFIG_HOME", ".", 1);  // a relative path is no setting
   setenv("HOME", folder.c_str(), 1);
   EXPECT_EQ(found(), Found());
+  CopilotAuth fresh({.transport = transport});
+  EXPECT_EQ(ask(fresh), copilot::NO_CREDENTIAL);
   fs::create_directory_symlink(folder, folder / ".config");
   EXPECT_EQ(found(), files_of_apps[4].second);
   // A pipe in place of a file: nobody waits for a writer.

@@ -39,6 +39,7 @@ TEST(Edit, ChangesOneMemberAndKeepsTheRest) {
   const std::string body = R"({"a":"x\",\"b\":1}","b":[1,{"c":2}],"c":3})";
   const Case cases[] = {
       {"replaces", body, set("b", "4"), R"({"a":"x\",\"b\":1}","b":4,"c":3})"},
+      {"adds to none", "{}", set("a", "1"), R"({"a":1})"},
       {"adds", R"({"a":1})", set("b", "\"x\""), R"({"a":1,"b":"x"})"},
       {"renames", body, rename("c", "d"), R"({"a":"x\",\"b\":1}","b":[1,{"c":2}],"d":3})"},
       {"removes the first", body, remove("a"), R"({"b":[1,{"c":2}],"c":3})"},
@@ -46,6 +47,7 @@ TEST(Edit, ChangesOneMemberAndKeepsTheRest) {
       {"removes the only one", R"({ "a" : 1 })", remove("a"), "{ }"},
       {"finds no inner member", R"({"a":{"b":1}})", remove("b"), R"({"a":{"b":1}})", false},
       {"no object", R"(["a"])", set("a", "1"), R"(["a"])", false},
+      {"cut", R"({"a":1)", set("b", "1"), R"({"a":1)", false},
       {"cut in a value", R"({"b":"\)", remove("a"), R"({"b":"\)", false}};
   for (const Case& c : cases) {
     std::string edited = c.body;
@@ -145,7 +147,8 @@ TEST(Observe, PassesOnWhatItsObserverThrowsAndNamesNoCredential) {
   };
   const LLMClient client({.base_url = "http://me:secret@h/v1?key=k", .model = "m", .api_key = "k"},
                          {.transport = http::observe(observer, inner)});
-  EXPECT_EQ(client.chat({}).content(), "hi");  // at its end the call is over
+  const LLMResult result = client.chat({});  // at its end the call is over
+  EXPECT_EQ(result.content() + result.finish_reason().value_or(""), "histop");
   EXPECT_EQ(url, "http://h/v1");
   for (const auto kind : {request, head, body}) {
     thrown = kind;

@@ -111,6 +111,10 @@ TEST(Retry, EndsAtOnceByTheFirstThingThatEndsIt) {
               c.ends);
     EXPECT_LT(seconds_since(start), 2) << c.ends;  // it could sleep for 3 s and end alike
   }
+  const http::RetryPolicy stopping{.attempts = 2,
+                                   .wait = [](double, auto&, auto) { throw http::Stopped(""); }};
+  const auto busy = [](double) -> std::string { throw http::Retryable("busy"); };
+  EXPECT_EQ(text_of<http::Stopped>([&] { http::retry(stopping, busy); }), stopped);
 }
 
 TEST(Wait, LastsAsLongAsItIsAskedTo) {

@@ -58,12 +58,17 @@ TEST(Transport, TrustsTheAuthoritiesInAFile) {
 }
 
 TEST(Transport, UsesOneConnectionForOneStreamAfterTheOther) {
-  for (const bool ends : {true, false}) {
-    SCOPED_TRACE(ends);
-    Server server([&](Exchange& exchange) {
+  const std::tuple<const char*, std::size_t, bool> cases[] = {
+      // what follows the end marker, its bytes, whether it ends
+      {"an end that comes late", 0, true},
+      {"more than the client takes at once", 60'000, true},
+      {"silence", 0, false}};
+  for (const auto& [what, bytes, ends] : cases) {
+    SCOPED_TRACE(what);
+    Server server([&, rest = std::string(bytes, '\n'), last = ends](Exchange& exchange) {
       exchange.start_stream();
-      exchange.chunk("data: [DONE]\n\n");
-      if (!ends) return exchange.stall();
+      exchange.chunk("data: [DONE]\n\n" + rest);
+      if (!last) return exchange.stall();
       exchange.pause(20ms);
       exchange.end_stream();
     });
