@@ -129,4 +129,12 @@ TEST(Wait, LastsAsLongAsItIsAskedTo) {
   EXPECT_GE(lasts(0.1, [] { return false; }), 0.1);
 }
 
+TEST(Watch, SaysHowLongNothingCame) {
+  const http::StopTest none;
+  const http::Watch watch(0.005, none, {});
+  std::this_thread::sleep_for(6ms);
+  EXPECT_EQ(text_of<http::TimedOut>([&] { watch.check("waiting for", "h"); }),
+            "timed out: no data for 0.005 s while waiting for h");
+}
+
 }  // namespace
