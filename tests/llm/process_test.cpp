@@ -107,8 +107,11 @@ TEST(Process, MayForkWhileCallsRun) {
   });
   std::vector<pid_t> children;
   for (int i = 0; i < 8; ++i) {
-    children.push_back(fork());
-    if (children.back() == 0) _exit(ask(client_of(server)) == SLOW_ANSWER ? 0 : 1);
+    std::jthread([&] {  // which has used nothing of the library
+      children.push_back(fork());
+      if (children.back() == 0) _exit(ask(client_of(server)) == SLOW_ANSWER ? 0 : 1);
+    })
+        .join();
     std::this_thread::sleep_for(20ms);
   }
   for (const pid_t child : children) {
