@@ -110,7 +110,7 @@ void measure_streams(const Endpoint& endpoint, const Wanted& wanted, const Repor
           .ours = ours.cpu_us,
           .floor = floor.cpu_us,
           .unit = "us",
-          .limit = 1.1});
+          .limit = 1.3});
   report({.name = "streams_500_memory",
           .ours = ours.memory_kb,
           .floor = floor.memory_kb,

@@ -59,9 +59,10 @@ bool RepeatedEvent::append_text(std::string_view payload, std::string& out) {
 void RepeatedEvent::learn(std::string_view payload, const http::JsonValue& text,
                           http::JsonReader& reader) {
   constexpr std::string_view NAME = "\"content\"";
-  constexpr std::string_view OTHER = "another text";
+  constexpr std::string_view OTHER = "?";  // short: a longer variant would need a larger parser
   _before.clear();
-  if (_credit == 0 || payload.size() > MAX_LEARNT_BYTES || text.text() == OTHER) return;
+  if (_credit == 0 || payload.size() > MAX_LEARNT_BYTES) return;
+  if (text.empty() || text.text() == OTHER) return;
   const std::size_t name = payload.find(NAME);
   if (name == std::string_view::npos) return;
   const std::size_t quote = payload.find_first_not_of(": ", name + NAME.size());
