@@ -12,6 +12,7 @@
 
 #include "endpoint.hpp"
 #include "figure.hpp"
+#include "measure.hpp"
 
 namespace bench {
 namespace {
@@ -31,13 +32,16 @@ double ms_since(Clock::time_point moment) {
   return std::chrono::duration<double, std::milli>(Clock::now() - moment).count();
 }
 
-// The median and the maximum of what `once` returns, in ms.
+struct Times {
+  double middle, most, spread;  // ms, but for the spread
+};
+
+// Of what `once` returns.
 template <class Once>
-std::pair<double, double> of_many(Once once) {
+Times of_many(Once once) {
   std::vector<double> values;
   for (int i = 0; i < CALLS; ++i) values.push_back(once(i));
-  std::ranges::sort(values);
-  return {values[CALLS / 2], values.back()};
+  return {median(values), std::ranges::max(values), spread(values)};
 }
 
 // From the moment when the server sends the last byte of a reply, which is what the reply says, to
@@ -81,18 +85,31 @@ void measure_latency(const Endpoint& endpoint, const Wanted& wanted, const Repor
   const auto late = client_of(endpoint.url() + "/late/20");
   const auto silent = client_of(endpoint.url() + "/silence");
   if (wanted("first_answer")) {
-    const auto [middle, most] = of_many([&](int) { return first_answer(late); });
-    report({.name = "first_answer", .ours = middle, .unit = "ms", .limit = 1});
+    const auto [middle, most, apart] = of_many([&](int) { return first_answer(late); });
+    report({.name = "first_answer", .ours = middle, .unit = "ms", .limit = 1, .spread = apart});
   }
   if (wanted("stop_latency")) {
-    const auto [middle, most] = of_many([&](int round) { return stop(silent, round); });
-    report({.name = "stop_latency", .ours = middle, .unit = "ms", .limit = MEDIAN_LIMIT});
-    report({.name = "stop_latency_max", .ours = most, .unit = "ms", .limit = LIMIT});
+    const auto [middle, most, apart] = of_many([&](int round) { return stop(silent, round); });
+    report({.name = "stop_latency",
+            .ours = middle,
+            .unit = "ms",
+            .limit = MEDIAN_LIMIT,
+            .spread = apart});
+    report(
+        {.name = "stop_latency_max", .ours = most, .unit = "ms", .limit = LIMIT, .spread = apart});
   }
   if (wanted("deadline_latency")) {
-    const auto [middle, most] = of_many([&](int round) { return deadline(silent, round); });
-    report({.name = "deadline_latency", .ours = middle, .unit = "ms", .limit = MEDIAN_LIMIT});
-    report({.name = "deadline_latency_max", .ours = most, .unit = "ms", .limit = LIMIT});
+    const auto [middle, most, apart] = of_many([&](int round) { return deadline(silent, round); });
+    report({.name = "deadline_latency",
+            .ours = middle,
+            .unit = "ms",
+            .limit = MEDIAN_LIMIT,
+            .spread = apart});
+    report({.name = "deadline_latency_max",
+            .ours = most,
+            .unit = "ms",
+            .limit = LIMIT,
+            .spread = apart});
   }
 }
 

@@ -36,7 +36,10 @@ using Run = std::map<std::string, bench::Earlier>;
 
 Run read_run(const std::string& file) {
   Run run;
-  for (const auto& figure : nlohmann::json::parse(std::ifstream(file)).at("figures")) {
+  std::ifstream in(file);
+  if (!in) throw std::runtime_error("cannot read " + file);
+  const auto json = nlohmann::json::parse(in);
+  for (const auto& figure : json.at("figures")) {
     const double judged = figure.value("ratio", figure.at("ours").get<double>());
     run[figure.at("name")] = {.judged = judged, .spread = figure.value("spread", 0.0)};
   }
