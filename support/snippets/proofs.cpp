@@ -77,8 +77,8 @@ std::vector<Outcome> outcomes() {
   return all;
 }
 
-// A row of a table that begins with a text, "…" for what varies. The table of errors has their type
-// in the second column.
+// A row of a table that begins with a text, "…" for what varies. The table of errors has their
+// type in the second column.
 struct Row {
   std::string pattern, second;
   int line;

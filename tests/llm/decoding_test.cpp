@@ -130,8 +130,8 @@ TEST(Stream, IsBoundedInLength) {
 TEST(Stream, ReadsAnEventThatRepeatsTheLastOneLikeAnyOther) {
   const std::string usual = R"(,"model":"x","choices":[{"delta":{"content":"~"}}]})";
   const std::string other = R"(,"model":"y","choices":[{"delta":{"content":"~"}}]})";
-  const std::string last =
-      R"(,"choices":[{"delta":{"content":"~"},"finish_reason":"stop"}],"usage":{"prompt_tokens":1}})";
+  const std::string last = R"(,"choices":[{"delta":{"content":"~"},"finish_reason":"stop"}],)"
+                           R"("usage":{"prompt_tokens":1}})";
   // An event, and what stands in it at the "~".
   const std::pair<std::string, std::vector<const char*>> parts[] = {
       {usual, {"a", "b", "", "\xc3\xbc", R"(\n\"\\\/\t)", "\"", "\\", "c\\", "d\x01", "?"}},
