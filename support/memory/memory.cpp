@@ -28,8 +28,11 @@ void count(void* block, int sign) {
 }
 
 bool refused() {
-  if (until_failure == 0 || --until_failure > 0) return false;
-  return has_failed = true;
+  if (until_failure == 0) return false;
+  --until_failure;
+  if (until_failure > 0) return false;
+  has_failed = true;
+  return true;
 }
 
 void* allocate(std::size_t size) {
