@@ -198,7 +198,7 @@ void measure_decoding(const Wanted& wanted, const Report& report) {
             .ours = time(each.bytes),
             .floor = time(each.bytes / 10),
             .unit = "us",
-            .limit = 13});
+            .limit = 11});
   }
 }
 

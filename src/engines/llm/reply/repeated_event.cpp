@@ -1,6 +1,7 @@
 #include "engines/llm/reply/repeated_event.hpp"
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 
 #include "tovren_mapstead/engines/http/utf8.hpp"
@@ -11,7 +12,7 @@ namespace {
 constexpr std::size_t MAX_LEARNT_BYTES = 4096;
 constexpr int MAX_CREDIT = 16;
 
-// Returns the character of the escape "\c", 0 for one that is written otherwise.
+// Returns the character that the escape "\c" stands for; 0 if it is no escape of one letter.
 char escaped(char c) {
   constexpr std::string_view LETTERS = "\"\\/bfnrt";
   constexpr std::string_view CHARACTERS = "\"\\/\b\f\n\r\t";
@@ -19,8 +20,8 @@ char escaped(char c) {
   return at == std::string_view::npos ? '\0' : CHARACTERS[at];
 }
 
-// Appends what the inside of a JSON string stands for. Returns false for what is not one, or has
-// escapes of four digits, after it has appended a part.
+// Appends the text of a JSON string whose inside is given. Returns false if it is none, or has an
+// escape of four digits; a part may have been appended then.
 bool append_unescaped(std::string_view inside, std::string& out) {
   bool ascii = true;
   for (std::size_t i = 0; i < inside.size(); ++i) {
@@ -54,8 +55,9 @@ bool RepeatedEvent::append_text(std::string_view payload, std::string& out) {
   return true;
 }
 
-// What looks like the text may be a part of another string or belong to another object. It is the
-// text if another text comes of the event with other characters in its place.
+// What looks like the text may be part of another string, or a member of another object. So the
+// event is parsed once more with OTHER in that place: if OTHER is its text then, the place is
+// right.
 void RepeatedEvent::learn(std::string_view payload, const http::JsonValue& text,
                           http::JsonReader& reader) {
   constexpr std::string_view NAME = "\"content\"";

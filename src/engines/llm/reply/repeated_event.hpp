@@ -1,7 +1,6 @@
 // Reads the events of a stream that differ from an earlier one in their text only.
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 
